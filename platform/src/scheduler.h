@@ -1,0 +1,113 @@
+// The scheduler behind the time source: one process-wide mutex guards every
+// event, every thread-end flag and the virtual clock, so that a wake-up and
+// the bookkeeping of who is runnable happen in one step.
+//
+// Library threads (those started through Thread::Start) are counted while
+// they run and uncounted while they are blocked in a wait of the time source.
+// Whoever wakes a blocked library thread counts it again in the same critical
+// section, so there is no moment in which a woken thread that has not run yet
+// looks blocked; AdvanceBy can therefore trust "runnable == 0" to mean that
+// everything has settled.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "lumets/time_source.h"
+
+namespace lumets::platform::detail {
+
+struct Waiter;
+
+// The waits on one object (an event, a thread's end), first come first served.
+using WaitQueue = std::deque<Waiter*>;
+
+// One blocked wait; lives on the waiting thread's stack for the wait's duration.
+struct Waiter {
+    std::condition_variable ownCv;
+    // Library threads and real-mode waits sleep on their own condition variable;
+    // host threads in virtual mode share the scheduler's host one, because they
+    // also wait for the library threads to settle.
+    std::condition_variable* cv = &ownCv;
+    WaitQueue* queue = nullptr;
+    uint64_t deadline = 0;  // virtual milliseconds, when inTimeline
+    uint64_t seq = 0;       // registration order: ties at one deadline wake first come first
+    bool library = false;
+    bool inTimeline = false;
+    bool woken = false;
+    bool signalled = false;  // woken by its object rather than by time
+};
+
+class Scheduler {
+  public:
+    static Scheduler& Instance();
+
+    std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(m_mutex); }
+
+    static void MarkLibraryThread();
+    static bool IsLibraryThread();
+
+    // --- under the lock ----------------------------------------------------
+    // Blocks the caller (holding lk) on queue (may be null: a sleep) until it is
+    // signalled or the limit passes (none: no limit). True when signalled.
+    bool Wait(std::unique_lock<std::mutex>& lk, WaitQueue* queue, std::optional<uint32_t> limitMs);
+    // Wakes the first wait of queue as signalled; false when nobody waits.
+    bool SignalOne(WaitQueue& queue);
+    void SignalAll(WaitQueue& queue);
+    // The object behind queue goes away: its waits stay blocked but forget it.
+    static void Orphan(WaitQueue& queue);
+    // A library thread's body has returned (its last act).
+    void LibraryThreadEnded();
+
+    // --- taking the lock themselves ----------------------------------------
+    // Counts a library thread before it exists, so that nothing can settle
+    // before it has reached its first wait.
+    void LibraryThreadStarting();
+    void LibraryThreadNotStarted();
+
+    void SetMode(TimeMode mode);
+    TimeMode Mode() const { return m_mode.load(std::memory_order_acquire); }
+    uint64_t NowMs() const;
+    int64_t WallMs();
+    void SetWallMs(int64_t wallMs);
+    void Sleep(uint32_t ms);
+    void AdvanceBy(uint64_t ms);
+    void WaitUntilSettled();
+
+  private:
+    Scheduler() = default;
+
+    bool IsVirtual() const { return Mode() == TimeMode::Virtual; }
+    void Wake(Waiter& w, bool signalled);
+    void Unlink(Waiter& w);
+    void LeaveRunnable();
+    void SetNow(uint64_t now);
+    // Drives virtual time towards target as AdvanceBy does; stops early when own
+    // (a host thread's wait, if any) has been woken. Caller holds the driver role.
+    void RunTo(std::unique_lock<std::mutex>& lk, uint64_t target, const Waiter* own);
+    bool AcquireDriver(std::unique_lock<std::mutex>& lk, const Waiter* own);
+    void ReleaseDriver();
+    bool DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t limitMs);
+
+    std::mutex m_mutex;
+    // Host threads: AdvanceBy, WaitUntilSettled, the driver role and the waits of
+    // host threads in virtual mode. Notified whenever any of those may proceed.
+    std::condition_variable m_hostCv;
+    std::atomic<TimeMode> m_mode{TimeMode::Real};
+    std::atomic<uint64_t> m_now{0};
+    int64_t m_wallBase = 0;
+    uint64_t m_nowAtWallBase = 0;
+    int64_t m_runnable = 0;
+    uint64_t m_nextSeq = 0;
+    bool m_driving = false;
+    // Blocked virtual waits with a deadline, earliest first, ties in registration order.
+    std::map<std::pair<uint64_t, uint64_t>, Waiter*> m_timeline;
+};
+
+}  // namespace lumets::platform::detail

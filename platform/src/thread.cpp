@@ -1,0 +1,119 @@
+#include "lumets_platform/thread.h"
+
+#include <system_error>
+#include <thread>
+
+#include "lumets_platform/debug_output.h"
+#include "lumets_platform/event.h"
+#include "scheduler.h"
+
+namespace lumets::platform {
+
+using detail::Scheduler;
+
+struct Thread::State {
+    // Touched only by the owning Thread object.
+    std::thread thread;
+    // Guarded by the scheduler's mutex.
+    bool ended = false;
+    detail::WaitQueue endWaiters;
+};
+
+namespace {
+
+// The thread keeps its own reference to the state, so a detached thread never
+// touches freed memory, whatever became of the Thread object.
+void RunLibraryThread(std::shared_ptr<Thread::State> state, std::function<void()> body) {
+    Scheduler::MarkLibraryThread();
+    {
+        // Destroyed before the end is signalled: whatever the body captured must
+        // be gone by the time a waiter is told the thread has ended.
+        std::function<void()> run = std::move(body);
+        try {
+            run();
+        } catch (...) {
+            DebugOutput("lumets: a library thread ended with an exception\n");
+        }
+    }
+    Scheduler& s = Scheduler::Instance();
+    auto lk = s.Lock();
+    state->ended = true;
+    s.SignalAll(state->endWaiters);
+    s.LibraryThreadEnded();
+}
+
+bool HasEnded(const Thread::State& state) {
+    auto lk = Scheduler::Instance().Lock();
+    return state.ended;
+}
+
+}  // namespace
+
+Thread::Thread() = default;
+
+Thread::~Thread() {
+    if (!m_state) {
+        return;
+    }
+    if (HasEnded(*m_state)) {
+        m_state->thread.join();  // it has only its last instructions left
+    } else {
+        m_state->thread.detach();
+    }
+}
+
+bool Thread::Start(std::function<void()> body) {
+    if (!body) {
+        return false;
+    }
+    if (m_state) {
+        if (!HasEnded(*m_state)) {
+            return false;
+        }
+        m_state->thread.join();
+        m_state.reset();
+    }
+    auto state = std::make_shared<State>();
+    Scheduler& s = Scheduler::Instance();
+    s.LibraryThreadStarting();
+    try {
+        state->thread = std::thread(RunLibraryThread, state, std::move(body));
+    } catch (const std::system_error&) {
+        s.LibraryThreadNotStarted();
+        return false;
+    }
+    m_state = std::move(state);
+    return true;
+}
+
+bool Thread::WaitForEnd(uint32_t timeoutMs) {
+    if (!m_state) {
+        return true;
+    }
+    bool ended = false;
+    if (m_state->thread.get_id() != std::this_thread::get_id()) {
+        Scheduler& s = Scheduler::Instance();
+        auto lk = s.Lock();
+        if (!m_state->ended && timeoutMs != 0) {
+            std::optional<uint32_t> limit;
+            if (timeoutMs != kWaitInfinite) {
+                limit = timeoutMs;
+            }
+            s.Wait(lk, &m_state->endWaiters, limit);
+        }
+        ended = m_state->ended;
+    }
+    if (ended) {
+        m_state->thread.join();
+    } else {
+        m_state->thread.detach();
+    }
+    m_state.reset();
+    return ended;
+}
+
+bool Thread::IsStarted() const {
+    return m_state != nullptr;
+}
+
+}  // namespace lumets::platform

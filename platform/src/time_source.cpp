@@ -1,0 +1,320 @@
+#include "lumets/time_source.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "scheduler.h"
+
+namespace lumets::platform::detail {
+
+namespace {
+
+thread_local bool t_libraryThread = false;
+
+uint64_t SteadyMs() {
+    using namespace std::chrono;
+    return static_cast<uint64_t>(
+        duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+int64_t SystemMs() {
+    using namespace std::chrono;
+    return static_cast<int64_t>(
+        duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count());
+}
+
+}  // namespace
+
+Scheduler& Scheduler::Instance() {
+    // Never destroyed: a detached library thread may still wait or end while
+    // static destructors run at process exit.
+    static Scheduler* const instance = new Scheduler;
+    return *instance;
+}
+
+void Scheduler::MarkLibraryThread() {
+    t_libraryThread = true;
+}
+bool Scheduler::IsLibraryThread() {
+    return t_libraryThread;
+}
+
+void Scheduler::LeaveRunnable() {
+    if (--m_runnable <= 0) {
+        m_hostCv.notify_all();
+    }
+}
+
+void Scheduler::SetNow(uint64_t now) {
+    m_now.store(std::max(now, m_now.load(std::memory_order_relaxed)), std::memory_order_release);
+}
+
+void Scheduler::Unlink(Waiter& w) {
+    if (w.queue != nullptr) {
+        auto it = std::find(w.queue->begin(), w.queue->end(), &w);
+        if (it != w.queue->end()) {
+            w.queue->erase(it);
+        }
+        w.queue = nullptr;
+    }
+    if (w.inTimeline) {
+        m_timeline.erase({w.deadline, w.seq});
+        w.inTimeline = false;
+    }
+}
+
+void Scheduler::Wake(Waiter& w, bool signalled) {
+    w.woken = true;
+    w.signalled = signalled;
+    Unlink(w);
+    if (w.library) {
+        ++m_runnable;
+    }
+    // Notified under the lock: the condition variable may live on the waiter's
+    // stack, which it leaves as soon as it can take the lock.
+    w.cv->notify_all();
+}
+
+bool Scheduler::SignalOne(WaitQueue& queue) {
+    if (queue.empty()) {
+        return false;
+    }
+    Wake(*queue.front(), true);
+    return true;
+}
+
+void Scheduler::SignalAll(WaitQueue& queue) {
+    while (!queue.empty()) {
+        Wake(*queue.front(), true);
+    }
+}
+
+void Scheduler::Orphan(WaitQueue& queue) {
+    for (Waiter* w : queue) {
+        w->queue = nullptr;
+    }
+    queue.clear();
+}
+
+void Scheduler::LibraryThreadStarting() {
+    auto lk = Lock();
+    ++m_runnable;
+}
+
+void Scheduler::LibraryThreadNotStarted() {
+    auto lk = Lock();
+    LeaveRunnable();
+}
+
+void Scheduler::LibraryThreadEnded() {
+    LeaveRunnable();
+}
+
+bool Scheduler::Wait(std::unique_lock<std::mutex>& lk, WaitQueue* queue,
+                     std::optional<uint32_t> limitMs) {
+    Waiter w;
+    w.library = t_libraryThread;
+    w.seq = ++m_nextSeq;
+    if (queue != nullptr) {
+        queue->push_back(&w);
+        w.queue = queue;
+    }
+    const bool isVirtual = IsVirtual();
+    if (isVirtual && limitMs && !w.library) {
+        return DriveUntil(lk, w, *limitMs);
+    }
+    if (w.library) {
+        LeaveRunnable();
+    }
+    const auto woken = [&w] { return w.woken; };
+    if (!limitMs) {
+        w.cv->wait(lk, woken);
+    } else if (isVirtual) {
+        w.deadline = NowMs() + *limitMs;
+        m_timeline.emplace(std::make_pair(w.deadline, w.seq), &w);
+        w.inTimeline = true;
+        w.cv->wait(lk, woken);
+    } else {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(*limitMs);
+        if (!w.cv->wait_until(lk, until, woken)) {
+            // Timed out on its own: nobody else counts this thread runnable again.
+            Unlink(w);
+            if (w.library) {
+                ++m_runnable;
+            }
+        }
+    }
+    return w.signalled;
+}
+
+bool Scheduler::AcquireDriver(std::unique_lock<std::mutex>& lk, const Waiter* own) {
+    m_hostCv.wait(lk, [&] { return !m_driving || !IsVirtual() || (own && own->woken); });
+    if (m_driving || !IsVirtual() || (own && own->woken)) {
+        return false;
+    }
+    m_driving = true;
+    return true;
+}
+
+void Scheduler::ReleaseDriver() {
+    m_driving = false;
+    m_hostCv.notify_all();
+}
+
+void Scheduler::RunTo(std::unique_lock<std::mutex>& lk, uint64_t target, const Waiter* own) {
+    for (;;) {
+        m_hostCv.wait(
+            lk, [&] { return m_runnable <= 0 || !IsVirtual() || (own != nullptr && own->woken); });
+        if (!IsVirtual() || (own != nullptr && own->woken)) {
+            return;
+        }
+        if (m_timeline.empty() || m_timeline.begin()->first.first > target) {
+            SetNow(target);
+            return;
+        }
+        // One wait at a time, each allowed to settle before the next: waits due
+        // at the same instant run in the order they began, and whatever a woken
+        // thread signals happens before later waits time out.
+        Waiter& next = *m_timeline.begin()->second;
+        SetNow(next.deadline);
+        Wake(next, false);
+    }
+}
+
+// A timed wait on a host thread in virtual mode: nobody else may ever advance
+// time, so the waiter does it itself, like AdvanceBy towards its own deadline.
+bool Scheduler::DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t limitMs) {
+    w.cv = &m_hostCv;
+    w.deadline = NowMs() + limitMs;
+    // While another host thread drives, that one wakes this wait when due.
+    m_timeline.emplace(std::make_pair(w.deadline, w.seq), &w);
+    w.inTimeline = true;
+    if (!AcquireDriver(lk, &w)) {
+        if (!w.woken) {
+            Unlink(w);  // left virtual mode while waiting for the driver role
+        }
+        return w.signalled;
+    }
+    m_timeline.erase({w.deadline, w.seq});
+    w.inTimeline = false;
+    RunTo(lk, w.deadline, &w);
+    ReleaseDriver();
+    if (!w.woken) {
+        Unlink(w);
+    }
+    return w.signalled;
+}
+
+void Scheduler::SetMode(TimeMode mode) {
+    if (mode != TimeMode::Real && mode != TimeMode::Virtual) {
+        return;
+    }
+    auto lk = Lock();
+    if (Mode() == mode) {
+        return;
+    }
+    m_mode.store(mode, std::memory_order_release);
+    if (mode == TimeMode::Virtual) {
+        m_now.store(0, std::memory_order_release);
+        m_wallBase = SystemMs();
+        m_nowAtWallBase = 0;
+    } else {
+        // Virtual deadlines mean nothing any more: let those waits time out now
+        // rather than block forever.
+        while (!m_timeline.empty()) {
+            Wake(*m_timeline.begin()->second, false);
+        }
+    }
+    m_hostCv.notify_all();
+}
+
+uint64_t Scheduler::NowMs() const {
+    return IsVirtual() ? m_now.load(std::memory_order_acquire) : SteadyMs();
+}
+
+int64_t Scheduler::WallMs() {
+    if (!IsVirtual()) {
+        return SystemMs();
+    }
+    auto lk = Lock();
+    return m_wallBase +
+           static_cast<int64_t>(m_now.load(std::memory_order_relaxed) - m_nowAtWallBase);
+}
+
+void Scheduler::SetWallMs(int64_t wallMs) {
+    auto lk = Lock();
+    if (!IsVirtual()) {
+        return;
+    }
+    m_wallBase = wallMs;
+    m_nowAtWallBase = m_now.load(std::memory_order_relaxed);
+}
+
+void Scheduler::Sleep(uint32_t ms) {
+    if (ms == 0) {
+        std::this_thread::yield();
+        return;
+    }
+    if (!IsVirtual()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        return;
+    }
+    auto lk = Lock();
+    Wait(lk, nullptr, ms);
+}
+
+void Scheduler::AdvanceBy(uint64_t ms) {
+    // On a library thread it would wait for itself to block.
+    if (t_libraryThread || !IsVirtual()) {
+        return;
+    }
+    auto lk = Lock();
+    if (!AcquireDriver(lk, nullptr)) {
+        return;
+    }
+    const uint64_t now = m_now.load(std::memory_order_relaxed);
+    RunTo(lk, ms > UINT64_MAX - now ? UINT64_MAX : now + ms, nullptr);
+    ReleaseDriver();
+}
+
+void Scheduler::WaitUntilSettled() {
+    if (t_libraryThread || !IsVirtual()) {
+        return;
+    }
+    auto lk = Lock();
+    m_hostCv.wait(lk, [this] { return m_runnable <= 0 || !IsVirtual(); });
+}
+
+}  // namespace lumets::platform::detail
+
+namespace lumets {
+
+using platform::detail::Scheduler;
+
+void SetTimeMode(TimeMode mode) {
+    Scheduler::Instance().SetMode(mode);
+}
+TimeMode GetTimeMode() {
+    return Scheduler::Instance().Mode();
+}
+uint64_t MonotonicMs() {
+    return Scheduler::Instance().NowMs();
+}
+int64_t WallClockMs() {
+    return Scheduler::Instance().WallMs();
+}
+void SetVirtualWallClockMs(int64_t wallMs) {
+    Scheduler::Instance().SetWallMs(wallMs);
+}
+void SleepMs(uint32_t durationMs) {
+    Scheduler::Instance().Sleep(durationMs);
+}
+void AdvanceBy(uint64_t durationMs) {
+    Scheduler::Instance().AdvanceBy(durationMs);
+}
+void WaitUntilSettled() {
+    Scheduler::Instance().WaitUntilSettled();
+}
+
+}  // namespace lumets

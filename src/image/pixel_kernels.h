@@ -1,0 +1,66 @@
+// Row kernels behind the rectangle operations of pixel_ops.h, and the choice
+// between the scalar reference and the SIMD variants. Internal to the library.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lumets/win_types.h"
+
+namespace lumets {
+
+// One row of `count` pixels from src into dst.
+//
+// Preconditions shared by every kernel of every table:
+// - dst holds count pixels of the destination depth, src count pixels of the
+//   source depth (3 bytes for 24-bit, 4 for 32-bit); nothing past them is read
+//   or written, whatever the count;
+// - the two ranges do not overlap;
+// - no alignment is required.
+//
+// Every table gives the same bytes as ScalarKernels() for every input; the
+// comparison tests hold the variants to that.
+using RowKernel = void (*)(uint8_t* dst, const uint8_t* src, size_t count);
+
+struct PixelKernels {
+    const char* name;
+    // Straight-alpha blend of B, G, R, A sources: alpha 0 leaves the pixel,
+    // 255 copies it, anything else mixes ((255 - a) * D + a * S) / 255
+    // truncated. A 32-bit destination takes the source alpha (255 when
+    // copied), or keeps its own where the source alpha is 0.
+    RowKernel blend32To24;
+    RowKernel blend32To32;
+    // Plain copies. 24 -> 32 either keeps the destination's alpha byte (the
+    // blend of an alpha-less source) or writes 255 (a copy).
+    RowKernel copy24To24;
+    RowKernel copy24To32KeepAlpha;
+    RowKernel copy24To32Opaque;
+    RowKernel copy32To24;
+    RowKernel copy32To32;
+};
+
+// The plain per-pixel reference.
+const PixelKernels& ScalarKernels();
+// Each variant, or nullptr where this CPU cannot run it. The AVX-512 table
+// replaces only the main path (32-bit into 24-bit) and keeps the AVX2 rest.
+const PixelKernels* Avx512Kernels();
+const PixelKernels* Avx2Kernels();
+const PixelKernels* Sse41Kernels();
+// The fastest variant this CPU runs (chosen once), or nullptr.
+const PixelKernels* SimdKernels();
+// What the public operations use: SimdKernels(), else ScalarKernels().
+const PixelKernels& ActiveKernels();
+
+// The public operations with an explicit table, for the comparison tests and
+// the benchmarks.
+void BlendRectWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
+                   int32_t dstBpp, const RECT& dstRect, const uint8_t* src, int32_t srcWidth,
+                   int32_t srcHeight, int32_t srcBpp, const RECT& srcRect);
+void BlendAtWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
+                 int32_t dstBpp, POINT pos, const uint8_t* src, int32_t srcWidth, int32_t srcHeight,
+                 int32_t srcBpp);
+void CopyRectPixelsWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth,
+                        int32_t dstHeight, int32_t dstBpp, const RECT& dstRect, const uint8_t* src,
+                        int32_t srcWidth, int32_t srcHeight, int32_t srcBpp, const RECT& srcRect);
+
+}  // namespace lumets

@@ -1,0 +1,277 @@
+// AVX2 row kernels, 16 pixels a step. The file is built without -mavx2: only
+// the functions marked with the target attribute use the instructions, so no
+// shared inline code compiled for AVX2 can end up running on an older CPU.
+//
+// The blend: with w = (255 - a, a) as unsigned bytes and p = (D - 128, S - 128)
+// as signed bytes, pmaddubsw gives (255 - a) * D + a * S - 128 * 255 exactly
+// (the sum lies in [-32640, 32385], so it never saturates); adding 32640 gives
+// x in [0, 65025], and x / 255 truncated is mulhi(x, 0x8081) >> 7, exact for
+// every 16-bit x. Alpha 0 and 255 fall out of the same formula (D and S), so a
+// mixed block needs no per-pixel branches; whole blocks of alpha 0 are skipped
+// and whole blocks of alpha 255 copied.
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "image/pixel_kernels.h"
+
+#define LUMETS_AVX2 __attribute__((target("avx2")))
+#define LUMETS_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+
+namespace lumets {
+namespace {
+
+constexpr size_t kStep = 16;
+
+LUMETS_AVX2_INLINE __m256i AlphaMask() {
+    return _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u));
+}
+
+// Pixels 0..7 of a 16-pixel, 48-byte BGR block as B, G, R, 0. Reads bytes
+// 0..31 of the block.
+LUMETS_AVX2_INLINE __m256i ExpandBgrLow(const uint8_t* p) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    const __m256i spread =
+        _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 1, 2, 0, 3, 4, 5, 0));
+    const __m256i expand = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 0,
+                                            1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    return _mm256_shuffle_epi8(spread, expand);
+}
+
+// Pixels 8..15 of the same block. Reads bytes 16..47, so never past it.
+LUMETS_AVX2_INLINE __m256i ExpandBgrHigh(const uint8_t* p) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 16));
+    const __m256i spread =
+        _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(2, 3, 4, 0, 5, 6, 7, 0));
+    const __m256i expand = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 0,
+                                            1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    return _mm256_shuffle_epi8(spread, expand);
+}
+
+// Writes B, G, R of 16 four-byte pixels (lo: 0..7, hi: 8..15) as 48 bytes.
+LUMETS_AVX2_INLINE void StoreBgr16(uint8_t* p, __m256i lo, __m256i hi) {
+    const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0,
+                                          1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    // In each lane the 12 useful bytes are dwords 0..2 (lane 0) and 4..6
+    // (lane 1); gather them into 24 contiguous bytes.
+    const __m256i a = _mm256_shuffle_epi8(lo, pack);
+    const __m256i b = _mm256_shuffle_epi8(hi, pack);
+    const __m256i a24 = _mm256_permutevar8x32_epi32(a, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7));
+    const __m256i bHead = _mm256_permutevar8x32_epi32(b, _mm256_setr_epi32(0, 0, 0, 0, 0, 0, 0, 1));
+    const __m256i bTail = _mm256_permutevar8x32_epi32(b, _mm256_setr_epi32(2, 4, 5, 6, 0, 0, 0, 0));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), _mm256_blend_epi32(a24, bHead, 0xC0));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 32), _mm256_castsi256_si128(bTail));
+}
+
+// Blends 8 source pixels over 8 destination pixels, all channels; the alpha
+// channel of the result is meaningless and fixed up by the caller.
+LUMETS_AVX2_INLINE __m256i Blend8(__m256i d, __m256i s) {
+    const __m256i alphaSpread =
+        _mm256_setr_epi8(3, 3, 3, 3, 7, 7, 7, 7, 11, 11, 11, 11, 15, 15, 15, 15, 3, 3, 3, 3, 7, 7,
+                         7, 7, 11, 11, 11, 11, 15, 15, 15, 15);
+    const __m256i a = _mm256_shuffle_epi8(s, alphaSpread);
+    const __m256i inv = _mm256_xor_si256(a, _mm256_set1_epi8(-1));
+    const __m256i bias = _mm256_set1_epi8(static_cast<char>(0x80));
+    const __m256i ds = _mm256_xor_si256(d, bias);
+    const __m256i ss = _mm256_xor_si256(s, bias);
+    const __m256i offset = _mm256_set1_epi16(128 * 255);
+    const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
+    __m256i lo = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(inv, a), _mm256_unpacklo_epi8(ds, ss));
+    __m256i hi = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(inv, a), _mm256_unpackhi_epi8(ds, ss));
+    lo = _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(lo, offset), magic), 7);
+    hi = _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(hi, offset), magic), 7);
+    return _mm256_packus_epi16(lo, hi);
+}
+
+// 32 four-byte pixels, each register already packed to 12 bytes a lane by a
+// byte shuffle (dwords 0..2 and 4..6 hold data), as 96 contiguous bytes.
+struct Row96 {
+    __m256i v[3];
+};
+
+LUMETS_AVX2_INLINE Row96 Gather96(__m256i x0, __m256i x1, __m256i x2, __m256i x3) {
+    // Each permute serves the two outputs its register straddles.
+    const __m256i p0 = _mm256_permutevar8x32_epi32(x0, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 0, 0));
+    const __m256i p1 = _mm256_permutevar8x32_epi32(x1, _mm256_setr_epi32(2, 4, 5, 6, 0, 0, 0, 1));
+    const __m256i p2 = _mm256_permutevar8x32_epi32(x2, _mm256_setr_epi32(5, 6, 0, 0, 0, 1, 2, 4));
+    const __m256i p3 = _mm256_permutevar8x32_epi32(x3, _mm256_setr_epi32(0, 0, 0, 1, 2, 4, 5, 6));
+    return {{_mm256_blend_epi32(p0, p1, 0xC0), _mm256_blend_epi32(p1, p2, 0xF0),
+             _mm256_blend_epi32(p2, p3, 0xFC)}};
+}
+
+LUMETS_AVX2_INLINE Row96 PackBytes96(const __m256i (&s)[4], __m256i pattern) {
+    return Gather96(_mm256_shuffle_epi8(s[0], pattern), _mm256_shuffle_epi8(s[1], pattern),
+                    _mm256_shuffle_epi8(s[2], pattern), _mm256_shuffle_epi8(s[3], pattern));
+}
+
+// The blend on 32 bytes already laid out as the 24-bit destination: colour
+// bytes s and alpha bytes a sit over the destination bytes d they mix with.
+// Even and odd bytes are widened to 16 bits with masks and shifts, which
+// keeps the shuffle unit free for the packing above.
+LUMETS_AVX2_INLINE __m256i Mix32Bytes(__m256i d, __m256i s, __m256i a) {
+    const __m256i low = _mm256_set1_epi16(0x00FF);
+    const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
+    const __m256i ae = _mm256_and_si256(a, low);
+    const __m256i ao = _mm256_srli_epi16(a, 8);
+    const __m256i xe =
+        _mm256_add_epi16(_mm256_mullo_epi16(_mm256_and_si256(d, low), _mm256_xor_si256(ae, low)),
+                         _mm256_mullo_epi16(_mm256_and_si256(s, low), ae));
+    const __m256i xo =
+        _mm256_add_epi16(_mm256_mullo_epi16(_mm256_srli_epi16(d, 8), _mm256_xor_si256(ao, low)),
+                         _mm256_mullo_epi16(_mm256_srli_epi16(s, 8), ao));
+    const __m256i qe = _mm256_srli_epi16(_mm256_mulhi_epu16(xe, magic), 7);
+    // (q >> 7) << 8 in one shift and a mask.
+    const __m256i qo =
+        _mm256_andnot_si256(low, _mm256_slli_epi16(_mm256_mulhi_epu16(xo, magic), 1));
+    return _mm256_or_si256(qe, qo);
+}
+
+LUMETS_AVX2 void Blend32To24(uint8_t* dst, const uint8_t* src, size_t count) {
+    const __m256i alpha = AlphaMask();
+    const __m256i packColour =
+        _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
+                         8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    const __m256i packAlpha =
+        _mm256_setr_epi8(3, 3, 3, 7, 7, 7, 11, 11, 11, 15, 15, 15, -1, -1, -1, -1, 3, 3, 3, 7, 7, 7,
+                         11, 11, 11, 15, 15, 15, -1, -1, -1, -1);
+    size_t i = 0;
+    for (; i + 32 <= count; i += 32, dst += 96, src += 128) {
+        const __m256i s[4] = {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src)),
+                              _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 32)),
+                              _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 64)),
+                              _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 96))};
+        const __m256i any =
+            _mm256_or_si256(_mm256_or_si256(s[0], s[1]), _mm256_or_si256(s[2], s[3]));
+        if (_mm256_testz_si256(any, alpha)) {
+            continue;
+        }
+        const Row96 colour = PackBytes96(s, packColour);
+        const __m256i all =
+            _mm256_and_si256(_mm256_and_si256(s[0], s[1]), _mm256_and_si256(s[2], s[3]));
+        Row96 out = colour;
+        if (!_mm256_testc_si256(all, alpha)) {
+            const Row96 weight = PackBytes96(s, packAlpha);
+            for (int k = 0; k < 3; ++k) {
+                const __m256i d =
+                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32 * k));
+                out.v[k] = Mix32Bytes(d, colour.v[k], weight.v[k]);
+            }
+        }
+        for (int k = 0; k < 3; ++k) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32 * k), out.v[k]);
+        }
+    }
+    for (; i + kStep <= count; i += kStep, dst += 3 * kStep, src += 4 * kStep) {
+        const __m256i s0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
+        const __m256i s1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 32));
+        if (_mm256_testz_si256(_mm256_or_si256(s0, s1), alpha)) {
+            continue;
+        }
+        if (_mm256_testc_si256(_mm256_and_si256(s0, s1), alpha)) {
+            StoreBgr16(dst, s0, s1);
+            continue;
+        }
+        const __m256i d0 = ExpandBgrLow(dst);
+        const __m256i d1 = ExpandBgrHigh(dst);
+        StoreBgr16(dst, Blend8(d0, s0), Blend8(d1, s1));
+    }
+    _mm256_zeroupper();
+    ScalarKernels().blend32To24(dst, src, count - i);
+}
+
+// Result alpha: the source's, except where it is 0 (the pixel stays as it
+// was). The colour channels of Blend8 are already right in both cases.
+LUMETS_AVX2_INLINE __m256i Blend8To32(__m256i d, __m256i s) {
+    const __m256i alpha = AlphaMask();
+    const __m256i mixed = _mm256_blendv_epi8(Blend8(d, s), s, alpha);
+    const __m256i keep = _mm256_cmpeq_epi32(_mm256_and_si256(s, alpha), _mm256_setzero_si256());
+    return _mm256_blendv_epi8(mixed, d, keep);
+}
+
+LUMETS_AVX2 void Blend32To32(uint8_t* dst, const uint8_t* src, size_t count) {
+    const __m256i alpha = AlphaMask();
+    size_t i = 0;
+    for (; i + kStep <= count; i += kStep, dst += 4 * kStep, src += 4 * kStep) {
+        const __m256i s0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
+        const __m256i s1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 32));
+        if (_mm256_testz_si256(_mm256_or_si256(s0, s1), alpha)) {
+            continue;
+        }
+        __m256i r0 = s0;
+        __m256i r1 = s1;
+        if (!_mm256_testc_si256(_mm256_and_si256(s0, s1), alpha)) {
+            r0 = Blend8To32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst)), s0);
+            r1 = Blend8To32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32)), s1);
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), r0);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32), r1);
+    }
+    _mm256_zeroupper();
+    ScalarKernels().blend32To32(dst, src, count - i);
+}
+
+template <bool KeepAlpha>
+LUMETS_AVX2_INLINE void Copy24To32Row(uint8_t* dst, const uint8_t* src, size_t count,
+                                      RowKernel tail) {
+    const __m256i alpha = AlphaMask();
+    size_t i = 0;
+    for (; i + kStep <= count; i += kStep, dst += 4 * kStep, src += 3 * kStep) {
+        __m256i p0 = ExpandBgrLow(src);
+        __m256i p1 = ExpandBgrHigh(src);
+        if constexpr (KeepAlpha) {
+            const __m256i d0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst));
+            const __m256i d1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32));
+            p0 = _mm256_or_si256(p0, _mm256_and_si256(d0, alpha));
+            p1 = _mm256_or_si256(p1, _mm256_and_si256(d1, alpha));
+        } else {
+            p0 = _mm256_or_si256(p0, alpha);
+            p1 = _mm256_or_si256(p1, alpha);
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), p0);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32), p1);
+    }
+    _mm256_zeroupper();
+    tail(dst, src, count - i);
+}
+
+LUMETS_AVX2 void Copy24To32KeepAlpha(uint8_t* dst, const uint8_t* src, size_t count) {
+    Copy24To32Row<true>(dst, src, count, ScalarKernels().copy24To32KeepAlpha);
+}
+
+LUMETS_AVX2 void Copy24To32Opaque(uint8_t* dst, const uint8_t* src, size_t count) {
+    Copy24To32Row<false>(dst, src, count, ScalarKernels().copy24To32Opaque);
+}
+
+LUMETS_AVX2 void Copy32To24(uint8_t* dst, const uint8_t* src, size_t count) {
+    size_t i = 0;
+    for (; i + kStep <= count; i += kStep, dst += 3 * kStep, src += 4 * kStep) {
+        StoreBgr16(dst, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src)),
+                   _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 32)));
+    }
+    _mm256_zeroupper();
+    ScalarKernels().copy32To24(dst, src, count - i);
+}
+
+void Copy24To24(uint8_t* dst, const uint8_t* src, size_t count) {
+    std::memcpy(dst, src, count * 3);
+}
+
+void Copy32To32(uint8_t* dst, const uint8_t* src, size_t count) {
+    std::memcpy(dst, src, count * 4);
+}
+
+}  // namespace
+
+const PixelKernels* Avx2Kernels() {
+    static const PixelKernels kernels = {
+        "avx2",           Blend32To24, Blend32To32, Copy24To24, Copy24To32KeepAlpha,
+        Copy24To32Opaque, Copy32To24,  Copy32To32,
+    };
+    static const bool supported = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2") != 0;
+    }();
+    return supported ? &kernels : nullptr;
+}
+
+}  // namespace lumets

@@ -1,0 +1,46 @@
+// The process-wide font machinery: the library's own fontconfig
+// configuration and one Pango font map built on it.
+//
+// Pango and fontconfig objects are not safe to share between threads, and
+// renderers run on many threads (the items' playing threads and the host's),
+// so every use of the font map happens under Lock().
+#pragma once
+
+#include <fontconfig/fontconfig.h>
+#include <pango/pango.h>
+
+#include <mutex>
+#include <string>
+
+namespace lumets {
+
+class FontSystem {
+  public:
+    // Built on first use; lives until the library is unloaded.
+    static FontSystem& Get();
+
+    std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(m_mutex); }
+
+    // Null when no configuration could be loaded (then no text is drawn).
+    PangoFontMap* FontMap() const { return m_fontMap; }
+
+    // True when fontconfig's best match for the family really is that family,
+    // compared without letter case. Call under Lock().
+    bool HasFamily(const std::string& familyUtf8) const;
+
+    FontSystem(const FontSystem&) = delete;
+    FontSystem& operator=(const FontSystem&) = delete;
+
+  private:
+    FontSystem();
+    ~FontSystem();
+
+    std::mutex m_mutex;
+    FcConfig* m_config = nullptr;
+    PangoFontMap* m_fontMap = nullptr;
+};
+
+// The face every text falls back to when its own face cannot be had.
+inline constexpr char kFallbackFace[] = "微软雅黑";
+
+}  // namespace lumets

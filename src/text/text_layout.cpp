@@ -1,0 +1,388 @@
+#include "text/text_layout.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <vector>
+
+#include "lumets_platform/utf16.h"
+#include "text/font_system.h"
+
+namespace lumets {
+
+namespace {
+
+// Glyphs bigger than this are drawn as outlines: a rasterised glyph of a
+// huge font would need more memory than the whole bitmap may have.
+constexpr double kMaxRasterGlyphPixels = 512.0;
+// Ems beyond this could not show a single whole glyph in a bitmap anyway.
+constexpr double kMaxEmPixels = 2.0 * kMaxTextSide;
+
+// Float to int with truncation toward zero; NaN counts as 0 and values
+// beyond +-2^30 saturate, which keeps the even rounding free of overflow.
+int32_t TruncateSaturated(float value) {
+    if (!std::isfinite(value)) {
+        return value > 0 ? (1 << 30) : (std::isnan(value) ? 0 : -(1 << 30));
+    }
+    const double clamped = std::clamp(static_cast<double>(value), -1073741824.0, 1073741824.0);
+    return static_cast<int32_t>(clamped);
+}
+
+float Finite(float value) {
+    return std::isfinite(value) ? value : 0.0f;
+}
+
+PangoAlignment PangoAlign(int32_t align) {
+    switch (align) {
+        case 1:
+            return PANGO_ALIGN_CENTER;
+        case 2:
+            return PANGO_ALIGN_RIGHT;
+        default:
+            return PANGO_ALIGN_LEFT;  // "near", also for unknown values
+    }
+}
+
+}  // namespace
+
+std::u16string NormalizeText(const char16_t* text, size_t maxUnits) {
+    std::u16string out;
+    if (text == nullptr) {
+        return out;
+    }
+    const size_t length = platform::U16Length(text, maxUnits);
+    out.assign(text, length);
+    if (length == 0) {
+        return out;
+    }
+    std::replace(out.begin(), out.end(), u'\r', u'\n');
+    if (out.back() != u'\n') {
+        out.push_back(u'\n');
+    }
+    return out;
+}
+
+int32_t MulDiv(int32_t a, int32_t b, int32_t c) {
+    if (c == 0) {
+        return -1;
+    }
+    const int64_t product = static_cast<int64_t>(a) * b;
+    const int64_t half = std::llabs(c) / 2;
+    const bool negative = (product < 0) != (c < 0);
+    const int64_t magnitude = (std::llabs(product) + half) / std::llabs(c);
+    const int64_t result = negative ? -magnitude : magnitude;
+    if (result > INT32_MAX || result < INT32_MIN) {
+        return -1;
+    }
+    return static_cast<int32_t>(result);
+}
+
+double EmSizePixels(int32_t fontSize) {
+    // A zero height asks for the default font size; a positive one (negative
+    // points) asks for a cell height, taken here as the em.
+    const int32_t height = -MulDiv(fontSize, 96, 72);
+    double em = height == 0 ? 16.0 : std::abs(static_cast<double>(height));
+    return std::min(em, kMaxEmPixels);
+}
+
+BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool vertical) {
+    boxWidth = Finite(boxWidth);
+    boxHeight = Finite(boxHeight);
+    const float minimumSide = static_cast<float>(fontSize);
+    int32_t w = 0;
+    int32_t h = 0;
+    if (!vertical) {
+        h = minimumSide > boxHeight ? std::min(fontSize, 1 << 30)
+                                    : TruncateSaturated(boxHeight + 0.0001f);
+        w = TruncateSaturated(boxWidth + 0.0001f);
+    } else {
+        w = minimumSide > boxWidth ? std::min(fontSize, 1 << 30)
+                                   : TruncateSaturated(boxWidth + 0.0001f);
+        h = TruncateSaturated(boxHeight + 0.0001f);
+    }
+    // C++ remainder takes the dividend's sign, as the host's arithmetic does.
+    w += w % 2;
+    h += h % 2;
+    const int64_t pixels = static_cast<int64_t>(w) * h;
+    w = std::clamp(w, 2, kMaxTextSide);
+    h = std::clamp(h, 2, kMaxTextSide);
+    if (pixels > kMaxTextPixels) {
+        if (w <= h) {
+            h = static_cast<int32_t>(kMaxTextPixels / w);
+        } else {
+            w = static_cast<int32_t>(kMaxTextPixels / h);
+        }
+    }
+    return BitmapSize{w, h};
+}
+
+namespace {
+
+// Code points that belong to the character before them (marks, variation
+// selectors, emoji modifiers and joiners), so a vertical column keeps them
+// together with their base.
+bool JoinsPrevious(gunichar c, gunichar previous) {
+    return (c >= 0x300 && c <= 0x36F) || (c >= 0xFE00 && c <= 0xFE0F) || c == 0x200D ||
+           previous == 0x200D || (c >= 0x1F3FB && c <= 0x1F3FF) || (c >= 0xE0020 && c <= 0xE007F);
+}
+
+// One column's text: its characters one per line.
+std::string StackCharacters(const std::string& line) {
+    std::string out;
+    gunichar previous = 0;
+    for (const char* p = line.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
+        const gunichar c = g_utf8_get_char(p);
+        if (!out.empty() && !JoinsPrevious(c, previous)) {
+            out.push_back('\n');
+        }
+        out.append(p, g_utf8_next_char(p) - p);
+        previous = c;
+    }
+    return out;
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t begin = 0;
+    for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', begin)) {
+        lines.push_back(text.substr(begin, at - begin));
+        begin = at + 1;
+    }
+    lines.push_back(text.substr(begin));
+    return lines;
+}
+
+}  // namespace
+
+StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
+    : m_style(style), m_vertical(style.vertical != 0), m_empty(text.empty()) {
+    m_utf8 = platform::U16ToUtf8(text.data(), text.size());
+    m_emPixels = EmSizePixels(style.fontSize);
+
+    FontSystem& fonts = FontSystem::Get();
+    if (fonts.FontMap() == nullptr) {
+        return;
+    }
+    // The face as the host names it, cut to 31 units; an empty name or one
+    // that no installed face really has falls back to the default face.
+    std::string face = platform::U16ToUtf8(style.faceName, platform::U16Length(style.faceName, 31));
+    if (face.empty() || !fonts.HasFamily(face)) {
+        face = kFallbackFace;
+    }
+
+    m_context = pango_font_map_create_context(fonts.FontMap());
+    cairo_font_options_t* options = cairo_font_options_create();
+    cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
+    cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
+    cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
+    pango_cairo_context_set_font_options(m_context, options);
+    cairo_font_options_destroy(options);
+    pango_context_set_round_glyph_positions(m_context, FALSE);
+
+    PangoFontDescription* description = pango_font_description_new();
+    pango_font_description_set_family(description, face.c_str());
+    pango_font_description_set_absolute_size(description, m_emPixels * PANGO_SCALE);
+    pango_font_description_set_weight(description,
+                                      style.bold ? PANGO_WEIGHT_BOLD : PANGO_WEIGHT_NORMAL);
+    pango_font_description_set_style(description,
+                                     style.italic ? PANGO_STYLE_ITALIC : PANGO_STYLE_NORMAL);
+
+    m_layout = pango_layout_new(m_context);
+    pango_layout_set_font_description(m_layout, description);
+
+    PangoAttrList* attributes = pango_attr_list_new();
+    if (style.underline) {
+        pango_attr_list_insert(attributes, pango_attr_underline_new(PANGO_UNDERLINE_SINGLE));
+    }
+    if (style.strikeOut) {
+        pango_attr_list_insert(attributes, pango_attr_strikethrough_new(TRUE));
+    }
+    if (m_vertical) {
+        // Upright characters follow each other one em apart down a column;
+        // a column is one line of the font wide and centres its characters.
+        PangoFontMetrics* metrics = pango_context_get_metrics(m_context, description, nullptr);
+        m_columnWidth =
+            pango_font_metrics_get_ascent(metrics) + pango_font_metrics_get_descent(metrics);
+        pango_font_metrics_unref(metrics);
+        pango_attr_list_insert(attributes, pango_attr_line_height_new_absolute(
+                                               static_cast<int>(m_emPixels * PANGO_SCALE)));
+        pango_layout_set_alignment(m_layout, PANGO_ALIGN_CENTER);
+        pango_layout_set_width(m_layout, m_columnWidth);
+    } else {
+        // Along a line: near, centre or far; across lines the block always
+        // starts at the top edge (see MoveTo).
+        pango_layout_set_alignment(m_layout, PangoAlign(style.horizontalAlign));
+    }
+    pango_layout_set_attributes(m_layout, attributes);
+    pango_attr_list_unref(attributes);
+    pango_font_description_free(description);
+
+    if (!m_vertical) {
+        pango_layout_set_text(m_layout, m_utf8.data(), static_cast<int>(m_utf8.size()));
+    } else {
+        for (const std::string& line : SplitLines(m_utf8)) {
+            PangoLayout* column = pango_layout_copy(m_layout);
+            const std::string stacked = StackCharacters(line);
+            pango_layout_set_text(column, stacked.data(), static_cast<int>(stacked.size()));
+            m_columns.push_back(column);
+        }
+    }
+}
+
+StyledLayout::~StyledLayout() {
+    for (PangoLayout* column : m_columns) {
+        g_object_unref(column);
+    }
+    if (m_layout != nullptr) {
+        g_object_unref(m_layout);
+    }
+    if (m_context != nullptr) {
+        g_object_unref(m_context);
+    }
+}
+
+float StyledLayout::ColumnHeight(PangoLayout* column) const {
+    if (pango_layout_get_character_count(column) == 0) {
+        return 0.0f;
+    }
+    return static_cast<float>(pango_layout_get_line_count(column) * m_emPixels);
+}
+
+RectF StyledLayout::MeasureText(const std::string& utf8) const {
+    if (!m_vertical) {
+        PangoLayout* layout = pango_layout_copy(m_layout);
+        pango_layout_set_text(layout, utf8.data(), static_cast<int>(utf8.size()));
+        PangoRectangle logical{};
+        pango_layout_get_extents(layout, nullptr, &logical);
+        g_object_unref(layout);
+        return RectF{0, 0, static_cast<float>(logical.width) / PANGO_SCALE,
+                     static_cast<float>(logical.height) / PANGO_SCALE};
+    }
+    const std::vector<std::string> lines = SplitLines(utf8);
+    float height = 0.0f;
+    for (const std::string& line : lines) {
+        PangoLayout* column = pango_layout_copy(m_layout);
+        const std::string stacked = StackCharacters(line);
+        pango_layout_set_text(column, stacked.data(), static_cast<int>(stacked.size()));
+        height = std::max(height, ColumnHeight(column));
+        g_object_unref(column);
+    }
+    const float columnWidth = static_cast<float>(m_columnWidth) / PANGO_SCALE;
+    return RectF{0, 0, columnWidth * static_cast<float>(lines.size()), height};
+}
+
+RectF StyledLayout::Measure() const {
+    if (m_layout == nullptr || m_empty) {
+        return RectF{};
+    }
+    return MeasureText(m_utf8);
+}
+
+void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {
+    RectF r;
+    RectF measured;
+    if (m_layout != nullptr && !m_empty) {
+        measured = Measure();
+        r = RectF{0, 0, measured.width, measured.height};
+        // What one more (empty) line adds: the final line feed of every text
+        // makes the measured box a line too large, so take it off again.
+        const RectF one = MeasureText("W");
+        const RectF two = MeasureText("W\n");
+        float dW = two.width - one.width;
+        float dH = two.height - one.height;
+        if (!m_vertical) {
+            if (dW >= 1.0f) {
+                dW -= 1.0f;
+            }
+            if (m_style.verticalAlign == 1) {
+                r.y -= dH * 0.5f;
+            } else if (m_style.verticalAlign == 2) {
+                r.y -= dH;
+            }
+        } else {
+            if (dH >= 1.0f) {
+                dH -= 1.0f;
+            }
+            if (m_style.horizontalAlign == 1) {
+                r.x -= dW * 0.5f;
+            } else if (m_style.horizontalAlign == 2) {
+                r.x -= dW;
+            }
+        }
+        m_shift = RectF{r.x, r.y, 0, 0};
+        m_emptyLine = m_vertical ? two.width - one.width : two.height - one.height;
+        r.width -= dW;
+        r.height -= dH;
+        if (m_style.outline) {
+            r.width += m_style.outlineWidth;
+            r.height += m_style.outlineWidth;
+        }
+    }
+    *size = BitmapSizeFor(r.width, r.height, m_style.fontSize, m_vertical);
+    r.width = measured.width;
+    r.height = measured.height;
+    *layoutRect = r;
+}
+
+// The block of lines always starts at the unshifted top edge (horizontal
+// text) or right edge (vertical text): the alignment shifts of Layout exactly
+// cancel the alignment of a block that is one empty line shorter than the
+// measured box, so only the real lines are placed. Vertical columns are
+// aligned along the box's height by the vertical alignment.
+template <typename Paint>
+void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const {
+    const double x = rect.x - m_shift.x;
+    const double y = rect.y - m_shift.y;
+    if (!m_vertical) {
+        cairo_save(cr);
+        cairo_translate(cr, x, y);
+        paint(m_layout);
+        cairo_restore(cr);
+        return;
+    }
+    const double columnWidth = static_cast<double>(m_columnWidth) / PANGO_SCALE;
+    double right = x + rect.width - m_emptyLine;
+    for (PangoLayout* column : m_columns) {
+        const double slack = rect.height - ColumnHeight(column);
+        const double along = m_style.verticalAlign == 1   ? slack / 2
+                             : m_style.verticalAlign == 2 ? slack
+                                                          : 0.0;
+        cairo_save(cr);
+        cairo_translate(cr, right - columnWidth, y + along);
+        paint(column);
+        cairo_restore(cr);
+        right -= columnWidth;
+    }
+}
+
+void StyledLayout::AppendPath(cairo_t* cr, const RectF& rect) const {
+    if (m_layout == nullptr || m_empty) {
+        return;
+    }
+    ForEachBlock(cr, rect, [cr](PangoLayout* layout) {
+        pango_cairo_update_layout(cr, layout);
+        pango_cairo_layout_path(cr, layout);
+    });
+}
+
+void StyledLayout::ShowIn(cairo_t* cr, const RectF& rect) const {
+    if (m_layout == nullptr || m_empty) {
+        return;
+    }
+    cairo_save(cr);
+    cairo_rectangle(cr, rect.x, rect.y, rect.width, rect.height);
+    cairo_clip(cr);
+    const bool asPath = m_emPixels > kMaxRasterGlyphPixels;
+    ForEachBlock(cr, rect, [cr, asPath](PangoLayout* layout) {
+        pango_cairo_update_layout(cr, layout);
+        if (asPath) {
+            pango_cairo_layout_path(cr, layout);
+            cairo_fill(cr);
+        } else {
+            pango_cairo_show_layout(cr, layout);
+        }
+    });
+    cairo_restore(cr);
+}
+
+}  // namespace lumets

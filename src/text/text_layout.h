@@ -1,0 +1,91 @@
+// Text layout: the fonts, the measuring and the size arithmetic that turn a
+// text and a style into a layout rectangle and a bitmap size. Measuring
+// follows the host's typographic text format: no padding, trailing spaces
+// counted, no wrapping.
+#pragma once
+
+#include <pango/pangocairo.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lumets/text_style.h"
+
+namespace lumets {
+
+// Text bitmaps never exceed these.
+inline constexpr int32_t kMaxTextSide = 16384;
+inline constexpr int64_t kMaxTextPixels = 16777216;
+
+struct RectF {
+    float x = 0;
+    float y = 0;
+    float width = 0;
+    float height = 0;
+};
+
+struct BitmapSize {
+    int32_t width = 0;
+    int32_t height = 0;
+};
+
+// Carriage returns become line feeds and a final line feed is added, so
+// CR LF gives an empty line and every text ends with a line feed. An empty
+// text stays empty.
+std::u16string NormalizeText(const char16_t* text, size_t maxUnits);
+
+// MulDiv(a, b, c): a * b / c rounded to nearest, halves away from zero.
+int32_t MulDiv(int32_t a, int32_t b, int32_t c);
+
+// The em size in pixels for a font size in points on a 96 dpi screen.
+double EmSizePixels(int32_t fontSize);
+
+// The bitmap size from the corrected layout box: at least the font size
+// across lines, both sides made even, clamped to kMaxTextSide and to
+// kMaxTextPixels in all. Non-finite boxes count as 0.
+BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool vertical);
+
+// A Pango layout set up for one style. Owns its objects; use under the font
+// system's lock.
+class StyledLayout {
+  public:
+    StyledLayout(const std::u16string& text, const TextStyle& style);
+    ~StyledLayout();
+    StyledLayout(const StyledLayout&) = delete;
+    StyledLayout& operator=(const StyledLayout&) = delete;
+
+    // False when no font could be made: nothing is measured or drawn.
+    bool HasFont() const { return m_layout != nullptr; }
+    bool Vertical() const { return m_vertical; }
+
+    // The measured box of the whole text (on screen axes).
+    RectF Measure() const;
+    // The layout rectangle (x, y corrected, measured size) and the bitmap size.
+    void Layout(RectF* layoutRect, BitmapSize* size);
+
+    // Puts the text's outline into cr's path with its box at rect; for drawing
+    // without outline, ShowIn paints it with the current source, clipped to rect.
+    void AppendPath(cairo_t* cr, const RectF& rect) const;
+    void ShowIn(cairo_t* cr, const RectF& rect) const;
+
+  private:
+    RectF MeasureText(const std::string& utf8) const;
+    float ColumnHeight(PangoLayout* column) const;
+    template <typename Paint>
+    void ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const;
+
+    TextStyle m_style;
+    bool m_vertical = false;
+    bool m_empty = true;
+    double m_emPixels = 0;
+    RectF m_shift;          // the alignment shift Layout applied to the rectangle
+    float m_emptyLine = 0;  // what the final empty line adds across lines
+    PangoContext* m_context = nullptr;
+    PangoLayout* m_layout = nullptr;      // the text, or the column prototype
+    std::vector<PangoLayout*> m_columns;  // vertical text: one layout per column
+    int m_columnWidth = 0;                // Pango units
+    std::string m_utf8;
+};
+
+}  // namespace lumets

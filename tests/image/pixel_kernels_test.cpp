@@ -1,0 +1,279 @@
+// Every SIMD kernel table against the scalar reference, byte for byte: single
+// rows over many widths and alpha patterns, then whole operations on random
+// geometry. The blend arithmetic is also checked for every (a, D, S).
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <random>
+#include <vector>
+
+#include "image/pixel_kernels.h"
+
+namespace lumets {
+namespace {
+
+std::vector<const PixelKernels*> SupportedSimdTables() {
+    std::vector<const PixelKernels*> tables;
+    for (const PixelKernels* k : {Avx512Kernels(), Avx2Kernels(), Sse41Kernels()}) {
+        if (k != nullptr) {
+            tables.push_back(k);
+        }
+    }
+    return tables;
+}
+
+enum class Alphas { Uniform, TextLike, Transparent, Opaque, ZeroOrFull, PartialOnly };
+
+// Alpha runs as text gives them: mostly transparent, some opaque strokes and
+// short anti-aliased edges.
+void FillAlphas(std::vector<uint8_t>& px, size_t count, Alphas kind, std::mt19937& rng) {
+    size_t i = 0;
+    while (i < count) {
+        size_t run = 1;
+        uint8_t a = 0;
+        bool partialRun = false;
+        switch (kind) {
+            case Alphas::Uniform:
+                a = static_cast<uint8_t>(rng());
+                break;
+            case Alphas::Transparent:
+                a = 0;
+                break;
+            case Alphas::Opaque:
+                a = 255;
+                break;
+            case Alphas::ZeroOrFull:
+                a = (rng() & 1) ? 255 : 0;
+                run = 1 + rng() % 20;
+                break;
+            case Alphas::PartialOnly:
+                partialRun = true;
+                break;
+            case Alphas::TextLike: {
+                const uint32_t pick = rng() % 10;
+                run = 1 + rng() % 24;
+                a = pick < 7 ? 0 : 255;
+                partialRun = pick == 9;
+                if (partialRun) {
+                    run = 1 + rng() % 3;
+                }
+                break;
+            }
+        }
+        for (size_t k = 0; k < run && i < count; ++k, ++i) {
+            px[4 * i + 3] = partialRun ? static_cast<uint8_t>(1 + rng() % 254) : a;
+        }
+    }
+}
+
+// A row with room before and after, so that misaligned starts and writes
+// past the end both show.
+constexpr size_t kMargin = 64;
+
+struct RowCase {
+    size_t count;
+    size_t dstOffset;
+    size_t srcOffset;
+};
+
+void CompareRow(RowKernel reference, RowKernel candidate, size_t dstBytes, size_t srcBytes,
+                const RowCase& c, Alphas alphas, std::mt19937& rng) {
+    std::vector<uint8_t> src(c.count * 4 + 2 * kMargin);
+    for (uint8_t& b : src) {
+        b = static_cast<uint8_t>(rng());
+    }
+    if (srcBytes == 4) {
+        std::vector<uint8_t> px(c.count * 4);
+        FillAlphas(px, c.count, alphas, rng);
+        for (size_t i = 0; i < c.count; ++i) {
+            src[kMargin + c.srcOffset + 4 * i + 3] = px[4 * i + 3];
+        }
+    }
+    std::vector<uint8_t> dstA(c.count * dstBytes + 2 * kMargin);
+    for (uint8_t& b : dstA) {
+        b = static_cast<uint8_t>(rng());
+    }
+    std::vector<uint8_t> dstB = dstA;
+    const std::vector<uint8_t> before = dstA;
+    reference(dstA.data() + kMargin + c.dstOffset, src.data() + kMargin + c.srcOffset, c.count);
+    candidate(dstB.data() + kMargin + c.dstOffset, src.data() + kMargin + c.srcOffset, c.count);
+    ASSERT_EQ(dstA, dstB) << "count " << c.count << " offsets " << c.dstOffset << "/" << c.srcOffset
+                          << " alphas " << static_cast<int>(alphas);
+    for (size_t i = 0; i < kMargin + c.dstOffset; ++i) {
+        ASSERT_EQ(dstB[i], before[i]) << "wrote before the row";
+    }
+    for (size_t i = kMargin + c.dstOffset + c.count * dstBytes; i < dstB.size(); ++i) {
+        ASSERT_EQ(dstB[i], before[i]) << "wrote past the row";
+    }
+}
+
+struct KernelSlot {
+    const char* name;
+    RowKernel PixelKernels::*kernel;
+    size_t dstBytes;
+    size_t srcBytes;
+};
+
+constexpr KernelSlot kSlots[] = {
+    {"blend32To24", &PixelKernels::blend32To24, 3, 4},
+    {"blend32To32", &PixelKernels::blend32To32, 4, 4},
+    {"copy24To24", &PixelKernels::copy24To24, 3, 3},
+    {"copy24To32KeepAlpha", &PixelKernels::copy24To32KeepAlpha, 4, 3},
+    {"copy24To32Opaque", &PixelKernels::copy24To32Opaque, 4, 3},
+    {"copy32To24", &PixelKernels::copy32To24, 3, 4},
+    {"copy32To32", &PixelKernels::copy32To32, 4, 4},
+};
+
+TEST(PixelKernels, SimdRowsMatchScalarForEveryWidthAndAlphaPattern) {
+    std::mt19937 rng(1234);
+    const Alphas patterns[] = {Alphas::Uniform, Alphas::TextLike,   Alphas::Transparent,
+                               Alphas::Opaque,  Alphas::ZeroOrFull, Alphas::PartialOnly};
+    std::vector<size_t> counts;
+    for (size_t n = 0; n <= 80; ++n) {
+        counts.push_back(n);
+    }
+    for (size_t n : {127u, 128u, 129u, 1000u, 1927u}) {
+        counts.push_back(n);
+    }
+    for (const PixelKernels* simd : SupportedSimdTables()) {
+        SCOPED_TRACE(simd->name);
+        for (const KernelSlot& slot : kSlots) {
+            SCOPED_TRACE(slot.name);
+            for (size_t count : counts) {
+                for (Alphas alphas : patterns) {
+                    const RowCase c = {count, rng() % 32, rng() % 32};
+                    CompareRow(ScalarKernels().*slot.kernel, simd->*slot.kernel, slot.dstBytes,
+                               slot.srcBytes, c, alphas, rng);
+                    if (HasFatalFailure()) {
+                        return;
+                    }
+                }
+            }
+        }
+    }
+}
+
+// The blend of every source alpha, destination and source value, run through
+// long rows of every table and compared with the rule written out.
+TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
+    std::vector<const PixelKernels*> tables = SupportedSimdTables();
+    tables.push_back(&ScalarKernels());
+    constexpr size_t kCount = 256 * 256;
+    std::vector<uint8_t> src(kCount * 4);
+    std::vector<uint8_t> dst24(kCount * 3);
+    std::vector<uint8_t> dst32(kCount * 4);
+    for (const PixelKernels* k : tables) {
+        SCOPED_TRACE(k->name);
+        for (int a = 0; a < 256; ++a) {
+            for (size_t i = 0; i < kCount; ++i) {
+                const uint8_t d = static_cast<uint8_t>(i & 255);
+                const uint8_t s = static_cast<uint8_t>(i >> 8);
+                // Blue and red see (D, S), green the pair swapped.
+                src[4 * i + 0] = s;
+                src[4 * i + 1] = d;
+                src[4 * i + 2] = s;
+                src[4 * i + 3] = static_cast<uint8_t>(a);
+                dst24[3 * i + 0] = d;
+                dst24[3 * i + 1] = s;
+                dst24[3 * i + 2] = d;
+                dst32[4 * i + 0] = d;
+                dst32[4 * i + 1] = s;
+                dst32[4 * i + 2] = d;
+                dst32[4 * i + 3] = static_cast<uint8_t>(~i);
+            }
+            k->blend32To24(dst24.data(), src.data(), kCount);
+            k->blend32To32(dst32.data(), src.data(), kCount);
+            size_t bad = 0;
+            for (size_t i = 0; i < kCount && bad < 5; ++i) {
+                const int d = static_cast<int>(i & 255);
+                const int s = static_cast<int>(i >> 8);
+                const int mixed = ((255 - a) * d + s * a) / 255;
+                const int swapped = ((255 - a) * s + d * a) / 255;
+                const int alphaOut = a == 0 ? static_cast<uint8_t>(~i) : a;
+                const bool ok = dst24[3 * i] == mixed && dst24[3 * i + 1] == swapped &&
+                                dst24[3 * i + 2] == mixed && dst32[4 * i] == mixed &&
+                                dst32[4 * i + 1] == swapped && dst32[4 * i + 2] == mixed &&
+                                dst32[4 * i + 3] == alphaOut;
+                if (!ok) {
+                    ++bad;
+                    ADD_FAILURE() << "a " << a << " D " << d << " S " << s;
+                }
+            }
+            if (bad != 0) {
+                return;
+            }
+        }
+    }
+}
+
+TEST(PixelKernels, SimdOperationsMatchScalarOnRandomGeometry) {
+    const std::vector<const PixelKernels*> tables = SupportedSimdTables();
+    if (tables.empty()) {
+        GTEST_SKIP() << "no SIMD variant on this CPU";
+    }
+    std::mt19937 rng(99);
+    auto coord = [&rng](int32_t size) {
+        // Mostly near the picture, sometimes far outside it.
+        if (rng() % 16 == 0) {
+            const int32_t far[] = {INT32_MIN, INT32_MIN + 1, -100000,
+                                   100000,    INT32_MAX - 1, INT32_MAX};
+            return far[rng() % 6];
+        }
+        return static_cast<int32_t>(rng() % static_cast<uint32_t>(size + 41)) - 20;
+    };
+    const Alphas patterns[] = {Alphas::Uniform, Alphas::TextLike, Alphas::ZeroOrFull,
+                               Alphas::PartialOnly};
+    for (int iteration = 0; iteration < 3000; ++iteration) {
+        const int32_t dW = 1 + static_cast<int32_t>(rng() % 80);
+        const int32_t dH = 1 + static_cast<int32_t>(rng() % 24);
+        const int32_t sW = 1 + static_cast<int32_t>(rng() % 80);
+        const int32_t sH = 1 + static_cast<int32_t>(rng() % 24);
+        const int32_t dBpp = (rng() & 1) ? 32 : 24;
+        const int32_t sBpp = (rng() & 1) ? 32 : 24;
+        const size_t dStride = ((static_cast<size_t>(dW) * dBpp + 31) & ~size_t{31}) / 8;
+        const size_t sStride = ((static_cast<size_t>(sW) * sBpp + 31) & ~size_t{31}) / 8;
+        std::vector<uint8_t> src(sStride * static_cast<size_t>(sH));
+        for (uint8_t& b : src) {
+            b = static_cast<uint8_t>(rng());
+        }
+        if (sBpp == 32) {
+            FillAlphas(src, src.size() / 4, patterns[rng() % 4], rng);
+        }
+        std::vector<uint8_t> initial(dStride * static_cast<size_t>(dH));
+        for (uint8_t& b : initial) {
+            b = static_cast<uint8_t>(rng());
+        }
+        const RECT dRect = {coord(dW), coord(dH), coord(dW), coord(dH)};
+        const RECT sRect = {coord(sW), coord(sH), coord(sW), coord(sH)};
+        const POINT pos = {coord(dW), coord(dH)};
+        const int op = static_cast<int>(rng() % 3);
+        auto run = [&](const PixelKernels& k) {
+            std::vector<uint8_t> dst = initial;
+            if (op == 0) {
+                BlendRectWith(k, dst.data(), dW, dH, dBpp, dRect, src.data(), sW, sH, sBpp, sRect);
+            } else if (op == 1) {
+                BlendAtWith(k, dst.data(), dW, dH, dBpp, pos, src.data(), sW, sH, sBpp);
+            } else {
+                CopyRectPixelsWith(k, dst.data(), dW, dH, dBpp, dRect, src.data(), sW, sH, sBpp,
+                                   sRect);
+            }
+            return dst;
+        };
+        const std::vector<uint8_t> expected = run(ScalarKernels());
+        for (const PixelKernels* k : tables) {
+            ASSERT_EQ(run(*k), expected) << k->name << " iteration " << iteration << " op " << op;
+        }
+    }
+}
+
+TEST(PixelKernels, ActiveTableIsTheBestSupported) {
+    const PixelKernels* simd = SimdKernels();
+    EXPECT_EQ(&ActiveKernels(), simd != nullptr ? simd : &ScalarKernels());
+    if (Avx2Kernels() != nullptr) {
+        EXPECT_EQ(simd, Avx2Kernels());
+    }
+}
+
+}  // namespace
+}  // namespace lumets
