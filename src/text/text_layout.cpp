@@ -106,11 +106,14 @@ BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool
     const int64_t pixels = static_cast<int64_t>(w) * h;
     w = std::clamp(w, 2, kMaxTextSide);
     h = std::clamp(h, 2, kMaxTextSide);
+    // The pixel limit works on the clamped sides; its quotient is clamped
+    // again so that no side ever exceeds the limit (a long, narrow text would
+    // otherwise get a side over 16384).
     if (pixels > kMaxTextPixels) {
         if (w <= h) {
-            h = static_cast<int32_t>(kMaxTextPixels / w);
+            h = std::min(static_cast<int32_t>(kMaxTextPixels / w), kMaxTextSide);
         } else {
-            w = static_cast<int32_t>(kMaxTextPixels / h);
+            w = std::min(static_cast<int32_t>(kMaxTextPixels / h), kMaxTextSide);
         }
     }
     return BitmapSize{w, h};

@@ -1,0 +1,360 @@
+// The text renderer: styled pictures against goldens, properties that need
+// no golden, bad input, and rendering while another thread blends.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/golden.h"
+#include "text/text_layout.h"
+#include "text/text_renderer.h"
+
+namespace {
+
+using lumets::CTextRenderer;
+
+// Fonts and anti-aliasing can move edges by a level or two between library
+// builds; a handful of edge pixels may differ by more.
+constexpr lumets::test::GoldenTolerance kTextTolerance{12, 0.01};
+
+std::vector<uint8_t> Pixels(CTextRenderer& renderer) {
+    const SIZE size = renderer.GetSize();
+    std::vector<uint8_t> pixels(static_cast<size_t>(size.cx) * size.cy * 4);
+    renderer.CopyBuffer(pixels.data(), static_cast<uint32_t>(pixels.size()));
+    return pixels;
+}
+
+// Pixel (x, y) with y counted from the top of the picture.
+const uint8_t* At(const std::vector<uint8_t>& pixels, SIZE size, int x, int y) {
+    return pixels.data() + (static_cast<size_t>(size.cy - 1 - y) * size.cx + x) * 4;
+}
+
+TextStyle Style(int32_t fontSize, uint32_t color) {
+    TextStyle style;
+    style.fontSize = fontSize;
+    style.fillColor1 = color;
+    style.fillColor2 = color;
+    return style;
+}
+
+struct GoldenCase {
+    const char* name;
+    const char16_t* text;
+    TextStyle style;
+};
+
+std::vector<GoldenCase> GoldenCases() {
+    std::vector<GoldenCase> cases;
+    cases.push_back({"default", u"Lumets text 0123", TextStyle()});
+    TextStyle decorated = Style(24, 0x2040C0);
+    decorated.bold = 1;
+    decorated.italic = 1;
+    decorated.underline = 1;
+    decorated.strikeOut = 1;
+    cases.push_back({"bold_italic_underline_strike", u"Styled words", decorated});
+    for (float angle : {0.0f, 45.0f, 90.0f, 180.0f}) {
+        TextStyle gradient = Style(28, 0xFF0000);
+        gradient.fillColor2 = 0x0000FF;
+        gradient.fillAngle = angle;
+        const char* names[] = {"gradient_0", "gradient_45", "gradient_90", "gradient_180"};
+        cases.push_back(
+            {names[static_cast<int>(angle) / 45 == 4 ? 3 : static_cast<int>(angle) / 45],
+             u"A wide gradient text line", gradient});
+    }
+    TextStyle outline = Style(28, 0xFFFFFF);
+    outline.fillColor2 = 0xFFCC00;
+    outline.fillAngle = 90.0f;
+    outline.outline = 1;
+    outline.outlineWidth = 4.0f;
+    outline.outlineColor = 0x101010;
+    cases.push_back({"outline_4", u"Outline 描边", outline});
+    TextStyle background = Style(20, 0xFFFFFF);
+    background.backColor = 0x204080;
+    background.backAlpha = 100;
+    cases.push_back({"background_100", u"On a plate", background});
+    TextStyle vertical = Style(20, 0x006030);
+    vertical.vertical = 1;
+    cases.push_back({"vertical_three_columns", u"竖排文字\n第二列\n三", vertical});
+    TextStyle centred = Style(18, 0x000000);
+    centred.horizontalAlign = 1;
+    cases.push_back(
+        {"three_lines_centred", u"first line\nthe second, longer line\nthird", centred});
+    TextStyle right = centred;
+    right.horizontalAlign = 2;
+    cases.push_back({"three_lines_right", u"first line\nthe second, longer line\nthird", right});
+    cases.push_back({"cjk", u"直播字幕渲染测试", Style(24, 0x800000)});
+    cases.push_back({"mixed_latin_cjk_emoji", u"Live 直播 ✨😀 ok", Style(24, 0x303030)});
+    return cases;
+}
+
+TEST(TextRendererGolden, StylesMatchTheirPictures) {
+    for (const GoldenCase& c : GoldenCases()) {
+        CTextRenderer renderer;
+        renderer.Render(c.text, &c.style);
+        const SIZE size = renderer.GetSize();
+        const auto pixels = Pixels(renderer);
+        const std::string path = std::string(LUMETS_TEST_DATA_DIR) + "/" + c.name + ".png";
+        EXPECT_TRUE(
+            lumets::test::MatchesGolden(path, pixels.data(), size.cx, size.cy, kTextTolerance))
+            << c.name;
+    }
+}
+
+TEST(TextRenderer, DefaultStyleIsOpaqueBlackOnTransparent) {
+    CTextRenderer renderer;
+    const TextStyle style;
+    renderer.Render(u"Hello", &style);
+    const SIZE size = renderer.GetSize();
+    ASSERT_GT(size.cx, 10);
+    EXPECT_EQ(size.cx % 2, 0);
+    EXPECT_EQ(size.cy % 2, 0);
+    const auto pixels = Pixels(renderer);
+    int opaque = 0;
+    int partial = 0;
+    for (size_t i = 0; i < pixels.size(); i += 4) {
+        if (pixels[i + 3] == 255) {
+            ++opaque;
+            EXPECT_EQ(pixels[i] | pixels[i + 1] | pixels[i + 2], 0);
+        } else if (pixels[i + 3] > 0) {
+            ++partial;
+        }
+    }
+    EXPECT_GT(opaque, 20);
+    EXPECT_GT(partial, 20);  // anti-aliased edges
+}
+
+TEST(TextRenderer, GradientEndsAreTheTwoColours) {
+    TextStyle style = Style(40, 0xFF0000);
+    style.fillColor2 = 0x0000FF;
+    style.backColor = 0;
+    // A full background makes every pixel take the fill where text covers
+    // it; a wide row of full blocks covers the edges.
+    CTextRenderer renderer;
+    renderer.Render(u"██████████████████████", &style);
+    SIZE size = renderer.GetSize();
+    auto pixels = Pixels(renderer);
+    // Find a row through the blocks; its first and last covered pixels.
+    const int y = size.cy / 2;
+    int first = -1;
+    int last = -1;
+    for (int x = 0; x < size.cx; ++x) {
+        if (At(pixels, size, x, y)[3] == 255) {
+            first = first < 0 ? x : first;
+            last = x;
+        }
+    }
+    ASSERT_GE(first, 0);
+    ASSERT_LT(first, 4);
+    ASSERT_GT(last, size.cx - 5);
+    EXPECT_NEAR(At(pixels, size, first, y)[2], 255, 4);  // red at the left
+    EXPECT_NEAR(At(pixels, size, first, y)[0], 0, 4);
+    EXPECT_NEAR(At(pixels, size, last, y)[0], 255, 4);  // blue at the right
+    EXPECT_NEAR(At(pixels, size, last, y)[2], 0, 4);
+
+    style.fillAngle = 90.0f;
+    renderer.Render(u"██\n██\n██", &style);
+    size = renderer.GetSize();
+    pixels = Pixels(renderer);
+    // The top of the picture is the last row in memory: it starts red.
+    int top = -1;
+    int bottom = -1;
+    for (int row = 0; row < size.cy; ++row) {
+        if (At(pixels, size, 4, row)[3] == 255) {
+            top = top < 0 ? row : top;
+            bottom = row;
+        }
+    }
+    ASSERT_GE(top, 0);
+    EXPECT_GT(At(pixels, size, 4, top)[2], 200);
+    EXPECT_LT(At(pixels, size, 4, top)[0], 60);
+    EXPECT_GT(At(pixels, size, 4, bottom)[0], At(pixels, size, 4, top)[0]);
+}
+
+// The ink box (alpha above half) of a picture, in top-down coordinates.
+RECT InkBox(const std::vector<uint8_t>& pixels, SIZE size) {
+    RECT box{size.cx, size.cy, -1, -1};
+    for (int y = 0; y < size.cy; ++y) {
+        for (int x = 0; x < size.cx; ++x) {
+            if (At(pixels, size, x, y)[3] > 128) {
+                box.left = std::min<int32_t>(box.left, x);
+                box.top = std::min<int32_t>(box.top, y);
+                box.right = std::max<int32_t>(box.right, x + 1);
+                box.bottom = std::max<int32_t>(box.bottom, y + 1);
+            }
+        }
+    }
+    return box;
+}
+
+TEST(TextRenderer, OutlineMovesGlyphsByHalfThePenAndWidensTheBitmap) {
+    // Outlined text is filled as a path; compare with a path of no width.
+    TextStyle plain = Style(30, 0x000000);
+    plain.outline = 1;
+    TextStyle outlined = plain;
+    outlined.outline = 1;
+    outlined.outlineWidth = 4.0f;
+    outlined.outlineAlpha = 0;  // an invisible pen: only the fill shows
+    CTextRenderer a;
+    CTextRenderer b;
+    a.Render(u"HIH", &plain);
+    b.Render(u"HIH", &outlined);
+    const SIZE sa = a.GetSize();
+    const SIZE sb = b.GetSize();
+    EXPECT_GE(sb.cx - sa.cx, 3);
+    EXPECT_LE(sb.cx - sa.cx, 5);
+    const RECT ia = InkBox(Pixels(a), sa);
+    const RECT ib = InkBox(Pixels(b), sb);
+    EXPECT_EQ(ib.left - ia.left, 2);
+    EXPECT_EQ(ib.top - ia.top, 2);
+}
+
+TEST(TextRenderer, BackgroundCoversTheLayoutBoxOnly) {
+    TextStyle style = Style(17, 0xFFFFFF);
+    style.backColor = 0x000000;
+    style.backAlpha = 100;
+    CTextRenderer renderer;
+    renderer.Render(u"x", &style);
+    const SIZE size = renderer.GetSize();
+    const auto pixels = Pixels(renderer);
+    // The top-left pixel lies in the box and is opaque black or text.
+    EXPECT_EQ(At(pixels, size, 0, 0)[3], 255);
+    // The bitmap is at least 17 + 1 high; rows past the box are all zero.
+    EXPECT_GE(size.cy, 18);
+    const uint8_t* corner = At(pixels, size, size.cx - 1, size.cy - 1);
+    if (corner[3] == 0) {
+        EXPECT_EQ(corner[0] | corner[1] | corner[2], 0);
+    }
+}
+
+TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
+    CTextRenderer renderer;
+    EXPECT_EQ(renderer.GetSize().cx, 0);
+    EXPECT_EQ(renderer.GetSize().cy, 0);
+    uint8_t sentinel[16];
+    std::memset(sentinel, 0x5A, sizeof sentinel);
+    renderer.CopyBuffer(sentinel, sizeof sentinel);
+    EXPECT_EQ(sentinel[0], 0x5A);
+    std::vector<uint8_t> frame(lumets::RowStride(8, 24) * 8, 0x5A);
+    const POINT pos{0, 0};
+    renderer.BlendInto24(frame.data(), 8, 8, &pos);
+    const RECT clip{0, 0, 8, 8};
+    renderer.BlendScaledInto24(frame.data(), 8, 8, &clip, &pos, 1.0f);
+    for (uint8_t b : frame) {
+        ASSERT_EQ(b, 0x5A);
+    }
+
+    TextStyle style = Style(17, 0);
+    style.backAlpha = 100;
+    renderer.Render(u"", &style);
+    EXPECT_EQ(renderer.GetSize().cx, 2);
+    EXPECT_EQ(renderer.GetSize().cy, 18);
+    for (uint8_t b : Pixels(renderer)) {
+        ASSERT_EQ(b, 0);  // fully transparent whatever the background says
+    }
+    style.vertical = 1;
+    renderer.Render(u"", &style);
+    EXPECT_EQ(renderer.GetSize().cx, 18);
+    EXPECT_EQ(renderer.GetSize().cy, 2);
+    style.fontSize = 0;
+    renderer.Render(u"", &style);
+    EXPECT_EQ(renderer.GetSize().cx, 2);
+    EXPECT_EQ(renderer.GetSize().cy, 2);
+
+    // A null text changes nothing.
+    renderer.Render(u"abc", &style);
+    const SIZE before = renderer.GetSize();
+    renderer.Render(nullptr, &style);
+    EXPECT_EQ(renderer.GetSize().cx, before.cx);
+    EXPECT_EQ(renderer.Text(), u"abc\n");
+}
+
+TEST(TextRenderer, UnknownAndEmptyFacesLookTheSameAsTheFallback) {
+    TextStyle fallback = Style(20, 0);
+    TextStyle unknown = fallback;
+    const char16_t name[] = u"No Such Face Anywhere";
+    std::memcpy(unknown.faceName, name, sizeof name);
+    TextStyle named = fallback;
+    const char16_t fallbackName[] = u"微软雅黑";
+    std::memcpy(named.faceName, fallbackName, sizeof fallbackName);
+    CTextRenderer a;
+    CTextRenderer b;
+    CTextRenderer c;
+    a.Render(u"Same 字", &fallback);
+    b.Render(u"Same 字", &unknown);
+    c.Render(u"Same 字", &named);
+    EXPECT_EQ(Pixels(a), Pixels(b));
+    EXPECT_EQ(Pixels(a), Pixels(c));
+}
+
+TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
+    CTextRenderer renderer;
+    // A whole block of text without a terminator, on the heap so that
+    // AddressSanitizer sees any read past it.
+    auto block = std::make_unique<char16_t[]>(CTextRenderer::kMaxTextUnits);
+    for (size_t i = 0; i < CTextRenderer::kMaxTextUnits; ++i) {
+        block[i] = (i % 50 == 49) ? u'\n' : u'a' + (i % 26);
+    }
+    TextStyle style;
+    renderer.Render(block.get(), &style);
+    SIZE size = renderer.GetSize();
+    EXPECT_LE(size.cx, lumets::kMaxTextSide);
+    EXPECT_LE(size.cy, lumets::kMaxTextSide);
+
+    // A face name filling all 32 units without a terminator.
+    TextStyle longFace;
+    for (char16_t& unit : longFace.faceName) {
+        unit = u'Z';
+    }
+    renderer.Render(u"face", &longFace);
+    EXPECT_GT(renderer.GetSize().cx, 2);
+
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    for (int32_t fontSize : {0, -12, 100000}) {
+        for (float outlineWidth : {0.0f, -3.0f, nan, inf, 1e30f}) {
+            TextStyle s = Style(fontSize, 0x123456);
+            s.outline = outlineWidth != 0.0f;
+            s.outlineWidth = outlineWidth;
+            s.fillAngle = outlineWidth;  // odd angles too
+            renderer.Render(u"Big 字", &s);
+            size = renderer.GetSize();
+            EXPECT_GE(size.cx, 2);
+            EXPECT_GE(size.cy, 2);
+            EXPECT_LE(size.cx, lumets::kMaxTextSide);
+            EXPECT_LE(size.cy, lumets::kMaxTextSide);
+            EXPECT_LE(static_cast<int64_t>(size.cx) * size.cy, lumets::kMaxTextPixels);
+        }
+    }
+}
+
+TEST(TextRendererThreads, RenderWhileAnotherThreadBlends) {
+    CTextRenderer renderer;
+    TextStyle style = Style(20, 0xFFFFFF);
+    renderer.Render(u"start", &style);
+    std::atomic<bool> done{false};
+    std::thread blender([&] {
+        std::vector<uint8_t> frame(lumets::RowStride(320, 24) * 120, 0);
+        const RECT clip{0, 0, 320, 120};
+        const POINT pos{4, 4};
+        while (!done.load()) {
+            renderer.BlendInto24(frame.data(), 320, 120, &pos);
+            renderer.BlendScaledInto24(frame.data(), 320, 120, &clip, &pos, 1.5f);
+            (void)renderer.GetSize();
+        }
+    });
+    const char16_t* texts[] = {u"one", u"a much longer second text", u"三", u"four\nlines\n\nhere"};
+    for (int i = 0; i < 40; ++i) {
+        style.fontSize = 12 + i % 20;
+        renderer.Render(texts[i % 4], &style);
+    }
+    done = true;
+    blender.join();
+}
+
+}  // namespace
