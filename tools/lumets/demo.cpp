@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "image/pixel_ops.h"
+#include "text/text_renderer.h"
 
 namespace lumets::tool {
 
@@ -71,30 +72,6 @@ Picture Plate(int32_t w, int32_t h, uint8_t alpha) {
     return plate;
 }
 
-// Bars of varying width with soft edges: the alpha profile of rendered text.
-Picture TextLike(int32_t w, int32_t h) {
-    Picture text(w, h, 32);
-    int32_t x = 8;
-    int32_t glyph = 0;
-    while (x < w - 24) {
-        const int32_t gw = 10 + (glyph * 7) % 18;
-        const int32_t gh = h - 16 - (glyph * 5) % 14;
-        for (int32_t y = 0; y < h; ++y) {
-            for (int32_t i = 0; i < gw; ++i) {
-                const double c = RoundedRectCoverage(i + 0.5, y - (h - gh) / 2.0 + 0.5, gw, gh, 3);
-                uint8_t* p = text.At(x + i, y);
-                p[0] = ToByte(255 - 3 * y);
-                p[1] = ToByte(230 - 2 * y);
-                p[2] = 255;
-                p[3] = ToByte(255 * c);
-            }
-        }
-        x += gw + 6 + ((glyph % 5 == 4) ? 14 : 0);
-        ++glyph;
-    }
-    return text;
-}
-
 Picture Disc(int32_t size, uint8_t b, uint8_t g, uint8_t r) {
     Picture disc(size, size, 32);
     const double radius = size / 2.0;
@@ -152,11 +129,29 @@ std::vector<uint8_t> RenderDemoFrame() {
                    checker.pixels.data(), checker.width, checker.height, checker.bitsPerPixel,
                    srcRect);
 
-    // A subtitle: translucent rounded plate with text-like glyphs on it.
+    // A subtitle: a translucent rounded plate with styled text on it.
     const Picture plate = Plate(960, 110, 170);
     BlendTopDown(frame, plate, (kDemoWidth - plate.width) / 2, kDemoHeight - 160);
-    const Picture text = TextLike(900, 70);
-    BlendTopDown(frame, text, (kDemoWidth - text.width) / 2, kDemoHeight - 140);
+    TextStyle style;
+    style.fontSize = 30;
+    style.bold = 1;
+    style.fillColor1 = 0xFFFFFF;
+    style.fillColor2 = 0xFFC040;
+    style.fillAngle = 90.0f;
+    style.outline = 1;
+    style.outlineWidth = 3.0f;
+    style.outlineColor = 0x301000;
+    style.horizontalAlign = 1;
+    CTextRenderer subtitle;
+    subtitle.Render(u"Lumets overlays · 直播字幕 ✨", &style);
+    const SIZE size = subtitle.GetSize();
+    const RECT clip{0, 0, kDemoWidth, kDemoHeight};
+    const POINT pos{(kDemoWidth - size.cx) / 2, kDemoHeight - 105 - size.cy / 2};
+    subtitle.BlendScaledInto24(frame.pixels.data(), frame.width, frame.height, &clip, &pos, 1.0f);
+
+    // The same text scaled down in the top-left corner, as a smaller output would show it.
+    const POINT small{40 * 2, 40 * 2};
+    subtitle.BlendScaledInto24(frame.pixels.data(), frame.width, frame.height, &clip, &small, 0.5f);
 
     return std::move(frame.pixels);
 }

@@ -1,0 +1,106 @@
+// Text rendering: the renderer against a bare Pango/Cairo render of the same
+// layout (the floor), and the scaled composite into a full HD frame.
+#include <benchmark/benchmark.h>
+#include <pango/pangocairo.h>
+
+#include <cmath>
+#include <vector>
+
+#include "image/pixel_ops.h"
+#include "text/font_system.h"
+#include "text/text_renderer.h"
+
+namespace {
+
+// 40 characters mixing CJK and Latin.
+const char16_t kLine[] = u"Live 直播 subtitle 字幕 test 测试 line 行 ok";
+
+TextStyle BenchStyle() {
+    TextStyle style;
+    style.fontSize = 24;
+    style.fillColor1 = 0xFF4000;
+    style.fillColor2 = 0x2040FF;
+    style.fillAngle = 30.0f;
+    style.outline = 1;
+    style.outlineWidth = 2.0f;
+    style.outlineColor = 0x000000;
+    return style;
+}
+
+void BM_Render(benchmark::State& state) {
+    lumets::CTextRenderer renderer;
+    const TextStyle style = BenchStyle();
+    for (auto _ : state) {
+        renderer.Render(kLine, &style);
+        benchmark::DoNotOptimize(renderer.GetSize());
+    }
+}
+BENCHMARK(BM_Render)->Unit(benchmark::kMicrosecond);
+
+// The same text, font, gradient and outline drawn with Pango and Cairo alone
+// into a surface of the renderer's size: the least any renderer must do.
+void BM_BarePangoCairoFloor(benchmark::State& state) {
+    lumets::CTextRenderer renderer;
+    const TextStyle style = BenchStyle();
+    renderer.Render(kLine, &style);
+    const SIZE size = renderer.GetSize();
+    std::vector<uint8_t> pixels(static_cast<size_t>(size.cx) * size.cy * 4);
+    const char* utf8 = "Live 直播 subtitle 字幕 test 测试 line 行 ok";
+    auto& fonts = lumets::FontSystem::Get();
+    for (auto _ : state) {
+        auto lock = fonts.Lock();
+        cairo_surface_t* surface = cairo_image_surface_create_for_data(
+            pixels.data(), CAIRO_FORMAT_ARGB32, size.cx, size.cy, size.cx * 4);
+        cairo_t* cr = cairo_create(surface);
+        cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
+        cairo_paint(cr);
+        cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
+        PangoContext* context = pango_font_map_create_context(fonts.FontMap());
+        PangoLayout* layout = pango_layout_new(context);
+        PangoFontDescription* description =
+            pango_font_description_from_string("WenQuanYi Micro Hei 32px");
+        pango_layout_set_font_description(layout, description);
+        pango_layout_set_text(layout, utf8, -1);
+        cairo_pattern_t* gradient = cairo_pattern_create_linear(0, 0, size.cx, size.cy);
+        cairo_pattern_add_color_stop_rgb(gradient, 0, 1, 0.25, 0);
+        cairo_pattern_add_color_stop_rgb(gradient, 1, 0.125, 0.25, 1);
+        cairo_move_to(cr, 1, 1);
+        pango_cairo_layout_path(cr, layout);
+        cairo_set_source_rgb(cr, 0, 0, 0);
+        cairo_set_line_width(cr, 2);
+        cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND);
+        cairo_stroke_preserve(cr);
+        cairo_set_source(cr, gradient);
+        cairo_fill(cr);
+        cairo_pattern_destroy(gradient);
+        pango_font_description_free(description);
+        g_object_unref(layout);
+        g_object_unref(context);
+        cairo_destroy(cr);
+        cairo_surface_destroy(surface);
+        benchmark::DoNotOptimize(pixels.data());
+    }
+}
+BENCHMARK(BM_BarePangoCairoFloor)->Unit(benchmark::kMicrosecond);
+
+void BM_BlendScaledInto24(benchmark::State& state) {
+    const float scale = static_cast<float>(state.range(0)) / 10.0f;
+    lumets::CTextRenderer renderer;
+    const TextStyle style = BenchStyle();
+    renderer.Render(kLine, &style);
+    std::vector<uint8_t> frame(static_cast<size_t>(lumets::RowStride(1920, 24)) * 1080, 40);
+    const RECT clip{0, 0, 1920, 1080};
+    const POINT pos{100, 600};
+    const uint32_t before = renderer.ScaleCount();
+    for (auto _ : state) {
+        renderer.BlendScaledInto24(frame.data(), 1920, 1080, &clip, &pos, scale);
+        benchmark::DoNotOptimize(frame.data());
+    }
+    state.counters["contexts_per_call"] = static_cast<double>(renderer.ScaleCount() - before) /
+                                          static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_BlendScaledInto24)->Arg(10)->Arg(15)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
