@@ -17,7 +17,7 @@ cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DLUMETS_SANITIZE=address,undefined -DLUMETS_BUILD_BENCH=OFF
 cmake --build build/asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --test-dir build/asan --output-on-failure
+  LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" ctest --test-dir build/asan --output-on-failure
 
 echo "== ThreadSanitizer (threaded suites)"
 cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
