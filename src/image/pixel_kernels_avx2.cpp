@@ -1,14 +1,25 @@
-// AVX2 row kernels, 16 pixels a step. The file is built without -mavx2: only
-// the functions marked with the target attribute use the instructions, so no
-// shared inline code compiled for AVX2 can end up running on an older CPU.
+// AVX2 row kernels. The file is built without -mavx2: only the functions
+// marked with the target attribute use the instructions, so no shared inline
+// code compiled for AVX2 can end up running on an older CPU. Each kernel
+// calls _mm256_zeroupper() itself before it returns: GCC does not always emit
+// it for target-attribute functions, and a dirty upper state slows every
+// later SSE instruction several times over.
 //
-// The blend: with w = (255 - a, a) as unsigned bytes and p = (D - 128, S - 128)
-// as signed bytes, pmaddubsw gives (255 - a) * D + a * S - 128 * 255 exactly
-// (the sum lies in [-32640, 32385], so it never saturates); adding 32640 gives
-// x in [0, 65025], and x / 255 truncated is mulhi(x, 0x8081) >> 7, exact for
-// every 16-bit x. Alpha 0 and 255 fall out of the same formula (D and S), so a
-// mixed block needs no per-pixel branches; whole blocks of alpha 0 are skipped
-// and whole blocks of alpha 255 copied.
+// Division by 255: for x in [0, 65025], x / 255 truncated is
+// mulhi(x, 0x8081) >> 7 (exact for every 16-bit x). Alpha 0 and 255 fall out
+// of the blend formula unchanged (D and S), so a mixed block needs no
+// per-pixel branches; whole blocks of alpha 0 are skipped and whole blocks of
+// alpha 255 copied.
+//
+// Two forms of the weighted sum:
+// - 16-pixel steps work on 4-byte pixels: with w = (255 - a, a) as unsigned
+//   bytes and p = (D - 128, S - 128) as signed bytes, pmaddubsw gives
+//   (255 - a) * D + a * S - 128 * 255 exactly (the sum lies in
+//   [-32640, 32385], so it never saturates); adding 32640 gives x.
+// - the 32-pixel steps of the main path (32-bit into 24-bit) first pack colour
+//   and alpha into the 24-bit layout and mix there, even and odd bytes widened
+//   by masks and shifts: fewer bytes to mix, and the shuffle unit, the
+//   bottleneck of the first form, only packs.
 #include <immintrin.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// SSE4.1 row kernels for CPUs without AVX2: the same arithmetic as the AVX2
-// file (see there), on 4 pixels a register and 16 pixels a step. Built
+// SSE4.1 row kernels for CPUs without AVX2: the arithmetic of the AVX2
+// file's 16-pixel steps (see there), on 4 pixels a register. Built
 // without -msse4.1; only the functions marked with the target attribute use
 // the instructions.
 #include <immintrin.h>

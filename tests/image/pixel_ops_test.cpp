@@ -38,7 +38,6 @@ class Guarded {
 
     Guarded(int32_t width, int32_t height, int32_t bpp, uint8_t fill)
         : width_(width),
-          height_(height),
           bpp_(bpp),
           bytes_(Stride(width, bpp) * static_cast<size_t>(height) + 2 * kGuard, kCanary) {
         std::memset(data(), fill, bytes_.size() - 2 * kGuard);
@@ -60,13 +59,9 @@ class Guarded {
     std::vector<uint8_t> Picture() const {
         return {bytes_.begin() + kGuard, bytes_.end() - kGuard};
     }
-    int32_t width() const { return width_; }
-    int32_t height() const { return height_; }
-    int32_t bpp() const { return bpp_; }
 
   private:
     int32_t width_;
-    int32_t height_;
     int32_t bpp_;
     std::vector<uint8_t> bytes_;
 };
