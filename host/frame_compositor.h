@@ -1,0 +1,59 @@
+// Putting movie frames into the host's 24-bit frames: scaling with libswscale
+// and straight-alpha blending, clipped.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "ffmpeg_util.h"
+#include "lumets/win_types.h"
+#include "movie.h"
+
+namespace lumets::host {
+
+// Blends a picture (B, G, R, A, rows of width x 4 bytes, bottom-up) into a
+// 24-bit bottom-up frame whose rows are width x 3 bytes rounded up to 4. The
+// picture's top-left lands at pos (top-down frame coordinates); only pixels
+// inside clip (put into order first) and inside the frame change, each as
+// D = ((255 - a) * D + S * a) / 255.
+void BlendIntoFrame24(uint8_t* frame, uint32_t frameWidth, uint32_t frameHeight, const RECT& clip,
+                      POINT pos, const uint8_t* picture, int32_t width, int32_t height);
+
+// The size of a movie frame drawn at scale, truncated toward zero; 0 x 0 when
+// the scale is not a positive number or the result would exceed the limits.
+void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth,
+                int32_t* scaledHeight);
+
+// Keeps the last scaled frame, so that a host drawing faster than the movie
+// changes pays for one scale per movie frame. Thread-safe.
+class CScaledFrameCache {
+  public:
+    // Calls draw with the frame's pixels at the requested size (scaled with
+    // SWS_BICUBIC when it differs from the movie's), under the cache's lock.
+    template <typename Draw>
+    void WithFrame(const std::shared_ptr<const CMovie>& movie, size_t frameIndex, int32_t width,
+                   int32_t height, Draw&& draw) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (const uint8_t* pixels = Get(movie, frameIndex, width, height)) {
+            draw(pixels);
+        }
+    }
+
+  private:
+    const uint8_t* Get(const std::shared_ptr<const CMovie>& movie, size_t frameIndex, int32_t width,
+                       int32_t height);
+
+    std::mutex m_mutex;
+    std::shared_ptr<const CMovie> m_movie;
+    size_t m_frameIndex = 0;
+    int32_t m_width = 0;
+    int32_t m_height = 0;
+    std::vector<uint8_t> m_pixels;  // the scaled frame, B, G, R, A
+    std::vector<uint8_t> m_sourcePlanes;
+    std::vector<uint8_t> m_scaledPlanes;
+    SwsContextPtr m_scaler;
+};
+
+}  // namespace lumets::host

@@ -1,0 +1,275 @@
+// CGLObjectFactory and its pixel-buffer object.
+#include "lumets/host/gl_objects.h"
+
+#include <epoxy/gl.h>
+
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "gl_util.h"
+
+using lumets::host::GlDrainErrors;
+using lumets::host::GlHasCurrentContext;
+using lumets::host::GlOk;
+
+namespace {
+
+GLint GetInteger(GLenum name) {
+    GLint value = 0;
+    glGetIntegerv(name, &value);
+    return value;
+}
+
+// The bindings and pixel-store settings an upload or read-back touches, put
+// back as they were when it ends, whatever happened in between.
+class CTransferStateGuard {
+  public:
+    CTransferStateGuard()
+        : m_unpackBuffer(GetInteger(GL_PIXEL_UNPACK_BUFFER_BINDING)),
+          m_packBuffer(GetInteger(GL_PIXEL_PACK_BUFFER_BINDING)),
+          m_texture(GetInteger(GL_TEXTURE_BINDING_2D)),
+          m_unpackAlignment(GetInteger(GL_UNPACK_ALIGNMENT)),
+          m_unpackRowLength(GetInteger(GL_UNPACK_ROW_LENGTH)),
+          m_unpackSkipRows(GetInteger(GL_UNPACK_SKIP_ROWS)),
+          m_unpackSkipPixels(GetInteger(GL_UNPACK_SKIP_PIXELS)),
+          m_packAlignment(GetInteger(GL_PACK_ALIGNMENT)),
+          m_packRowLength(GetInteger(GL_PACK_ROW_LENGTH)),
+          m_packSkipRows(GetInteger(GL_PACK_SKIP_ROWS)),
+          m_packSkipPixels(GetInteger(GL_PACK_SKIP_PIXELS)) {
+        // Tightly packed rows: our pictures have width x 4 bytes per row.
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+        glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+        glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
+        glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
+        glPixelStorei(GL_PACK_ALIGNMENT, 4);
+        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+        glPixelStorei(GL_PACK_SKIP_ROWS, 0);
+        glPixelStorei(GL_PACK_SKIP_PIXELS, 0);
+    }
+    ~CTransferStateGuard() {
+        glBindBuffer(GL_PIXEL_UNPACK_BUFFER, static_cast<GLuint>(m_unpackBuffer));
+        glBindBuffer(GL_PIXEL_PACK_BUFFER, static_cast<GLuint>(m_packBuffer));
+        glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(m_texture));
+        glPixelStorei(GL_UNPACK_ALIGNMENT, m_unpackAlignment);
+        glPixelStorei(GL_UNPACK_ROW_LENGTH, m_unpackRowLength);
+        glPixelStorei(GL_UNPACK_SKIP_ROWS, m_unpackSkipRows);
+        glPixelStorei(GL_UNPACK_SKIP_PIXELS, m_unpackSkipPixels);
+        glPixelStorei(GL_PACK_ALIGNMENT, m_packAlignment);
+        glPixelStorei(GL_PACK_ROW_LENGTH, m_packRowLength);
+        glPixelStorei(GL_PACK_SKIP_ROWS, m_packSkipRows);
+        glPixelStorei(GL_PACK_SKIP_PIXELS, m_packSkipPixels);
+    }
+    CTransferStateGuard(const CTransferStateGuard&) = delete;
+    CTransferStateGuard& operator=(const CTransferStateGuard&) = delete;
+
+  private:
+    GLint m_unpackBuffer;
+    GLint m_packBuffer;
+    GLint m_texture;
+    GLint m_unpackAlignment;
+    GLint m_unpackRowLength;
+    GLint m_unpackSkipRows;
+    GLint m_unpackSkipPixels;
+    GLint m_packAlignment;
+    GLint m_packRowLength;
+    GLint m_packSkipRows;
+    GLint m_packSkipPixels;
+};
+
+bool IsFourByteFormat(GLenum format) {
+    return format == GL_BGRA || format == GL_RGBA;
+}
+
+// Width x height x 4, or 0 when either side is not positive or the product
+// does not fit the 32-bit sizes of the interface.
+uint32_t PictureBytes(int32_t width, int32_t height) {
+    if (width <= 0 || height <= 0) {
+        return 0;
+    }
+    const uint64_t bytes = static_cast<uint64_t>(width) * static_cast<uint64_t>(height) * 4u;
+    return bytes > UINT32_MAX ? 0 : static_cast<uint32_t>(bytes);
+}
+
+class CPBO final : public IPBO {
+  public:
+    void Init(int32_t width, int32_t height) override {
+        Resize(width, height);
+        if (GlHasCurrentContext()) {
+            GlDrainErrors();
+            CTransferStateGuard guard;
+            EnsureBuffer(PictureBytes(m_width, m_height));
+        }
+    }
+
+    void Resize(int32_t width, int32_t height) override {
+        m_width = width > 0 ? width : 0;
+        m_height = height > 0 ? height : 0;
+    }
+
+    int32_t GetWidth() const override { return m_width; }
+    int32_t GetHeight() const override { return m_height; }
+    uint32_t GetCapacity() const override { return m_capacity; }
+    GLuint GetBufferName() const override { return m_buffer; }
+
+    bool Download(GLuint texture, void* pixels, uint32_t size, GLenum format) override {
+        const uint32_t needed = PictureBytes(m_width, m_height);
+        if (texture == 0 || pixels == nullptr || needed == 0 || size < needed ||
+            !IsFourByteFormat(format) || !GlHasCurrentContext()) {
+            return false;
+        }
+        GlDrainErrors();
+        CTransferStateGuard guard;
+        glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+        glBindTexture(GL_TEXTURE_2D, texture);
+        if (!GlOk("glBindTexture")) {
+            return false;
+        }
+        // glGetTexImage writes the whole level: refuse a texture of another size
+        // rather than write past the caller's buffer.
+        GLint texWidth = 0;
+        GLint texHeight = 0;
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &texWidth);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &texHeight);
+        if (!GlOk("glGetTexLevelParameteriv") || texWidth != m_width || texHeight != m_height) {
+            return false;
+        }
+        glGetTexImage(GL_TEXTURE_2D, 0, format, GL_UNSIGNED_BYTE, pixels);
+        return GlOk("glGetTexImage");
+    }
+
+    bool Upload(GLuint texture, const void* pixels, uint32_t size, GLenum format) override {
+        const uint32_t needed = PictureBytes(m_width, m_height);
+        if (texture == 0 || pixels == nullptr || needed == 0 || size < needed ||
+            !IsFourByteFormat(format) || !GlHasCurrentContext()) {
+            return false;
+        }
+        GlDrainErrors();
+        CTransferStateGuard guard;
+        if (!EnsureBuffer(needed) || !FillBuffer(pixels, needed)) {
+            return false;
+        }
+        glBindTexture(GL_TEXTURE_2D, texture);
+        if (!GlOk("glBindTexture")) {
+            return false;
+        }
+        GLint texWidth = 0;
+        GLint texHeight = 0;
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &texWidth);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &texHeight);
+        if (!GlOk("glGetTexLevelParameteriv")) {
+            return false;
+        }
+        // Rows arrive bottom-up, which is OpenGL's own row order: no flip. The
+        // last argument is an offset into the bound unpack buffer.
+        if (texWidth == m_width && texHeight == m_height) {
+            glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, m_width, m_height, format, GL_UNSIGNED_BYTE,
+                            nullptr);
+            return GlOk("glTexSubImage2D");
+        }
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, m_width, m_height, 0, format, GL_UNSIGNED_BYTE,
+                     nullptr);
+        return GlOk("glTexImage2D");
+    }
+
+    void DeleteBuffer() {
+        if (m_buffer != 0 && GlHasCurrentContext()) {
+            glDeleteBuffers(1, &m_buffer);
+            GlOk("glDeleteBuffers");
+        }
+        m_buffer = 0;
+        m_capacity = 0;
+    }
+
+  private:
+    // Leaves the buffer bound to GL_PIXEL_UNPACK_BUFFER with at least bytes.
+    bool EnsureBuffer(uint32_t bytes) {
+        if (m_buffer == 0) {
+            glGenBuffers(1, &m_buffer);
+            if (!GlOk("glGenBuffers")) {
+                m_buffer = 0;
+                return false;
+            }
+        }
+        glBindBuffer(GL_PIXEL_UNPACK_BUFFER, m_buffer);
+        if (!GlOk("glBindBuffer")) {
+            return false;
+        }
+        if (bytes > m_capacity) {
+            glBufferData(GL_PIXEL_UNPACK_BUFFER, bytes, nullptr, GL_STREAM_DRAW);
+            if (!GlOk("glBufferData")) {
+                m_capacity = 0;
+                return false;
+            }
+            m_capacity = bytes;
+        }
+        return true;
+    }
+
+    // Copies the picture into the bound buffer. Invalidating the old contents
+    // lets the driver hand out fresh memory instead of waiting for the GPU to
+    // finish the previous upload from it.
+    bool FillBuffer(const void* pixels, uint32_t bytes) {
+        void* mapped = glMapBufferRange(GL_PIXEL_UNPACK_BUFFER, 0, bytes,
+                                        GL_MAP_WRITE_BIT | GL_MAP_INVALIDATE_BUFFER_BIT);
+        if (mapped == nullptr || !GlOk("glMapBufferRange")) {
+            glBufferSubData(GL_PIXEL_UNPACK_BUFFER, 0, bytes, pixels);
+            return GlOk("glBufferSubData");
+        }
+        std::memcpy(mapped, pixels, bytes);
+        // False means the contents were lost while mapped (a mode switch, say);
+        // the next frame uploads again.
+        const GLboolean intact = glUnmapBuffer(GL_PIXEL_UNPACK_BUFFER);
+        return GlOk("glUnmapBuffer") && intact == GL_TRUE;
+    }
+
+    int32_t m_width = 0;
+    int32_t m_height = 0;
+    uint32_t m_capacity = 0;
+    GLuint m_buffer = 0;
+};
+
+}  // namespace
+
+GLuint CGLObjectFactory::CreateTexture() {
+    if (!GlHasCurrentContext()) {
+        return 0;
+    }
+    GlDrainErrors();
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    if (!GlOk("glGenTextures") || texture == 0) {
+        return 0;
+    }
+    const GLint previous = GetInteger(GL_TEXTURE_BINDING_2D);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    const bool ok = GlOk("glTexParameteri");
+    glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(previous));
+    if (!ok) {
+        glDeleteTextures(1, &texture);
+        GlDrainErrors();
+        return 0;
+    }
+    return texture;
+}
+
+IPBO* CGLObjectFactory::CreatePBO(EnumPBOType type, uint32_t bitsPerPixel) {
+    if (type != PBOTypeUnpack || bitsPerPixel != 32) {
+        return nullptr;
+    }
+    return new (std::nothrow) CPBO();
+}
+
+void CGLObjectFactory::DestroyPBO(IPBO* pbo) {
+    if (pbo == nullptr) {
+        return;
+    }
+    // Every IPBO is one of ours: only this factory makes them.
+    auto* own = static_cast<CPBO*>(pbo);
+    own->DeleteBuffer();
+    delete own;
+}
