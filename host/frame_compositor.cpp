@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "image/pixel_ops.h"
+
 namespace lumets::host {
 namespace {
 
@@ -28,32 +30,19 @@ void BlendIntoFrame24(uint8_t* frame, uint32_t frameWidth, uint32_t frameHeight,
     if (left >= right || top >= bottom) {
         return;
     }
-    const size_t frameStride = (static_cast<size_t>(frameWidth) * 3u + 3u) & ~size_t{3};
-    const size_t pictureStride = static_cast<size_t>(width) * 4u;
-    const size_t count = static_cast<size_t>(right - left);
-    for (int64_t y = top; y < bottom; ++y) {
-        // Both pictures are stored bottom-up: top-down row y is memory row height - 1 - y.
-        uint8_t* dst = frame + static_cast<size_t>(int64_t{frameHeight} - 1 - y) * frameStride +
-                       static_cast<size_t>(left) * 3u;
-        const int64_t sourceRow = height - 1 - (y - pos.y);
-        const uint8_t* src = picture + static_cast<size_t>(sourceRow) * pictureStride +
-                             static_cast<size_t>(left - pos.x) * 4u;
-        for (size_t i = 0; i < count; ++i, dst += 3, src += 4) {
-            const uint32_t a = src[3];
-            if (a == 0) {
-                continue;
-            }
-            if (a == 255) {
-                dst[0] = src[0];
-                dst[1] = src[1];
-                dst[2] = src[2];
-                continue;
-            }
-            for (int c = 0; c < 3; ++c) {
-                dst[c] = static_cast<uint8_t>(((255 - a) * dst[c] + src[c] * a) / 255);
-            }
-        }
+    if (frameWidth > INT32_MAX || frameHeight > INT32_MAX) {
+        return;
     }
+    // Both pictures are stored bottom-up: top-down row y is memory row
+    // height - 1 - y. The library's own blend does the pixels.
+    const int64_t fh = frameHeight;
+    const RECT dstRect{static_cast<int32_t>(left), static_cast<int32_t>(fh - bottom),
+                       static_cast<int32_t>(right), static_cast<int32_t>(fh - top)};
+    const RECT srcRect{
+        static_cast<int32_t>(left - pos.x), static_cast<int32_t>(height - (bottom - pos.y)),
+        static_cast<int32_t>(right - pos.x), static_cast<int32_t>(height - (top - pos.y))};
+    BlendRect(frame, static_cast<int32_t>(frameWidth), static_cast<int32_t>(frameHeight), 24,
+              dstRect, picture, width, height, 32, srcRect);
 }
 
 void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth,
