@@ -9,29 +9,14 @@ extern "C" {
 
 #include <memory>
 
+#include "image/av_handles.h"
+
 namespace lumets::host {
 
-struct FormatContextDeleter {
-    void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-};
-struct CodecContextDeleter {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FrameDeleter {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct PacketDeleter {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-struct SwsContextDeleter {
-    void operator()(SwsContext* context) const { sws_freeContext(context); }
-};
-
-using FormatContextPtr = std::unique_ptr<AVFormatContext, FormatContextDeleter>;
-using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
-using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
-using SwsContextPtr = std::unique_ptr<SwsContext, SwsContextDeleter>;
+using FormatContextPtr = AvFormatContextPtr;
+using CodecContextPtr = AvCodecContextPtr;
+using FramePtr = AvFramePtr;
+using PacketPtr = AvPacketPtr;
 
 // Converts decoded frames of any size and format into top-down B, G, R, A
 // pictures of the same size, keeping one scaler for as long as the input stays

@@ -1,22 +1,14 @@
 #include "image/scaled_composite.h"
 
-extern "C" {
-#include <libswscale/swscale.h>
-}
-
 #include <cmath>
 #include <memory>
 
+#include "image/av_handles.h"
 #include "lumets_platform/geometry.h"
 
 namespace lumets {
 
 namespace {
-
-struct SwsDeleter {
-    void operator()(SwsContext* context) const { sws_freeContext(context); }
-};
-using SwsPtr = std::unique_ptr<SwsContext, SwsDeleter>;
 
 // float * scale truncated toward zero, saturated to int32 (NaN gives 0).
 int32_t ScaleCoordinate(int32_t value, float scale) {
@@ -35,6 +27,12 @@ int32_t ScaleCoordinate(int32_t value, float scale) {
 
 }  // namespace
 
+void EnsureScalableBuffer(uint8_t** data, uint32_t* capacity, uint32_t width, uint32_t height) {
+    const uint32_t rowBytes = width * 4;
+    const uint32_t slackRows = rowBytes == 0 ? 0 : (kScalerSlackBytes + rowBytes - 1) / rowBytes;
+    EnsureBuffer(data, capacity, width, height + slackRows, 32);
+}
+
 bool ResizePicture32(const uint8_t* src, uint32_t srcWidth, uint32_t srcHeight, uint8_t* dst,
                      uint32_t dstWidth, uint32_t dstHeight) {
     if (src == nullptr || dst == nullptr || srcWidth == 0 || srcHeight == 0 || dstWidth == 0 ||
@@ -44,10 +42,10 @@ bool ResizePicture32(const uint8_t* src, uint32_t srcWidth, uint32_t srcHeight, 
     }
     // The buffers hold B, G, R, A; the same four-channel format on both sides
     // keeps the channels in their order.
-    SwsPtr context(sws_getContext(static_cast<int>(srcWidth), static_cast<int>(srcHeight),
-                                  AV_PIX_FMT_RGBA, static_cast<int>(dstWidth),
-                                  static_cast<int>(dstHeight), AV_PIX_FMT_RGBA, SWS_BICUBIC,
-                                  nullptr, nullptr, nullptr));
+    SwsContextPtr context(sws_getContext(static_cast<int>(srcWidth), static_cast<int>(srcHeight),
+                                         AV_PIX_FMT_RGBA, static_cast<int>(dstWidth),
+                                         static_cast<int>(dstHeight), AV_PIX_FMT_RGBA, SWS_BICUBIC,
+                                         nullptr, nullptr, nullptr));
     if (!context) {
         return false;
     }
@@ -55,9 +53,8 @@ bool ResizePicture32(const uint8_t* src, uint32_t srcWidth, uint32_t srcHeight, 
     const int srcStrides[1] = {static_cast<int>(RowStride(srcWidth, 32))};
     uint8_t* const dstPlanes[1] = {dst};
     const int dstStrides[1] = {static_cast<int>(RowStride(dstWidth, 32))};
-    sws_scale(context.get(), srcPlanes, srcStrides, 0, static_cast<int>(srcHeight), dstPlanes,
-              dstStrides);
-    return true;
+    return sws_scale(context.get(), srcPlanes, srcStrides, 0, static_cast<int>(srcHeight),
+                     dstPlanes, dstStrides) == static_cast<int>(dstHeight);
 }
 
 void BlendScaledInto24(PixelBuffer& source, PixelBuffer& scaled, uint8_t* dst, int32_t dstWidth,
@@ -86,7 +83,7 @@ void BlendScaledInto24(PixelBuffer& source, PixelBuffer& scaled, uint8_t* dst, i
     scaled.bitsPerPixel = source.bitsPerPixel;
     scaled.width = sw;
     scaled.height = sh;
-    EnsureBuffer(&scaled.data, &scaled.capacity, sw, sh, scaled.bitsPerPixel);
+    EnsureScalableBuffer(&scaled.data, &scaled.capacity, sw, sh);
 
     const PixelBuffer* picture = &source;
     if (source.width != sw || source.height != sh) {

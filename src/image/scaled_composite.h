@@ -12,9 +12,18 @@ namespace lumets {
 // The largest scaled picture made, in pixels; a bigger request draws nothing.
 inline constexpr uint64_t kMaxScaledPixels = 16777216;
 
+// libswscale reads a little past the last pixel of its source and writes a
+// little past that of its destination: every picture it reads or writes is
+// allocated with this much room after its last row.
+inline constexpr uint32_t kScalerSlackBytes = 64;
+
+// EnsureBuffer for a 32-bit width x height picture plus the scaler's slack.
+void EnsureScalableBuffer(uint8_t** data, uint32_t* capacity, uint32_t width, uint32_t height);
+
 // Resizes a 32-bit picture (rows of width x 4 bytes) with a bicubic filter,
 // keeping the channel order and the row order. A new scaling context is made
-// and freed on every call. False, with dst untouched, when none can be made.
+// and freed on every call. Both pictures need kScalerSlackBytes after their
+// last row (EnsureScalableBuffer). False when no context can be made.
 bool ResizePicture32(const uint8_t* src, uint32_t srcWidth, uint32_t srcHeight, uint8_t* dst,
                      uint32_t dstWidth, uint32_t dstHeight);
 

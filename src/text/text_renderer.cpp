@@ -140,7 +140,8 @@ void CTextRenderer::Draw() {
     m_textBuffer.bitsPerPixel = 32;
     m_textBuffer.width = static_cast<uint32_t>(w);
     m_textBuffer.height = static_cast<uint32_t>(h);
-    EnsureBuffer(&m_textBuffer.data, &m_textBuffer.capacity, w, h, 32);
+    // The picture may be scaled later: room for the scaler after its last row.
+    EnsureScalableBuffer(&m_textBuffer.data, &m_textBuffer.capacity, w, h);
     m_width.store(w, std::memory_order_relaxed);
     m_height.store(h, std::memory_order_relaxed);
     uint8_t* pixels = m_textBuffer.data;

@@ -1,0 +1,308 @@
+// CSubtitleBackground: plate geometry, colour and alpha, corner zones,
+// rebuilding only on change, the GPU upload and bad input.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "image/image_loader.h"
+#include "subtitle/subtitle_background.h"
+
+namespace lumets {
+namespace {
+
+// The alpha byte of plate pixel (x, y), y in memory rows (0 = bottom).
+uint8_t PlateAlpha(const CSubtitleBackground& plate, uint32_t x, uint32_t y) {
+    const PixelBuffer& p = plate.Plate();
+    return p.data[(size_t{y} * p.width + x) * 4 + 3];
+}
+
+TEST(SubtitleBackground, PlateSizeAndShiftFromTheMask) {
+    CSubtitleBackground plate;
+    ASSERT_EQ(plate.Mask().width, 40u);
+    ASSERT_EQ(plate.Mask().height, 36u);
+
+    // 20 + 7 = 27 rows, made up to the mask's 36; the top moves up by half of 9.
+    POINT shift{};
+    plate.BuildBackground(200, 20, shift);
+    EXPECT_EQ(plate.Plate().width, 252u);
+    EXPECT_EQ(plate.Plate().height, 36u);
+    EXPECT_EQ(shift.x, -26);
+    EXPECT_EQ(shift.y, -7);
+
+    RECT rect{};
+    const RECT text{100, 50, 300, 70};
+    plate.GetBackgroundRect(&rect, &text);
+    EXPECT_EQ(rect.left, 74);
+    EXPECT_EQ(rect.top, 43);
+    EXPECT_EQ(rect.right, 326);
+    EXPECT_EQ(rect.bottom, 79);
+    const RECT nearTop{100, 2, 300, 22};
+    plate.GetBackgroundRect(&rect, &nearTop);
+    EXPECT_EQ(rect.top, 0);
+    EXPECT_EQ(rect.bottom, 36);
+
+    plate.BuildBackground(200, 40, shift);
+    EXPECT_EQ(plate.Plate().width, 252u);
+    EXPECT_EQ(plate.Plate().height, 47u);
+    EXPECT_EQ(shift.x, -26);
+    EXPECT_EQ(shift.y, -3);
+
+    // Without the minimum height.
+    int32_t width = 200;
+    int32_t height = -1;
+    plate.GetBackgroundSize(width, height, 20);
+    EXPECT_EQ(width, 252);
+    EXPECT_EQ(height, 27);
+}
+
+TEST(SubtitleBackground, ColourBytesAndOpacityToAlpha) {
+    CSubtitleBackground plate;
+    POINT shift{};
+    auto middle = [&] {
+        const PixelBuffer& p = plate.Plate();
+        const uint8_t* pixel = p.data + (size_t{p.height / 2} * p.width + p.width / 2) * 4;
+        return std::vector<uint8_t>(pixel, pixel + 4);
+    };
+    plate.SetColourAndOpacity(0xFF8000, 0.5f);
+    plate.BuildBackground(200, 20, shift);
+    EXPECT_EQ(middle(), (std::vector<uint8_t>{0, 128, 255, 127}));
+
+    plate.SetColourAndOpacity(0xFF8000, 1.2f);
+    plate.BuildBackground(200, 20, shift);
+    EXPECT_EQ(middle()[3], 255);
+    plate.SetColourAndOpacity(0xFF8000, -0.5f);
+    plate.BuildBackground(200, 20, shift);
+    EXPECT_EQ(middle()[3], 0);
+    plate.SetColourAndOpacity(0xFF8000, std::numeric_limits<float>::infinity());
+    plate.BuildBackground(200, 20, shift);
+    EXPECT_EQ(middle()[3], 255);
+}
+
+TEST(SubtitleBackground, CornerAlphaScalesTheMaskAlpha) {
+    CSubtitleBackground plate;
+    const PixelBuffer& mask = plate.Mask();
+    plate.SetColourAndOpacity(0xFFFFFF, 0.5f);  // a = 127
+    POINT shift{};
+    plate.BuildBackground(200, 40, shift);  // 252 x 47
+    int checked = 0;
+    for (uint32_t x = 0; x < 20; ++x) {
+        const uint8_t m = mask.data[x * 4 + 3];
+        EXPECT_EQ(PlateAlpha(plate, x, 0), 127 * m / 255) << x;
+        checked += m > 0 && m < 255;
+    }
+    EXPECT_GT(checked, 0) << "no partly covered pixel in the mask's first row";
+    EXPECT_EQ(PlateAlpha(plate, 0, 0), 0);
+    EXPECT_EQ(PlateAlpha(plate, 251, 46), 0);
+    EXPECT_EQ(PlateAlpha(plate, 0, 23), 127);
+}
+
+// A small mask whose every pixel has its own alpha (10 * row + column + 1)
+// shows exactly which mask pixel each corner pixel took.
+TEST(SubtitleBackground, CornerZonesTakeTheirMaskPixels) {
+    PixelBuffer mask;
+    EnsureBuffer(&mask.data, &mask.capacity, 8, 6, 32);
+    mask.width = 8;
+    mask.height = 6;
+    for (uint32_t y = 0; y < 6; ++y) {
+        for (uint32_t x = 0; x < 8; ++x) {
+            uint8_t* p = mask.data + (y * 8 + x) * 4;
+            p[0] = p[1] = p[2] = 0;
+            p[3] = static_cast<uint8_t>(10 * y + x + 1);
+        }
+    }
+    CSubtitleBackground plate(mask);
+    delete[] mask.data;
+    plate.SetColourAndOpacity(0, 1.0f);
+    POINT shift{};
+    // (int)(8 * 1.3f) = 10 and (int)(6 * 0.2f) = 1: the plate is 20 x 11.
+    plate.BuildBackground(10, 10, shift);
+    ASSERT_EQ(plate.Plate().width, 20u);
+    ASSERT_EQ(plate.Plate().height, 11u);
+    // hw = 4, hh = 3. Bottom zones: rows 0..3; top zones: rows above 11 - 3,
+    // from mask row y - 5. Left: columns 0..3; right: columns above 20 - 4,
+    // from mask column x - 12.
+    struct Expect {
+        uint32_t x, y;
+        uint8_t alpha;
+    };
+    const Expect cases[] = {
+        {0, 0, 1},    {3, 3, 34},   {4, 3, 255},  {16, 3, 255}, {17, 3, 36},
+        {19, 0, 8},   {0, 4, 255},  {0, 8, 255},  {0, 9, 41},   {3, 10, 54},
+        {4, 10, 255}, {16, 9, 255}, {17, 10, 56}, {19, 9, 48},  {10, 5, 255},
+    };
+    for (const Expect& e : cases) {
+        EXPECT_EQ(PlateAlpha(plate, e.x, e.y), e.alpha) << "(" << e.x << ", " << e.y << ")";
+    }
+}
+
+TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChange) {
+    CSubtitleBackground plate;
+    std::vector<uint8_t> frame(RowStride(640, 24) * 200, 0);
+    const RECT text{100, 60, 300, 90};
+    auto draw = [&](const RECT& r, uint32_t colour, float opacity, float scale) {
+        plate.DrawOnFrame(frame.data(), 640, 200, &r, r.bottom - r.top, colour, opacity, scale);
+    };
+    draw(text, 0x204080, 0.8f, 1.5f);
+    EXPECT_EQ(plate.BuildCount(), 1u);
+    EXPECT_EQ(plate.ScaleCount(), 1u);
+    draw(text, 0x204080, 0.8f, 1.5f);
+    draw(text, 0x204080, 0.8f + 1e-8f, 1.5f);  // below the opacity threshold
+    EXPECT_EQ(plate.BuildCount(), 1u);
+    EXPECT_EQ(plate.ScaleCount(), 1u);
+
+    draw(text, 0x204080, 0.8f, 1.25f);  // new scale: rescale, no rebuild
+    EXPECT_EQ(plate.BuildCount(), 1u);
+    EXPECT_EQ(plate.ScaleCount(), 2u);
+    draw(text, 0x204081, 0.8f, 1.25f);  // new colour: both
+    EXPECT_EQ(plate.BuildCount(), 2u);
+    EXPECT_EQ(plate.ScaleCount(), 3u);
+    draw(RECT{100, 60, 301, 90}, 0x204081, 0.8f, 1.25f);  // new width: both
+    EXPECT_EQ(plate.BuildCount(), 3u);
+    EXPECT_EQ(plate.ScaleCount(), 4u);
+
+    // Scale 1 hands out the plate itself and leaves the scaled copy alone.
+    const uint8_t* data = nullptr;
+    int32_t w = 0;
+    int32_t h = 0;
+    plate.GetScaledBackground(data, w, h, 1.0f);
+    EXPECT_EQ(data, plate.Plate().data);
+    EXPECT_EQ(w, 253);
+    EXPECT_EQ(h, 37);
+    EXPECT_EQ(plate.ScaleCount(), 4u);
+}
+
+class CRecordingPbo : public IPBO {
+  public:
+    void Init(int32_t, int32_t) override {}
+    void Resize(int32_t width, int32_t height) override {
+        m_width = width;
+        m_height = height;
+        ++m_resizes;
+    }
+    int32_t GetWidth() const override { return m_width; }
+    int32_t GetHeight() const override { return m_height; }
+    uint32_t GetCapacity() const override { return 0; }
+    GLuint GetBufferName() const override { return 0; }
+    bool Download(GLuint, void*, uint32_t, GLenum) override { return false; }
+    bool Upload(GLuint texture, const void* pixels, uint32_t size, GLenum format) override {
+        m_texture = texture;
+        m_pixels = pixels;
+        m_size = size;
+        m_format = format;
+        ++m_uploads;
+        return true;
+    }
+
+    int32_t m_width = 0, m_height = 0, m_resizes = 0, m_uploads = 0;
+    GLuint m_texture = 0;
+    const void* m_pixels = nullptr;
+    uint32_t m_size = 0;
+    GLenum m_format = 0;
+};
+
+TEST(SubtitleBackground, UploadsThePlateAtItemScale) {
+    CSubtitleBackground plate;
+    CRecordingPbo pbo;
+    int32_t w = -1;
+    int32_t h = -1;
+    POINT shift{};
+    plate.DrawToTexture(7, w, h, shift, &pbo, 200, 20, 0x00FF00, 0.5f);
+    EXPECT_EQ(w, 252);
+    EXPECT_EQ(h, 36);
+    EXPECT_EQ(shift.x, -26);
+    EXPECT_EQ(shift.y, -7);
+    EXPECT_EQ(pbo.m_width, 252);
+    EXPECT_EQ(pbo.m_height, 36);
+    EXPECT_EQ(pbo.m_texture, 7u);
+    EXPECT_EQ(pbo.m_pixels, plate.Plate().data);
+    EXPECT_EQ(pbo.m_size, plate.Plate().capacity);
+    EXPECT_GE(pbo.m_size, 252u * 36 * 4);
+    EXPECT_EQ(pbo.m_format, static_cast<GLenum>(GL_BGRA));
+
+    // Nothing to upload: the caller's sizes stay.
+    int32_t keptW = 11;
+    int32_t keptH = 12;
+    plate.DrawToTexture(7, keptW, keptH, shift, &pbo, -5, 20, 0x00FF00, 0.5f);
+    plate.DrawToTexture(7, keptW, keptH, shift, nullptr, 200, 20, 0x00FF00, 0.5f);
+    EXPECT_EQ(keptW, 11);
+    EXPECT_EQ(keptH, 12);
+    EXPECT_EQ(pbo.m_uploads, 1);
+}
+
+TEST(SubtitleBackground, WithoutAMaskNothingIsDrawnOrUploaded) {
+    CSubtitleBackground plate(PixelBuffer{});
+    int32_t width = 200;
+    int32_t height = 0;
+    plate.GetBackgroundSize(width, height, 20);
+    EXPECT_EQ(width, 200);  // no margin: the item leaves the plate out of its bounds
+    EXPECT_EQ(height, 20);
+
+    std::vector<uint8_t> frame(RowStride(320, 24) * 100, 77);
+    const std::vector<uint8_t> before = frame;
+    const RECT text{10, 10, 210, 30};
+    plate.DrawOnFrame(frame.data(), 320, 100, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(frame.data(), 320, 100, &text, 20, 0xFFFFFF, 1.0f, 1.5f);
+    EXPECT_EQ(frame, before);
+    EXPECT_EQ(plate.Plate().data, nullptr);
+
+    CRecordingPbo pbo;
+    POINT shift{};
+    plate.DrawToTexture(3, width, height, shift, &pbo, 200, 20, 0xFFFFFF, 1.0f);
+    EXPECT_EQ(pbo.m_resizes + pbo.m_uploads, 0);
+}
+
+TEST(SubtitleBackground, BadSizesAndScalesDrawNothing) {
+    CSubtitleBackground plate;
+    const int32_t width = 320;
+    const int32_t height = 100;
+    std::vector<uint8_t> frame(RowStride(width, 24) * height, 77);
+    const std::vector<uint8_t> before = frame;
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const RECT text{10, 10, 210, 30};
+    for (float scale : {0.0f, -1.0f, 1e-8f, nan, inf, -inf, 0.001f, 1e6f}) {
+        plate.DrawOnFrame(frame.data(), width, height, &text, 20, 0xFFFFFF, 1.0f, scale);
+    }
+    const int32_t big = std::numeric_limits<int32_t>::max();
+    const int32_t small = std::numeric_limits<int32_t>::min();
+    const RECT badRects[] = {{10, 10, 5, 30},
+                             {small, 0, big, 10},
+                             {0, 0, 20000, 10},
+                             {big, big, big, big},
+                             {small, small, 10, 10}};
+    for (const RECT& r : badRects) {
+        plate.DrawOnFrame(frame.data(), width, height, &r, 20, 0xFFFFFF, 1.0f, 1.0f);
+    }
+    for (int32_t textHeight : {-1, -100, small, 20000, big}) {
+        plate.DrawOnFrame(frame.data(), width, height, &text, textHeight, 0xFFFFFF, 1.0f, 1.0f);
+    }
+    plate.DrawOnFrame(frame.data(), width, height, nullptr, 20, 0xFFFFFF, 1.0f, 1.0f);
+    EXPECT_EQ(frame, before);
+
+    // A real plate with a frame that is not there, or positions far outside.
+    plate.DrawOnFrame(nullptr, width, height, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(frame.data(), 0, height, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(frame.data(), width, -5, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    const RECT farLeft{-1000000000, 10, -999999800, 30};
+    plate.DrawOnFrame(frame.data(), width, height, &farLeft, 20, 0xFFFFFF, 1.0f, 3000.0f);
+    EXPECT_EQ(frame, before);
+
+    // NaN opacity is no change; the plate keeps drawing as before.
+    plate.SetColourAndOpacity(0xFFFFFF, nan);
+    RECT out{};
+    EXPECT_EQ(plate.GetBackgroundRect(&out, nullptr), &out);
+    EXPECT_EQ(out.right, 0);
+    EXPECT_EQ(plate.GetBackgroundRect(nullptr, &text), nullptr);
+    int32_t w = big;
+    int32_t h = 0;
+    plate.GetBackgroundSize(w, h, big);
+    EXPECT_EQ(w, big);
+    EXPECT_EQ(h, big);
+}
+
+}  // namespace
+}  // namespace lumets

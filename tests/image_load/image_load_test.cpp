@@ -1,0 +1,393 @@
+// Loading real image files, made here with ffmpeg from known pixels, into
+// PixelBuffers: which formats load at which depth with which bytes, and which
+// are refused without touching the target.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "image/image_loader.h"
+#include "image_load/media_tools.h"
+
+namespace lumets::test {
+namespace {
+
+struct Rgba {
+    uint8_t r, g, b, a;
+};
+
+// A picture in top-down order, as the encoders see it.
+struct Picture {
+    int width;
+    int height;
+    std::vector<Rgba> pixels;
+    Rgba At(int x, int y) const { return pixels[static_cast<size_t>(y) * width + x]; }
+};
+
+// Every pixel different, alpha never 0 (so lossless WebP keeps the colours).
+Picture VariedPicture() {
+    Picture p{5, 3, {}};
+    for (int y = 0; y < p.height; ++y) {
+        for (int x = 0; x < p.width; ++x) {
+            p.pixels.push_back(
+                {static_cast<uint8_t>(10 + 50 * x), static_cast<uint8_t>(20 + 80 * y),
+                 static_cast<uint8_t>(230 - 40 * x), static_cast<uint8_t>(255 - 60 * y - 15 * x)});
+        }
+    }
+    return p;
+}
+
+// Two flat halves split on a 16-row boundary, so that lossy codecs, whose
+// blocks then hold one colour each, give nearly the exact values.
+Picture TwoTonePicture() {
+    Picture p{32, 32, {}};
+    for (int y = 0; y < p.height; ++y) {
+        for (int x = 0; x < p.width; ++x) {
+            p.pixels.push_back(y < 16 ? Rgba{200, 60, 30, 90} : Rgba{40, 150, 220, 220});
+        }
+    }
+    return p;
+}
+
+void Put16(std::vector<uint8_t>& out, uint8_t value) {
+    out.push_back(value);  // value * 257 big-endian: both bytes equal
+    out.push_back(value);
+}
+
+// The picture as raw bytes in one of ffmpeg's pixel formats.
+std::vector<uint8_t> Raw(const Picture& p, const std::string& format) {
+    std::vector<uint8_t> out;
+    for (const Rgba& c : p.pixels) {
+        if (format == "rgba") {
+            out.insert(out.end(), {c.r, c.g, c.b, c.a});
+        } else if (format == "bgra") {
+            out.insert(out.end(), {c.b, c.g, c.r, c.a});
+        } else if (format == "rgb24") {
+            out.insert(out.end(), {c.r, c.g, c.b});
+        } else if (format == "bgr24") {
+            out.insert(out.end(), {c.b, c.g, c.r});
+        } else if (format == "ya8") {
+            out.insert(out.end(), {c.r, c.a});
+        } else if (format == "ya16be") {
+            Put16(out, c.r);
+            Put16(out, c.a);
+        } else if (format == "rgba64be" || format == "rgb48be") {
+            Put16(out, c.r);
+            Put16(out, c.g);
+            Put16(out, c.b);
+            if (format == "rgba64be") {
+                Put16(out, c.a);
+            }
+        } else {
+            ADD_FAILURE() << "no raw writer for " << format;
+        }
+    }
+    return out;
+}
+
+// What one file must load as.
+struct LoadCase {
+    const char* name;
+    bool twoTone;            // TwoTonePicture, else VariedPicture
+    const char* rawFormat;   // what ffmpeg reads
+    const char* outputArgs;  // encoder and its pixel format
+    const char* extension;
+    const char* probed;  // codec and decoded format, as measured
+    uint32_t depth;      // 24 or 32
+    bool grey;           // B = G = R = the picture's red
+    bool keepsAlpha;     // else 32-bit pictures come out opaque
+    int tolerance;       // largest channel difference; 0 for lossless codecs
+};
+
+const LoadCase kLoadCases[] = {
+    {"RgbaPng", false, "rgba", "-c:v png -pix_fmt rgba", "png", "png,rgba", 32, false, true, 0},
+    {"GreyAlphaPng", false, "ya8", "-c:v png -pix_fmt ya8", "png", "png,ya8", 32, true, true, 0},
+    {"GreyAlpha16Png", false, "ya16be", "-c:v png -pix_fmt ya16be", "png", "png,ya16be", 32, true,
+     true, 0},
+    {"Rgba64Png", false, "rgba64be", "-c:v png -pix_fmt rgba64be", "png", "png,rgba64be", 32, false,
+     true, 0},
+    {"WebpLosslessAlpha", false, "rgba", "-c:v libwebp -lossless 1", "webp", "webp,argb", 32, false,
+     true, 0},
+    {"WebpLossyAlpha", true, "rgba", "-c:v libwebp -lossless 0 -quality 95 -pix_fmt yuva420p",
+     "webp", "webp,yuva420p", 32, false, true, 6},
+    {"WebpLossy", true, "rgb24", "-c:v libwebp -lossless 0 -quality 95 -pix_fmt yuv420p", "webp",
+     "webp,yuv420p", 24, false, false, 6},
+    {"RgbPng", false, "rgb24", "-c:v png -pix_fmt rgb24", "png", "png,rgb24", 24, false, false, 0},
+    {"Rgb48Png", false, "rgb48be", "-c:v png -pix_fmt rgb48be", "png", "png,rgb48be", 32, false,
+     false, 0},
+    {"Jpeg420", true, "rgb24", "-c:v mjpeg -q:v 2 -pix_fmt yuvj420p", "jpg", "mjpeg,yuvj420p", 24,
+     false, false, 4},
+    {"Jpeg444", true, "rgb24", "-c:v mjpeg -q:v 2 -pix_fmt yuvj444p", "jpg", "mjpeg,yuvj444p", 24,
+     false, false, 4},
+    {"Bmp24", false, "bgr24", "-c:v bmp -pix_fmt bgr24", "bmp", "bmp,bgr24", 24, false, false, 0},
+    {"Bmp32", false, "bgra", "-c:v bmp -pix_fmt bgra", "bmp", "bmp,bgra", 32, false, true, 0},
+    {"TiffRgb", false, "rgb24", "-c:v tiff -pix_fmt rgb24", "tif", "tiff,rgb24", 24, false, false,
+     0},
+    {"TiffRgba", false, "rgba", "-c:v tiff -pix_fmt rgba", "tif", "tiff,rgba", 32, false, true, 0},
+};
+
+class ImageFormats : public testing::TestWithParam<LoadCase> {
+  protected:
+    static void SetUpTestSuite() { s_dir = std::make_unique<ScratchDir>(); }
+    static void TearDownTestSuite() { s_dir.reset(); }
+    static std::unique_ptr<ScratchDir> s_dir;
+};
+std::unique_ptr<ScratchDir> ImageFormats::s_dir;
+
+TEST_P(ImageFormats, LoadsAtItsDepthBottomRowFirst) {
+    const LoadCase& c = GetParam();
+    const Picture picture = c.twoTone ? TwoTonePicture() : VariedPicture();
+    const std::string raw = s_dir->File(std::string(c.name) + ".raw");
+    const std::string file = s_dir->File(std::string(c.name) + "." + c.extension);
+    WriteBytes(raw, Raw(picture, c.rawFormat));
+    ASSERT_TRUE(EncodeRaw(raw, c.rawFormat, picture.width, picture.height, c.outputArgs, file));
+    ASSERT_EQ(Probe(file), c.probed) << "the encoder no longer makes the format this case is for";
+
+    OwnedBuffer target;
+    LoadFile(target.buffer, file);
+    const PixelBuffer& b = target.buffer;
+    ASSERT_NE(b.data, nullptr);
+    EXPECT_EQ(b.bitsPerPixel, c.depth);
+    ASSERT_EQ(b.width, static_cast<uint32_t>(picture.width));
+    ASSERT_EQ(b.height, static_cast<uint32_t>(picture.height));
+    const uint32_t stride = RowStride(b.width, b.bitsPerPixel);
+    EXPECT_EQ(b.capacity, stride * b.height + 1);
+
+    // The largest channel difference, with where it is. Lossy codecs subsample
+    // colour, which smears the edge between the two halves of the picture:
+    // their rows near it (top-down 12..19) are not compared.
+    const int bytesPerPixel = static_cast<int>(c.depth / 8);
+    int worst = 0;
+    std::string where;
+    for (int row = 0; row < picture.height; ++row) {
+        for (int x = 0; x < picture.width; ++x) {
+            // Buffer row 0 is the picture's bottom row.
+            const int topDownRow = picture.height - 1 - row;
+            if (c.twoTone && topDownRow >= 12 && topDownRow < 20) {
+                continue;
+            }
+            const Rgba want = picture.At(x, topDownRow);
+            const uint8_t wantBgra[4] = {c.grey ? want.r : want.b, c.grey ? want.r : want.g, want.r,
+                                         c.keepsAlpha ? want.a : uint8_t{255}};
+            const uint8_t* got = b.data + static_cast<size_t>(stride) * row + x * bytesPerPixel;
+            for (int channel = 0; channel < bytesPerPixel; ++channel) {
+                const int difference = std::abs(got[channel] - wantBgra[channel]);
+                if (difference > worst) {
+                    worst = difference;
+                    where = "buffer row " + std::to_string(row) + ", column " + std::to_string(x) +
+                            ", channel " + std::to_string(channel);
+                }
+            }
+        }
+    }
+    EXPECT_LE(worst, c.tolerance) << where;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, ImageFormats, testing::ValuesIn(kLoadCases),
+                         [](const testing::TestParamInfo<LoadCase>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// A baseline JPEG of one grey component, 8 x 8 at value 128: quantisation
+// table of ones, one-code Huffman tables, one block with DC 0 and an EOB.
+// ffmpeg's JPEG encoder always writes colour, so this one is made by hand.
+const std::vector<uint8_t> kGreyJpeg = [] {
+    std::vector<uint8_t> jpeg = {0xFF, 0xD8, 0xFF, 0xDB, 0x00, 0x43, 0x00};
+    jpeg.insert(jpeg.end(), 64, 0x01);
+    const uint8_t frame[] = {0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x00, 0x08,
+                             0x00, 0x08, 0x01, 0x01, 0x11, 0x00};
+    jpeg.insert(jpeg.end(), std::begin(frame), std::end(frame));
+    for (uint8_t tableClass : {0x00, 0x10}) {
+        jpeg.insert(jpeg.end(), {0xFF, 0xC4, 0x00, 0x14, tableClass, 0x01});
+        jpeg.insert(jpeg.end(), 15, 0x00);
+        jpeg.push_back(0x00);
+    }
+    const uint8_t scan[] = {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00,
+                            0x00, 0x3F, 0x00, 0x3F, 0xFF, 0xD9};
+    jpeg.insert(jpeg.end(), std::begin(scan), std::end(scan));
+    return jpeg;
+}();
+
+class RefusedImages : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        s_dir = std::make_unique<ScratchDir>();
+        const Picture picture = VariedPicture();
+        s_raw = s_dir->File("varied.rgb");
+        WriteBytes(s_raw, Raw(picture, "rgb24"));
+        s_loadable = s_dir->File("loadable.png");
+        WriteBytes(s_dir->File("loadable.rgba"), Raw(picture, "rgba"));
+        ASSERT_TRUE(
+            EncodeRaw(s_dir->File("loadable.rgba"), "rgba", 5, 3, "-pix_fmt rgba", s_loadable));
+    }
+    static void TearDownTestSuite() { s_dir.reset(); }
+
+    // A file from the varied picture, checked to decode as probed.
+    static std::string Make(const std::string& name, const std::string& outputArgs,
+                            const std::string& probed) {
+        const std::string file = s_dir->File(name);
+        EXPECT_TRUE(EncodeRaw(s_raw, "rgb24", 5, 3, outputArgs, file));
+        EXPECT_EQ(Probe(file), probed);
+        return file;
+    }
+
+    // Loads file into a target that already holds a picture and expects
+    // every field and byte of it to stay as it was.
+    static void ExpectUntouched(const std::string& file) {
+        OwnedBuffer target;
+        LoadFile(target.buffer, s_loadable);
+        ASSERT_NE(target.buffer.data, nullptr);
+        const Snapshot before(target.buffer);
+        LoadFile(target.buffer, file);
+        EXPECT_TRUE(Snapshot(target.buffer) == before) << file << " changed the target";
+    }
+
+    static std::unique_ptr<ScratchDir> s_dir;
+    static std::string s_raw;
+    static std::string s_loadable;
+};
+std::unique_ptr<ScratchDir> RefusedImages::s_dir;
+std::string RefusedImages::s_raw;
+std::string RefusedImages::s_loadable;
+
+TEST_F(RefusedImages, PaletteGreyAndSixteenBitFormats) {
+    // GIF decodes to bgra, so this also proves the refusal goes by codec.
+    ExpectUntouched(Make("a.gif", "", "gif,bgra"));
+    ExpectUntouched(Make("pal.png", "-pix_fmt pal8", "png,pal8"));
+    ExpectUntouched(Make("mono.png", "-pix_fmt monob", "png,monob"));
+    ExpectUntouched(Make("grey.png", "-pix_fmt gray", "png,gray"));
+    ExpectUntouched(Make("grey16.png", "-pix_fmt gray16be", "png,gray16be"));
+    ExpectUntouched(Make("rgb565.bmp", "-pix_fmt rgb565le", "bmp,rgb565le"));
+    ExpectUntouched(Make("rgb555.bmp", "-pix_fmt rgb555le", "bmp,rgb555le"));
+    ExpectUntouched(Make("pal.bmp", "-pix_fmt pal8", "bmp,pal8"));
+    ExpectUntouched(Make("grey.tif", "-c:v tiff -pix_fmt gray", "tiff,gray"));
+
+    const std::string greyJpeg = s_dir->File("grey.jpg");
+    WriteBytes(greyJpeg, kGreyJpeg);
+    ASSERT_EQ(Probe(greyJpeg), "mjpeg,gray");
+    ExpectUntouched(greyJpeg);
+}
+
+TEST_F(RefusedImages, FilesThatAreNotPictures) {
+    ExpectUntouched(s_dir->File("does-not-exist.png"));
+    ExpectUntouched(s_dir->File(""));  // the scratch directory itself
+
+    const std::string empty = s_dir->File("empty.png");
+    WriteBytes(empty, {});
+    ExpectUntouched(empty);
+
+    const std::string text = s_dir->File("text.png");
+    WriteBytes(text, {'n', 'o', 't', ' ', 'a', 'n', ' ', 'i', 'm', 'a', 'g', 'e'});
+    ExpectUntouched(text);
+
+    // Cut inside the image data: a picture bigger than its first chunks.
+    std::vector<uint8_t> noise;
+    for (uint32_t i = 0, seed = 1; i < 64 * 64 * 3; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        noise.push_back(static_cast<uint8_t>(seed >> 16));
+    }
+    const std::string noiseRaw = s_dir->File("noise.rgb");
+    WriteBytes(noiseRaw, noise);
+    const std::string whole = s_dir->File("noise.png");
+    ASSERT_TRUE(EncodeRaw(noiseRaw, "rgb24", 64, 64, "", whole));
+    std::vector<uint8_t> png = ReadBytes(whole);
+    png.resize(png.size() / 2);
+    const std::string truncated = s_dir->File("truncated.png");
+    WriteBytes(truncated, png);
+    ExpectUntouched(truncated);
+
+    // A FIFO with no writer must neither block the load nor be read.
+    const std::string fifo = s_dir->File("fifo.png");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ExpectUntouched(fifo);
+
+    OwnedBuffer target;
+    LoadFile(target.buffer, s_loadable);
+    const Snapshot before(target.buffer);
+    LoadImageFile(target.buffer, nullptr);
+    LoadImageFile(target.buffer, u"");
+    LoadImageBytes(target.buffer, nullptr, 100);
+    CopyImageToBuffer(target.buffer, nullptr);
+    EXPECT_TRUE(Snapshot(target.buffer) == before);
+}
+
+// Sizes at and just past the limits, as real files: the refusals come from
+// the limits, not from bad data.
+TEST_F(RefusedImages, PicturesBeyondTheSizeLimits) {
+    auto blank = [](int width, int height, const std::string& file) {
+        return RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgb24 -s " +
+                          std::to_string(width) + "x" + std::to_string(height) +
+                          " -i /dev/zero -frames:v 1 " + Quote(file));
+    };
+    const std::string wide = s_dir->File("wide.png");
+    const std::string tall = s_dir->File("tall.png");
+    const std::string large = s_dir->File("large.png");
+    const std::string widest = s_dir->File("widest.png");
+    const std::string largest = s_dir->File("largest.png");
+    ASSERT_TRUE(blank(16385, 1, wide));
+    ASSERT_TRUE(blank(1, 16385, tall));
+    ASSERT_TRUE(blank(4097, 4096, large));  // 16,781,312 pixels
+    ASSERT_TRUE(blank(16384, 2, widest));
+    ASSERT_TRUE(blank(4096, 4096, largest));  // exactly 16,777,216 pixels
+    ExpectUntouched(wide);
+    ExpectUntouched(tall);
+    ExpectUntouched(large);
+
+    OwnedBuffer target;
+    LoadFile(target.buffer, widest);
+    EXPECT_EQ(target.buffer.width, 16384u);
+    EXPECT_EQ(target.buffer.height, 2u);
+    LoadFile(target.buffer, largest);
+    EXPECT_EQ(target.buffer.width, 4096u);
+    EXPECT_EQ(target.buffer.height, 4096u);
+    EXPECT_EQ(target.buffer.bitsPerPixel, 24u);
+}
+
+TEST(CopyImageToBuffer, ThreeByTwoTwentyFourBitPicture) {
+    DecodedImage image;
+    image.width = 3;
+    image.height = 2;
+    image.bitsPerPixel = 24;
+    // Top row 1..9, bottom row 11..19.
+    image.pixels.reset(
+        new uint8_t[18]{1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14, 15, 16, 17, 18, 19});
+    OwnedBuffer target;
+    CopyImageToBuffer(target.buffer, &image);
+    const PixelBuffer& b = target.buffer;
+    EXPECT_EQ(b.width, 3u);
+    EXPECT_EQ(b.height, 2u);
+    EXPECT_EQ(b.bitsPerPixel, 24u);
+    ASSERT_EQ(b.capacity, 25u);
+    const std::vector<uint8_t> bytes(b.data, b.data + 22);
+    const std::vector<uint8_t> want = {11, 12, 13, 14, 15, 16, 17, 18, 19, 255, 0,
+                                       0,  1,  2,  3,  4,  5,  6,  7,  8,  9,   255};
+    EXPECT_EQ(bytes, want);
+}
+
+TEST(CopyImageToBuffer, SmallerPictureKeepsTheBlock) {
+    auto square = [](uint32_t side) {
+        DecodedImage image;
+        image.width = image.height = side;
+        image.bitsPerPixel = 32;
+        image.pixels.reset(new uint8_t[side * side * 4]());
+        return image;
+    };
+    OwnedBuffer target;
+    const DecodedImage large = square(20);
+    CopyImageToBuffer(target.buffer, &large);
+    ASSERT_EQ(target.buffer.capacity, 1601u);
+    const uint8_t* block = target.buffer.data;
+    const DecodedImage small = square(10);
+    CopyImageToBuffer(target.buffer, &small);
+    EXPECT_EQ(target.buffer.capacity, 1601u);
+    EXPECT_EQ(target.buffer.data, block);
+    EXPECT_EQ(target.buffer.width, 10u);
+    EXPECT_EQ(target.buffer.height, 10u);
+}
+
+}  // namespace
+}  // namespace lumets::test

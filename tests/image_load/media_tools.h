@@ -1,0 +1,128 @@
+// Test helpers: a scratch directory, running ffmpeg/ffprobe, raw pictures in
+// and out, and snapshots of a PixelBuffer to prove that a failed load left it
+// alone.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "image/image_loader.h"
+#include "lumets_platform/utf16.h"
+
+namespace lumets::test {
+
+class ScratchDir {
+  public:
+    ScratchDir() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "lumets-image-XXXXXX").string();
+        if (mkdtemp(pattern.data()) != nullptr) {
+            m_path = pattern;
+        }
+    }
+    ~ScratchDir() {
+        std::error_code ignored;
+        if (!m_path.empty()) {
+            std::filesystem::remove_all(m_path, ignored);
+        }
+    }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+
+    std::string File(const std::string& name) const { return (m_path / name).string(); }
+
+  private:
+    std::filesystem::path m_path;
+};
+
+inline std::string Quote(const std::string& text) {
+    return "'" + text + "'";
+}
+
+// Runs a shell command; true when it exits with 0.
+inline bool RunCommand(const std::string& command) {
+    return std::system(command.c_str()) == 0;
+}
+
+// ffmpeg with a raw picture as input: rawFormat and size describe raw, the
+// rest of the arguments (codec, pixel format) come before the output.
+inline bool EncodeRaw(const std::string& raw, const std::string& rawFormat, int width, int height,
+                      const std::string& outputArgs, const std::string& output) {
+    return RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt " + rawFormat + " -s " +
+                      std::to_string(width) + "x" + std::to_string(height) + " -i " + Quote(raw) +
+                      " " + outputArgs + " -frames:v 1 " + Quote(output));
+}
+
+// "codec,pix_fmt" of the first video stream as ffprobe sees the file.
+inline std::string Probe(const std::string& file) {
+    std::string command =
+        "ffprobe -v error -select_streams v:0 -show_entries "
+        "stream=codec_name,pix_fmt -of csv=p=0 " +
+        Quote(file);
+    std::string result;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char chunk[256];
+        while (fgets(chunk, sizeof chunk, pipe) != nullptr) {
+            result += chunk;
+        }
+        pclose(pipe);
+    }
+    while (!result.empty() && (result.back() == '\n' || result.back() == '\r')) {
+        result.pop_back();
+    }
+    return result;
+}
+
+inline void WriteBytes(const std::string& file, const std::vector<uint8_t>& bytes) {
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+}
+
+inline std::vector<uint8_t> ReadBytes(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void LoadFile(PixelBuffer& target, const std::string& file) {
+    const std::u16string path = platform::Utf8ToU16(file);
+    LoadImageFile(target, path.c_str());
+}
+
+// A PixelBuffer that frees its block.
+struct OwnedBuffer {
+    PixelBuffer buffer;
+    OwnedBuffer() = default;
+    OwnedBuffer(const OwnedBuffer&) = delete;
+    OwnedBuffer& operator=(const OwnedBuffer&) = delete;
+    ~OwnedBuffer() { delete[] buffer.data; }
+};
+
+// Everything a load may change, with the bytes in use.
+struct Snapshot {
+    const uint8_t* data;
+    uint32_t capacity;
+    uint32_t width;
+    uint32_t height;
+    uint32_t bitsPerPixel;
+    std::vector<uint8_t> bytes;
+
+    explicit Snapshot(const PixelBuffer& b)
+        : data(b.data),
+          capacity(b.capacity),
+          width(b.width),
+          height(b.height),
+          bitsPerPixel(b.bitsPerPixel),
+          bytes(b.data, b.data + (b.data != nullptr ? b.capacity : 0)) {}
+
+    bool operator==(const Snapshot&) const = default;
+};
+
+}  // namespace lumets::test
