@@ -25,5 +25,5 @@ cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 cmake --build build/tsan --target threaded_tests -j"$jobs"
 # The sanitizer's shadow memory layout needs the address-space randomisation
 # of older kernels; setarch -R turns it off for these runs only.
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" \
   setarch "$(uname -m)" -R ctest --test-dir build/tsan -L threaded --output-on-failure
