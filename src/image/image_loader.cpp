@@ -58,30 +58,15 @@ void CopyBgra(const uint8_t* src, uint8_t* dst, uint32_t width) {
     std::memcpy(dst, src, size_t{width} * 4);
 }
 
-void RgbaToBgra(const uint8_t* src, uint8_t* dst, uint32_t width) {
+// Reorders the four bytes of each pixel into B, G, R, A: each parameter
+// names the input byte that lands there.
+template <int B, int G, int R, int A>
+void SwizzleToBgra(const uint8_t* src, uint8_t* dst, uint32_t width) {
     for (uint32_t x = 0; x < width; ++x, src += 4, dst += 4) {
-        dst[0] = src[2];
-        dst[1] = src[1];
-        dst[2] = src[0];
-        dst[3] = src[3];
-    }
-}
-
-void ArgbToBgra(const uint8_t* src, uint8_t* dst, uint32_t width) {
-    for (uint32_t x = 0; x < width; ++x, src += 4, dst += 4) {
-        dst[0] = src[3];
-        dst[1] = src[2];
-        dst[2] = src[1];
-        dst[3] = src[0];
-    }
-}
-
-void AbgrToBgra(const uint8_t* src, uint8_t* dst, uint32_t width) {
-    for (uint32_t x = 0; x < width; ++x, src += 4, dst += 4) {
-        dst[0] = src[1];
-        dst[1] = src[2];
-        dst[2] = src[3];
-        dst[3] = src[0];
+        dst[0] = src[B];
+        dst[1] = src[G];
+        dst[2] = src[R];
+        dst[3] = src[A];
     }
 }
 
@@ -132,7 +117,7 @@ constexpr FormatRule kFormatTable[] = {
     // GIF decodes to bgra, yet a GIF is a paletted picture: refused by codec.
     {AV_CODEC_ID_GIF, AV_PIX_FMT_NONE, Depth::Refused, nullptr},
 
-    {AV_CODEC_ID_PNG, AV_PIX_FMT_RGBA, Depth::Bits32, RgbaToBgra},
+    {AV_CODEC_ID_PNG, AV_PIX_FMT_RGBA, Depth::Bits32, SwizzleToBgra<2, 1, 0, 3>},
     {AV_CODEC_ID_PNG, AV_PIX_FMT_YA8, Depth::Bits32, GreyAlphaToBgra},
     {AV_CODEC_ID_PNG, AV_PIX_FMT_RGBA64BE, Depth::Bits32, Wide16ToBgra<8, 0, 0, 2, 4, 6>},
     {AV_CODEC_ID_PNG, AV_PIX_FMT_YA16BE, Depth::Bits32, GreyAlpha16BeToBgra},
@@ -151,21 +136,21 @@ constexpr FormatRule kFormatTable[] = {
     // 32-bit BMPs: the fourth byte is whatever the file holds, alpha or not.
     {AV_CODEC_ID_BMP, AV_PIX_FMT_BGRA, Depth::Bits32, CopyBgra},
     {AV_CODEC_ID_BMP, AV_PIX_FMT_BGR0, Depth::Bits32, CopyBgra},
-    {AV_CODEC_ID_BMP, AV_PIX_FMT_RGBA, Depth::Bits32, RgbaToBgra},
-    {AV_CODEC_ID_BMP, AV_PIX_FMT_RGB0, Depth::Bits32, RgbaToBgra},
-    {AV_CODEC_ID_BMP, AV_PIX_FMT_ARGB, Depth::Bits32, ArgbToBgra},
-    {AV_CODEC_ID_BMP, AV_PIX_FMT_0RGB, Depth::Bits32, ArgbToBgra},
-    {AV_CODEC_ID_BMP, AV_PIX_FMT_ABGR, Depth::Bits32, AbgrToBgra},
-    {AV_CODEC_ID_BMP, AV_PIX_FMT_0BGR, Depth::Bits32, AbgrToBgra},
+    {AV_CODEC_ID_BMP, AV_PIX_FMT_RGBA, Depth::Bits32, SwizzleToBgra<2, 1, 0, 3>},
+    {AV_CODEC_ID_BMP, AV_PIX_FMT_RGB0, Depth::Bits32, SwizzleToBgra<2, 1, 0, 3>},
+    {AV_CODEC_ID_BMP, AV_PIX_FMT_ARGB, Depth::Bits32, SwizzleToBgra<3, 2, 1, 0>},
+    {AV_CODEC_ID_BMP, AV_PIX_FMT_0RGB, Depth::Bits32, SwizzleToBgra<3, 2, 1, 0>},
+    {AV_CODEC_ID_BMP, AV_PIX_FMT_ABGR, Depth::Bits32, SwizzleToBgra<1, 2, 3, 0>},
+    {AV_CODEC_ID_BMP, AV_PIX_FMT_0BGR, Depth::Bits32, SwizzleToBgra<1, 2, 3, 0>},
     // 16-bit (rgb565le, rgb555le, rgb444le), paletted and 1-bit: refused.
 
     // Lossless WebP decodes to argb; lossy to yuv420p, with alpha yuva420p.
-    {AV_CODEC_ID_WEBP, AV_PIX_FMT_ARGB, Depth::Bits32, ArgbToBgra},
+    {AV_CODEC_ID_WEBP, AV_PIX_FMT_ARGB, Depth::Bits32, SwizzleToBgra<3, 2, 1, 0>},
     {AV_CODEC_ID_WEBP, AV_PIX_FMT_YUV420P, Depth::Bits24, nullptr},
     {AV_CODEC_ID_WEBP, AV_PIX_FMT_YUVA420P, Depth::Bits32, nullptr},
 
     {AV_CODEC_ID_TIFF, AV_PIX_FMT_RGB24, Depth::Bits24, RgbToBgr},
-    {AV_CODEC_ID_TIFF, AV_PIX_FMT_RGBA, Depth::Bits32, RgbaToBgra},
+    {AV_CODEC_ID_TIFF, AV_PIX_FMT_RGBA, Depth::Bits32, SwizzleToBgra<2, 1, 0, 3>},
     {AV_CODEC_ID_TIFF, AV_PIX_FMT_YA8, Depth::Bits32, GreyAlphaToBgra},
     {AV_CODEC_ID_TIFF, AV_PIX_FMT_RGB48LE, Depth::Bits32, Wide16ToBgra<6, 1, 0, 2, 4, -1>},
     {AV_CODEC_ID_TIFF, AV_PIX_FMT_RGB48BE, Depth::Bits32, Wide16ToBgra<6, 0, 0, 2, 4, -1>},

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "lumets/win_types.h"
 
@@ -41,6 +42,14 @@ struct PixelKernels {
 
 // The plain per-pixel reference.
 const PixelKernels& ScalarKernels();
+
+// Same-depth copies are plain byte copies; the SIMD tables share these.
+inline void CopyRowBytes24(uint8_t* dst, const uint8_t* src, size_t count) {
+    std::memcpy(dst, src, count * 3);
+}
+inline void CopyRowBytes32(uint8_t* dst, const uint8_t* src, size_t count) {
+    std::memcpy(dst, src, count * 4);
+}
 // Each variant, or nullptr where this CPU cannot run it. The AVX-512 table
 // replaces only the main path (32-bit into 24-bit) and keeps the AVX2 rest.
 const PixelKernels* Avx512Kernels();

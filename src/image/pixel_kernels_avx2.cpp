@@ -263,20 +263,12 @@ LUMETS_AVX2 void Copy32To24(uint8_t* dst, const uint8_t* src, size_t count) {
     ScalarKernels().copy32To24(dst, src, count - i);
 }
 
-void Copy24To24(uint8_t* dst, const uint8_t* src, size_t count) {
-    std::memcpy(dst, src, count * 3);
-}
-
-void Copy32To32(uint8_t* dst, const uint8_t* src, size_t count) {
-    std::memcpy(dst, src, count * 4);
-}
-
 }  // namespace
 
 const PixelKernels* Avx2Kernels() {
     static const PixelKernels kernels = {
-        "avx2",           Blend32To24, Blend32To32, Copy24To24, Copy24To32KeepAlpha,
-        Copy24To32Opaque, Copy32To24,  Copy32To32,
+        "avx2",           Blend32To24, Blend32To32,    CopyRowBytes24, Copy24To32KeepAlpha,
+        Copy24To32Opaque, Copy32To24,  CopyRowBytes32,
     };
     static const bool supported = [] {
         __builtin_cpu_init();

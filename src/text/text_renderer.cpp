@@ -228,26 +228,24 @@ void CTextRenderer::CopyBuffer(void* dst, uint32_t size) {
     std::memcpy(dst, m_textBuffer.data, std::min(size, m_textBuffer.capacity));
 }
 
-void CTextRenderer::BlendInto24(uint8_t* dst, int32_t width, int32_t height, const POINT* pos) {
+void CTextRenderer::BlendInto(uint8_t* dst, int32_t width, int32_t height, int32_t bitsPerPixel,
+                              const POINT* pos) {
     CAutoLock lock(&m_lock);
     if (dst == nullptr || pos == nullptr ||
         static_cast<int64_t>(width) * static_cast<int64_t>(height) <= 0) {
         return;
     }
-    BlendAt(dst, width, height, 24, *pos, m_textBuffer.data,
+    BlendAt(dst, width, height, bitsPerPixel, *pos, m_textBuffer.data,
             static_cast<int32_t>(m_textBuffer.width), static_cast<int32_t>(m_textBuffer.height),
             static_cast<int32_t>(m_textBuffer.bitsPerPixel));
 }
 
+void CTextRenderer::BlendInto24(uint8_t* dst, int32_t width, int32_t height, const POINT* pos) {
+    BlendInto(dst, width, height, 24, pos);
+}
+
 void CTextRenderer::BlendInto32(uint8_t* dst, int32_t width, int32_t height, const POINT* pos) {
-    CAutoLock lock(&m_lock);
-    if (dst == nullptr || pos == nullptr ||
-        static_cast<int64_t>(width) * static_cast<int64_t>(height) <= 0) {
-        return;
-    }
-    BlendAt(dst, width, height, 32, *pos, m_textBuffer.data,
-            static_cast<int32_t>(m_textBuffer.width), static_cast<int32_t>(m_textBuffer.height),
-            static_cast<int32_t>(m_textBuffer.bitsPerPixel));
+    BlendInto(dst, width, height, 32, pos);
 }
 
 void CTextRenderer::BlendScaledInto24(uint8_t* dst, int32_t dstWidth, int32_t dstHeight,

@@ -52,6 +52,8 @@ class CTextRenderer {
 
   private:
     void Draw();
+    void BlendInto(uint8_t* dst, int32_t width, int32_t height, int32_t bitsPerPixel,
+                   const POINT* pos);
 
     std::u16string m_text;
     TextStyle m_style;
