@@ -1,9 +1,9 @@
 // The player library's factory, its test hook and the handler's own bodies.
 #include "lumets/host/flash_player.h"
 
-#include <mutex>
 #include <new>
 
+#include "factory_hook.h"
 #include "media_player.h"
 
 // The player reports only OnPlayEnd; the other two are the library's own
@@ -24,50 +24,25 @@ void DeleteMediaPlayer(IFlashPlayer* player) {
     delete player;
 }
 
-struct PlayerFactories {
-    std::mutex mutex;
-    lumets::host::FlashPlayerFactory create = CreateMediaPlayer;
-    lumets::host::FlashPlayerDeleter destroy = DeleteMediaPlayer;
-};
-
-PlayerFactories& Factories() {
-    static PlayerFactories factories;
+lumets::host::CFactoryHook<IFlashPlayer>& Factories() {
+    static lumets::host::CFactoryHook<IFlashPlayer> factories(CreateMediaPlayer, DeleteMediaPlayer);
     return factories;
 }
 
 }  // namespace
 
 IFlashPlayer* CreateFlashPlayer() {
-    PlayerFactories& f = Factories();
-    lumets::host::FlashPlayerFactory create;
-    {
-        std::lock_guard<std::mutex> lock(f.mutex);
-        create = f.create;
-    }
-    return create();
+    return Factories().Make();
 }
 
 void DeleteFlashPlayer(IFlashPlayer* player) {
-    if (player == nullptr) {
-        return;
-    }
-    PlayerFactories& f = Factories();
-    lumets::host::FlashPlayerDeleter destroy;
-    {
-        std::lock_guard<std::mutex> lock(f.mutex);
-        destroy = f.destroy;
-    }
-    destroy(player);
+    Factories().Free(player);
 }
 
 namespace lumets::host {
 
 void SetFlashPlayerFactory(FlashPlayerFactory create, FlashPlayerDeleter destroy) {
-    PlayerFactories& f = Factories();
-    std::lock_guard<std::mutex> lock(f.mutex);
-    const bool restore = create == nullptr || destroy == nullptr;
-    f.create = restore ? CreateMediaPlayer : create;
-    f.destroy = restore ? DeleteMediaPlayer : destroy;
+    Factories().Replace(create, destroy);
 }
 
 }  // namespace lumets::host

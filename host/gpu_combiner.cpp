@@ -7,6 +7,7 @@
 #include <mutex>
 #include <new>
 
+#include "factory_hook.h"
 #include "gl_util.h"
 
 using lumets::host::GlDrainErrors;
@@ -366,50 +367,26 @@ void DestroyRealCombiner(IGPUCombiner* combiner) {
     delete static_cast<CGPUCombiner*>(combiner);
 }
 
-struct CombinerFactories {
-    std::mutex mutex;
-    lumets::host::CombinerFactory create = CreateRealCombiner;
-    lumets::host::CombinerDeleter destroy = DestroyRealCombiner;
-};
-
-CombinerFactories& Factories() {
-    static CombinerFactories factories;
+lumets::host::CFactoryHook<IGPUCombiner>& Factories() {
+    static lumets::host::CFactoryHook<IGPUCombiner> factories(CreateRealCombiner,
+                                                              DestroyRealCombiner);
     return factories;
 }
 
 }  // namespace
 
 IGPUCombiner* CProcessorFactory::CreateCombiner() {
-    CombinerFactories& f = Factories();
-    lumets::host::CombinerFactory create;
-    {
-        std::lock_guard<std::mutex> lock(f.mutex);
-        create = f.create;
-    }
-    return create();
+    return Factories().Make();
 }
 
 void CProcessorFactory::DestroyCombiner(IGPUCombiner* combiner) {
-    if (combiner == nullptr) {
-        return;
-    }
-    CombinerFactories& f = Factories();
-    lumets::host::CombinerDeleter destroy;
-    {
-        std::lock_guard<std::mutex> lock(f.mutex);
-        destroy = f.destroy;
-    }
-    destroy(combiner);
+    Factories().Free(combiner);
 }
 
 namespace lumets::host {
 
 void SetCombinerFactory(CombinerFactory create, CombinerDeleter destroy) {
-    CombinerFactories& f = Factories();
-    std::lock_guard<std::mutex> lock(f.mutex);
-    const bool restore = create == nullptr || destroy == nullptr;
-    f.create = restore ? CreateRealCombiner : create;
-    f.destroy = restore ? DestroyRealCombiner : destroy;
+    Factories().Replace(create, destroy);
 }
 
 }  // namespace lumets::host
