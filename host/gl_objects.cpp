@@ -112,6 +112,17 @@ class CPBO final : public IPBO {
     uint32_t GetCapacity() const override { return m_capacity; }
     GLuint GetBufferName() const override { return m_buffer; }
 
+    // Binds the texture and reads the size of its first level.
+    static bool BindTexture(GLuint texture, GLint* width, GLint* height) {
+        glBindTexture(GL_TEXTURE_2D, texture);
+        if (!GlOk("glBindTexture")) {
+            return false;
+        }
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, width);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, height);
+        return GlOk("glGetTexLevelParameteriv");
+    }
+
     bool Download(GLuint texture, void* pixels, uint32_t size, GLenum format) override {
         const uint32_t needed = PictureBytes(m_width, m_height);
         if (texture == 0 || pixels == nullptr || needed == 0 || size < needed ||
@@ -121,17 +132,12 @@ class CPBO final : public IPBO {
         GlDrainErrors();
         CTransferStateGuard guard;
         glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
-        glBindTexture(GL_TEXTURE_2D, texture);
-        if (!GlOk("glBindTexture")) {
-            return false;
-        }
         // glGetTexImage writes the whole level: refuse a texture of another size
         // rather than write past the caller's buffer.
         GLint texWidth = 0;
         GLint texHeight = 0;
-        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &texWidth);
-        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &texHeight);
-        if (!GlOk("glGetTexLevelParameteriv") || texWidth != m_width || texHeight != m_height) {
+        if (!BindTexture(texture, &texWidth, &texHeight) || texWidth != m_width ||
+            texHeight != m_height) {
             return false;
         }
         glGetTexImage(GL_TEXTURE_2D, 0, format, GL_UNSIGNED_BYTE, pixels);
@@ -149,15 +155,9 @@ class CPBO final : public IPBO {
         if (!EnsureBuffer(needed) || !FillBuffer(pixels, needed)) {
             return false;
         }
-        glBindTexture(GL_TEXTURE_2D, texture);
-        if (!GlOk("glBindTexture")) {
-            return false;
-        }
         GLint texWidth = 0;
         GLint texHeight = 0;
-        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &texWidth);
-        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &texHeight);
-        if (!GlOk("glGetTexLevelParameteriv")) {
+        if (!BindTexture(texture, &texWidth, &texHeight)) {
             return false;
         }
         // Rows arrive bottom-up, which is OpenGL's own row order: no flip. The
