@@ -117,24 +117,26 @@ LUMETS_AVX2_INLINE Row96 PackBytes96(const __m256i (&s)[4], __m256i pattern) {
 
 // The blend on 32 bytes already laid out as the 24-bit destination: colour
 // bytes s and alpha bytes a sit over the destination bytes d they mix with.
-// Even and odd bytes are widened to 16 bits with masks and shifts, which
-// keeps the shuffle unit free for the packing above.
 LUMETS_AVX2_INLINE __m256i Mix32Bytes(__m256i d, __m256i s, __m256i a) {
-    const __m256i low = _mm256_set1_epi16(0x00FF);
+    // Colour bytes moved into the signed range (c - 128): one multiply-add of
+    // the unsigned weights (255 - a, a) by the byte pair (d, s) gives
+    // (255 - a) * d + a * s - 32640 without saturating; adding 32640 back
+    // leaves the exact sum in [0, 65025] for the exact division by 255.
+    // Unpacking and packing stay within 128-bit lanes, so the order returns.
+    const __m256i bias = _mm256_set1_epi8(static_cast<char>(0x80));
+    const __m256i offset = _mm256_set1_epi16(32640);
     const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
-    const __m256i ae = _mm256_and_si256(a, low);
-    const __m256i ao = _mm256_srli_epi16(a, 8);
-    const __m256i xe =
-        _mm256_add_epi16(_mm256_mullo_epi16(_mm256_and_si256(d, low), _mm256_xor_si256(ae, low)),
-                         _mm256_mullo_epi16(_mm256_and_si256(s, low), ae));
-    const __m256i xo =
-        _mm256_add_epi16(_mm256_mullo_epi16(_mm256_srli_epi16(d, 8), _mm256_xor_si256(ao, low)),
-                         _mm256_mullo_epi16(_mm256_srli_epi16(s, 8), ao));
-    const __m256i qe = _mm256_srli_epi16(_mm256_mulhi_epu16(xe, magic), 7);
-    // (q >> 7) << 8 in one shift and a mask.
-    const __m256i qo =
-        _mm256_andnot_si256(low, _mm256_slli_epi16(_mm256_mulhi_epu16(xo, magic), 1));
-    return _mm256_or_si256(qe, qo);
+    const __m256i ds = _mm256_xor_si256(d, bias);
+    const __m256i ss = _mm256_xor_si256(s, bias);
+    const __m256i inverse = _mm256_xor_si256(a, _mm256_set1_epi8(static_cast<char>(0xFF)));
+    const __m256i sumLow = _mm256_add_epi16(
+        _mm256_maddubs_epi16(_mm256_unpacklo_epi8(inverse, a), _mm256_unpacklo_epi8(ds, ss)),
+        offset);
+    const __m256i sumHigh = _mm256_add_epi16(
+        _mm256_maddubs_epi16(_mm256_unpackhi_epi8(inverse, a), _mm256_unpackhi_epi8(ds, ss)),
+        offset);
+    return _mm256_packus_epi16(_mm256_srli_epi16(_mm256_mulhi_epu16(sumLow, magic), 7),
+                               _mm256_srli_epi16(_mm256_mulhi_epu16(sumHigh, magic), 7));
 }
 
 LUMETS_AVX2 void Blend32To24(uint8_t* dst, const uint8_t* src, size_t count) {
