@@ -13,43 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "common/scratch_files.h"
 #include "image/image_loader.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets::test {
-
-class ScratchDir {
-  public:
-    ScratchDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "lumets-image-XXXXXX").string();
-        if (mkdtemp(pattern.data()) != nullptr) {
-            m_path = pattern;
-        }
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        if (!m_path.empty()) {
-            std::filesystem::remove_all(m_path, ignored);
-        }
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-
-    std::string File(const std::string& name) const { return (m_path / name).string(); }
-
-  private:
-    std::filesystem::path m_path;
-};
-
-inline std::string Quote(const std::string& text) {
-    return "'" + text + "'";
-}
-
-// Runs a shell command; true when it exits with 0.
-inline bool RunCommand(const std::string& command) {
-    return std::system(command.c_str()) == 0;
-}
 
 // ffmpeg with a raw picture as input: rawFormat and size describe raw, the
 // rest of the arguments (codec, pixel format) come before the output.
@@ -78,17 +46,6 @@ inline std::string Probe(const std::string& file) {
         result.pop_back();
     }
     return result;
-}
-
-inline void WriteBytes(const std::string& file, const std::vector<uint8_t>& bytes) {
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
-}
-
-inline std::vector<uint8_t> ReadBytes(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 inline void LoadFile(PixelBuffer& target, const std::string& file) {

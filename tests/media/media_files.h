@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "common/scratch_files.h"
+
 namespace lumets::test {
 
 struct Bgr {
@@ -57,16 +59,14 @@ class MediaFiles : public ::testing::Environment {
         return *files;
     }
 
-    std::string Path(const std::string& name) const { return (m_dir / name).string(); }
+    std::string Path(const std::string& name) const { return m_dir.File(name); }
     std::u16string Path16(const std::string& name) const {
         const std::string path = Path(name);
         return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
     }
 
     void SetUp() override {
-        char pattern[] = "/tmp/lumets-media-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
+        ASSERT_TRUE(m_dir.Ok());
         WriteRaw("half.bgra", true, kFrames);
         WriteRaw("cut.bgra", false, kFrames);
         const std::string raw = "-f rawvideo -pix_fmt bgra -s 64x48 -r ";
@@ -95,16 +95,9 @@ class MediaFiles : public ::testing::Environment {
         const std::string text = "this is not a movie\n";
         WriteBytes("notes.gif", std::vector<uint8_t>(text.begin(), text.end()));
         // A WebM cut after its headers and first frame or so.
-        std::ifstream whole(Path("alpha.webm"), std::ios::binary);
-        std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(whole)),
-                                   std::istreambuf_iterator<char>());
+        std::vector<uint8_t> bytes = ReadBytes(Path("alpha.webm"));
         bytes.resize(bytes.size() / 3);
         WriteBytes("truncated.webm", bytes);
-    }
-
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_dir, ignored);
     }
 
   private:
@@ -122,20 +115,17 @@ class MediaFiles : public ::testing::Environment {
     }
 
     void WriteBytes(const std::string& name, const std::vector<uint8_t>& bytes) {
-        std::ofstream out(Path(name), std::ios::binary);
-        out.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
-        ASSERT_TRUE(out.good()) << name;
+        ASSERT_TRUE(lumets::test::WriteBytes(Path(name), bytes)) << name;
     }
 
     void Make(const std::string& arguments) {
-        const std::string command = "cd '" + m_dir.string() +
-                                    "' && ffmpeg -nostdin -hide_banner -loglevel error -y " +
+        const std::string command = "cd " + Quote(m_dir.Path().string()) +
+                                    " && ffmpeg -nostdin -hide_banner -loglevel error -y " +
                                     arguments;
-        ASSERT_EQ(std::system(command.c_str()), 0) << command;
+        ASSERT_TRUE(RunCommand(command)) << command;
     }
 
-    std::filesystem::path m_dir;
+    ScratchDir m_dir;
 };
 
 }  // namespace lumets::test
