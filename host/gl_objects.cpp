@@ -123,10 +123,20 @@ class CPBO final : public IPBO {
         return GlOk("glGetTexLevelParameteriv");
     }
 
-    bool Download(GLuint texture, void* pixels, uint32_t size, GLenum format) override {
+    // The bytes of one picture of the current size when a transfer of it can
+    // go ahead (a texture, pixels, enough of them, a four-byte format and a
+    // current context); 0 otherwise.
+    uint32_t TransferBytes(GLuint texture, const void* pixels, uint32_t size, GLenum format) const {
         const uint32_t needed = PictureBytes(m_width, m_height);
         if (texture == 0 || pixels == nullptr || needed == 0 || size < needed ||
             !IsFourByteFormat(format) || !GlHasCurrentContext()) {
+            return 0;
+        }
+        return needed;
+    }
+
+    bool Download(GLuint texture, void* pixels, uint32_t size, GLenum format) override {
+        if (TransferBytes(texture, pixels, size, format) == 0) {
             return false;
         }
         GlDrainErrors();
@@ -145,9 +155,8 @@ class CPBO final : public IPBO {
     }
 
     bool Upload(GLuint texture, const void* pixels, uint32_t size, GLenum format) override {
-        const uint32_t needed = PictureBytes(m_width, m_height);
-        if (texture == 0 || pixels == nullptr || needed == 0 || size < needed ||
-            !IsFourByteFormat(format) || !GlHasCurrentContext()) {
+        const uint32_t needed = TransferBytes(texture, pixels, size, format);
+        if (needed == 0) {
             return false;
         }
         GlDrainErrors();

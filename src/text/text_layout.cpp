@@ -223,12 +223,7 @@ StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
     if (!m_vertical) {
         pango_layout_set_text(m_layout, m_utf8.data(), static_cast<int>(m_utf8.size()));
     } else {
-        for (const std::string& line : SplitLines(m_utf8)) {
-            PangoLayout* column = pango_layout_copy(m_layout);
-            const std::string stacked = StackCharacters(line);
-            pango_layout_set_text(column, stacked.data(), static_cast<int>(stacked.size()));
-            m_columns.push_back(column);
-        }
+        m_columns = MakeColumns(m_utf8);
     }
 }
 
@@ -251,34 +246,57 @@ float StyledLayout::ColumnHeight(PangoLayout* column) const {
     return static_cast<float>(pango_layout_get_line_count(column) * m_emPixels);
 }
 
-RectF StyledLayout::MeasureText(const std::string& utf8) const {
-    if (!m_vertical) {
-        PangoLayout* layout = pango_layout_copy(m_layout);
-        pango_layout_set_text(layout, utf8.data(), static_cast<int>(utf8.size()));
-        PangoRectangle logical{};
-        pango_layout_get_extents(layout, nullptr, &logical);
-        g_object_unref(layout);
-        return RectF{0, 0, static_cast<float>(logical.width) / PANGO_SCALE,
-                     static_cast<float>(logical.height) / PANGO_SCALE};
+PangoLayout* StyledLayout::WithText(const std::string& utf8) const {
+    PangoLayout* layout = pango_layout_copy(m_layout);
+    pango_layout_set_text(layout, utf8.data(), static_cast<int>(utf8.size()));
+    return layout;
+}
+
+std::vector<PangoLayout*> StyledLayout::MakeColumns(const std::string& utf8) const {
+    std::vector<PangoLayout*> columns;
+    for (const std::string& line : SplitLines(utf8)) {
+        columns.push_back(WithText(StackCharacters(line)));
     }
-    const std::vector<std::string> lines = SplitLines(utf8);
+    return columns;
+}
+
+RectF StyledLayout::Box(PangoLayout* layout) {
+    PangoRectangle logical{};
+    pango_layout_get_extents(layout, nullptr, &logical);
+    return RectF{0, 0, static_cast<float>(logical.width) / PANGO_SCALE,
+                 static_cast<float>(logical.height) / PANGO_SCALE};
+}
+
+RectF StyledLayout::Box(const std::vector<PangoLayout*>& columns) const {
     float height = 0.0f;
-    for (const std::string& line : lines) {
-        PangoLayout* column = pango_layout_copy(m_layout);
-        const std::string stacked = StackCharacters(line);
-        pango_layout_set_text(column, stacked.data(), static_cast<int>(stacked.size()));
+    for (PangoLayout* column : columns) {
         height = std::max(height, ColumnHeight(column));
-        g_object_unref(column);
     }
     const float columnWidth = static_cast<float>(m_columnWidth) / PANGO_SCALE;
-    return RectF{0, 0, columnWidth * static_cast<float>(lines.size()), height};
+    return RectF{0, 0, columnWidth * static_cast<float>(columns.size()), height};
+}
+
+RectF StyledLayout::MeasureText(const std::string& utf8) const {
+    if (!m_vertical) {
+        PangoLayout* layout = WithText(utf8);
+        const RectF box = Box(layout);
+        g_object_unref(layout);
+        return box;
+    }
+    const std::vector<PangoLayout*> columns = MakeColumns(utf8);
+    const RectF box = Box(columns);
+    for (PangoLayout* column : columns) {
+        g_object_unref(column);
+    }
+    return box;
 }
 
 RectF StyledLayout::Measure() const {
     if (m_layout == nullptr || m_empty) {
         return RectF{};
     }
-    return MeasureText(m_utf8);
+    // The text's own layouts already exist; measure them as they are.
+    return m_vertical ? Box(m_columns) : Box(m_layout);
 }
 
 void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {

@@ -70,6 +70,12 @@ class StyledLayout {
     void ShowIn(cairo_t* cr, const RectF& rect) const;
 
   private:
+    // A copy of the prototype layout holding utf8.
+    PangoLayout* WithText(const std::string& utf8) const;
+    // Vertical text: one layout per line of utf8, its characters stacked.
+    std::vector<PangoLayout*> MakeColumns(const std::string& utf8) const;
+    static RectF Box(PangoLayout* layout);
+    RectF Box(const std::vector<PangoLayout*>& columns) const;
     RectF MeasureText(const std::string& utf8) const;
     float ColumnHeight(PangoLayout* column) const;
     template <typename Paint>
