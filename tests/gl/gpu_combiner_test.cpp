@@ -310,40 +310,4 @@ TEST_F(GpuCombinerTest, RefusesDrawsWithoutTextureOrRectangles) {
     EXPECT_TRUE(m_combiner->DrawTexture(m_texture, 1));
 }
 
-// A combiner that only records, as the library's tests install it.
-class RecordingCombiner final : public IGPUCombiner {
-  public:
-    bool Init() override { return true; }
-    void Release() override {}
-    void SetOpacity(float) override {}
-    float GetOpacity() const override { return 1.f; }
-    void Clear(uint32_t) override {}
-    uint32_t GetDrawCount() const override { return 0; }
-    bool DrawTexture(GLuint, int32_t) override { return true; }
-    void GetRects(RECT*, RECT*) const override {}
-    bool SetDestination(const RECT*, int32_t, int32_t, int32_t) override { return true; }
-    bool SetSource(const RECT*, int32_t, int32_t, int32_t) override { return true; }
-    ~RecordingCombiner() override { ++destroyed; }
-    static inline int destroyed = 0;
-};
-
-TEST(CombinerFactory, TheHookReplacesAndRestoresTheFactory) {
-    static RecordingCombiner* made = nullptr;
-    RecordingCombiner::destroyed = 0;
-    lumets::host::SetCombinerFactory(
-        []() -> IGPUCombiner* { return made = new RecordingCombiner(); },
-        [](IGPUCombiner* c) { delete static_cast<RecordingCombiner*>(c); });
-    IGPUCombiner* combiner = CProcessorFactory::CreateCombiner();
-    EXPECT_EQ(combiner, made);
-    CProcessorFactory::DestroyCombiner(combiner);
-    EXPECT_EQ(RecordingCombiner::destroyed, 1);
-
-    lumets::host::SetCombinerFactory(nullptr, nullptr);
-    IGPUCombiner* real = CProcessorFactory::CreateCombiner();
-    ASSERT_NE(real, nullptr);
-    EXPECT_EQ(dynamic_cast<RecordingCombiner*>(real), nullptr);
-    CProcessorFactory::DestroyCombiner(real);  // no context: nothing to free in GL
-    EXPECT_EQ(RecordingCombiner::destroyed, 1);
-}
-
 }  // namespace

@@ -26,14 +26,6 @@ TEST(Resources, MaskIsFoundByModuleIdAndTypeOnly) {
     EXPECT_TRUE(FindModuleResource(u"Lumets.dll", 101, nullptr).empty());
 }
 
-TEST(Resources, CompiledMaskMatchesTheFileInTheRepository) {
-    const std::vector<uint8_t> file = ReadBytes(std::string(LUMETS_SOURCE_DIR) + "/data/mask.png");
-    ASSERT_FALSE(file.empty());
-    const auto compiled = FindModuleResource(u"Lumets.dll", 101, u"PNG");
-    EXPECT_EQ(std::vector<uint8_t>(compiled.begin(), compiled.end()), file)
-        << "run data/make_mask.py to regenerate src/image/mask_png.inc";
-}
-
 TEST(Resources, MaskLoadsAsForty36ThirtyTwoBitPicture) {
     OwnedBuffer mask;
     LoadImageResource(mask.buffer, u"Lumets.dll", 101, u"PNG");

@@ -214,24 +214,6 @@ TEST(TextRenderer, OutlineMovesGlyphsByHalfThePenAndWidensTheBitmap) {
     EXPECT_EQ(ib.top - ia.top, 2);
 }
 
-TEST(TextRenderer, BackgroundCoversTheLayoutBoxOnly) {
-    TextStyle style = Style(17, 0xFFFFFF);
-    style.backColor = 0x000000;
-    style.backAlpha = 100;
-    CTextRenderer renderer;
-    renderer.Render(u"x", &style);
-    const SIZE size = renderer.GetSize();
-    const auto pixels = Pixels(renderer);
-    // The top-left pixel lies in the box and is opaque black or text.
-    EXPECT_EQ(At(pixels, size, 0, 0)[3], 255);
-    // The bitmap is at least 17 + 1 high; rows past the box are all zero.
-    EXPECT_GE(size.cy, 18);
-    const uint8_t* corner = At(pixels, size, size.cx - 1, size.cy - 1);
-    if (corner[3] == 0) {
-        EXPECT_EQ(corner[0] | corner[1] | corner[2], 0);
-    }
-}
-
 TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
     CTextRenderer renderer;
     EXPECT_EQ(renderer.GetSize().cx, 0);

@@ -1,37 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <new>
-
-#include "lumets/text_style.h"
 #include "text/text_color.h"
 
 namespace {
-
-TEST(TextStyle, Defaults) {
-    alignas(TextStyle) unsigned char storage[sizeof(TextStyle)];
-    std::memset(storage, 0xCD, sizeof storage);
-    auto* style = new (storage) TextStyle();
-    for (char16_t unit : style->faceName) {
-        EXPECT_EQ(unit, 0);
-    }
-    EXPECT_EQ(style->fontSize, 16);
-    EXPECT_EQ(style->bold | style->italic | style->underline | style->strikeOut | style->vertical,
-              0);
-    EXPECT_EQ(style->horizontalAlign, 0);
-    EXPECT_EQ(style->verticalAlign, 0);
-    EXPECT_EQ(style->fillColor1, 0u);
-    EXPECT_EQ(style->fillColor2, 0u);
-    EXPECT_EQ(style->fillAngle, 0.0f);
-    EXPECT_EQ(style->fillAlpha1, 100u);
-    EXPECT_EQ(style->fillAlpha2, 100u);
-    EXPECT_EQ(style->backColor, 0xFFFFFFu);
-    EXPECT_EQ(style->backAlpha, 0u);
-    EXPECT_EQ(style->outline, 0);
-    EXPECT_EQ(style->outlineWidth, 0.0f);
-    EXPECT_EQ(style->outlineColor, 0u);
-    EXPECT_EQ(style->outlineAlpha, 100u);
-}
 
 TEST(TextColor, OpacityBecomesAlphaWithoutClamping) {
     using lumets::ArgbFromStyleColor;
