@@ -210,8 +210,8 @@ void SetCounters(benchmark::State& state, const Overlay& o) {
 void BlendWith(benchmark::State& state, const Overlay& o, const PixelKernels& kernels) {
     std::vector<uint8_t> frame = MakeFrame();
     for (auto _ : state) {
-        BlendAtWith(kernels, frame.data(), kFrameW, kFrameH, 24, kPos, o.pixels.data(), kOverlayW,
-                    kOverlayH, 32);
+        BlendAtWith(kernels, PackedPicture(frame.data(), kFrameW, kFrameH, 24), kPos,
+                    PackedPicture(o.pixels.data(), kOverlayW, kOverlayH, 32));
         benchmark::ClobberMemory();
     }
     SetCounters(state, o);

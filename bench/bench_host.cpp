@@ -4,8 +4,8 @@
 // 1080p host frame at two scales.
 //
 //   bench_host --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
-#define LUMETS_GL_CONTEXT_NO_GTEST
 #include <benchmark/benchmark.h>
+#include <epoxy/gl.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "../tests/common/gl_context.h"
 #include "lumets/host/flash_player.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/host/gpu_combiner.h"
+#include "lumets/host/headless_gl.h"
 #include "lumets/time_source.h"
 
 namespace {
@@ -41,7 +41,7 @@ std::vector<uint8_t> TextLikeLayer(int width, int height) {
 }
 
 void BM_TextLayerUploadAndDraw(benchmark::State& state) {
-    lumets::test::GlContext gl;
+    lumets::host::CHeadlessGl gl;
     if (!gl.OpenDisplay() || !gl.CreateContext() ||
         !gl.CreateFramebuffer(kFrameWidth, kFrameHeight)) {
         state.SkipWithError("no headless OpenGL context");

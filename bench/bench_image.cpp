@@ -44,7 +44,6 @@ std::string MakePicture(const std::string& name, const std::string& args) {
 
 struct Buffer {
     PixelBuffer buffer;
-    ~Buffer() { delete[] buffer.data; }
 };
 
 void LoadFileBenchmark(benchmark::State& state, const std::string& path) {
@@ -52,7 +51,7 @@ void LoadFileBenchmark(benchmark::State& state, const std::string& path) {
     Buffer target;
     for (auto _ : state) {
         LoadImageFile(target.buffer, path16.c_str());
-        benchmark::DoNotOptimize(target.buffer.data);
+        benchmark::DoNotOptimize(target.buffer.Data());
     }
     if (target.buffer.width != 1920 || target.buffer.height != 1080) {
         state.SkipWithError("picture did not load");
@@ -65,7 +64,7 @@ void BM_LoadMaskResource(benchmark::State& state) {
     Buffer target;
     for (auto _ : state) {
         LoadImageResource(target.buffer, u"Lumets.dll", 101, u"PNG");
-        benchmark::DoNotOptimize(target.buffer.data);
+        benchmark::DoNotOptimize(target.buffer.Data());
     }
     if (target.buffer.width != 40) {
         state.SkipWithError("mask did not load");
@@ -82,7 +81,8 @@ void BM_DrawPlate(benchmark::State& state, float scale, bool changeEveryFrame) {
         if (changeEveryFrame) {
             colour ^= 1;
         }
-        plate.DrawOnFrame(frame.data(), kFrameW, kFrameH, &text, 40, colour, 0.7f, scale);
+        plate.DrawOnFrame(PackedPicture(frame.data(), kFrameW, kFrameH, 24), &text, 40, colour,
+                          0.7f, scale);
         benchmark::ClobberMemory();
     }
     state.counters["rebuilds"] = plate.BuildCount();

@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "image/pixel_ops.h"
+#include "text/cairo_handles.h"
 #include "text/font_system.h"
+#include "text/pango_handles.h"
 #include "text/text_renderer.h"
 
 namespace {
@@ -49,35 +51,31 @@ void BM_BarePangoCairoFloor(benchmark::State& state) {
     auto& fonts = lumets::FontSystem::Get();
     for (auto _ : state) {
         auto lock = fonts.Lock();
-        cairo_surface_t* surface = cairo_image_surface_create_for_data(
-            pixels.data(), CAIRO_FORMAT_ARGB32, size.cx, size.cy, size.cx * 4);
-        cairo_t* cr = cairo_create(surface);
+        const lumets::CairoSurfacePtr surface(cairo_image_surface_create_for_data(
+            pixels.data(), CAIRO_FORMAT_ARGB32, size.cx, size.cy, size.cx * 4));
+        const lumets::CairoPtr cairo(cairo_create(surface.get()));
+        cairo_t* cr = cairo.get();
         cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
         cairo_paint(cr);
         cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
-        PangoContext* context = pango_font_map_create_context(fonts.FontMap());
-        PangoLayout* layout = pango_layout_new(context);
-        PangoFontDescription* description =
-            pango_font_description_from_string("WenQuanYi Micro Hei 32px");
-        pango_layout_set_font_description(layout, description);
-        pango_layout_set_text(layout, utf8, -1);
-        cairo_pattern_t* gradient = cairo_pattern_create_linear(0, 0, size.cx, size.cy);
-        cairo_pattern_add_color_stop_rgb(gradient, 0, 1, 0.25, 0);
-        cairo_pattern_add_color_stop_rgb(gradient, 1, 0.125, 0.25, 1);
+        const lumets::GObjectPtr<PangoContext> context(
+            pango_font_map_create_context(fonts.FontMap()));
+        const lumets::GObjectPtr<PangoLayout> layout(pango_layout_new(context.get()));
+        const lumets::PangoFontDescriptionPtr description(
+            pango_font_description_from_string("WenQuanYi Micro Hei 32px"));
+        pango_layout_set_font_description(layout.get(), description.get());
+        pango_layout_set_text(layout.get(), utf8, -1);
+        const lumets::CairoPatternPtr gradient(cairo_pattern_create_linear(0, 0, size.cx, size.cy));
+        cairo_pattern_add_color_stop_rgb(gradient.get(), 0, 1, 0.25, 0);
+        cairo_pattern_add_color_stop_rgb(gradient.get(), 1, 0.125, 0.25, 1);
         cairo_move_to(cr, 1, 1);
-        pango_cairo_layout_path(cr, layout);
+        pango_cairo_layout_path(cr, layout.get());
         cairo_set_source_rgb(cr, 0, 0, 0);
         cairo_set_line_width(cr, 2);
         cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND);
         cairo_stroke_preserve(cr);
-        cairo_set_source(cr, gradient);
+        cairo_set_source(cr, gradient.get());
         cairo_fill(cr);
-        cairo_pattern_destroy(gradient);
-        pango_font_description_free(description);
-        g_object_unref(layout);
-        g_object_unref(context);
-        cairo_destroy(cr);
-        cairo_surface_destroy(surface);
         benchmark::DoNotOptimize(pixels.data());
     }
 }
@@ -93,7 +91,8 @@ void BM_BlendScaledInto24(benchmark::State& state) {
     const POINT pos{100, 600};
     const uint32_t before = renderer.ScaleCount();
     for (auto _ : state) {
-        renderer.BlendScaledInto24(frame.data(), 1920, 1080, &clip, &pos, scale);
+        renderer.BlendScaledInto24(lumets::PackedPicture(frame.data(), 1920, 1080, 24), clip, pos,
+                                   scale);
         benchmark::DoNotOptimize(frame.data());
     }
     state.counters["contexts_per_call"] = static_cast<double>(renderer.ScaleCount() - before) /

@@ -8,18 +8,18 @@
 #include <vector>
 
 #include "ffmpeg_util.h"
+#include "image/picture.h"
 #include "lumets/win_types.h"
 #include "movie.h"
 
 namespace lumets::host {
 
-// Blends a picture (B, G, R, A, rows of width x 4 bytes, bottom-up) into a
-// 24-bit bottom-up frame whose rows are width x 3 bytes rounded up to 4. The
+// Blends a bottom-up 32-bit picture into a 24-bit bottom-up frame. The
 // picture's top-left lands at pos (top-down frame coordinates); only pixels
 // inside clip (put into order first) and inside the frame change, each as
 // D = ((255 - a) * D + S * a) / 255.
-void BlendIntoFrame24(uint8_t* frame, uint32_t frameWidth, uint32_t frameHeight, const RECT& clip,
-                      POINT pos, const uint8_t* picture, int32_t width, int32_t height);
+void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
+                      const ConstPictureView& picture);
 
 // The size of a movie frame drawn at scale, truncated toward zero; 0 x 0 when
 // the scale is not a positive number or the result would exceed the limits.

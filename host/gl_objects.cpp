@@ -7,11 +7,11 @@
 #include <cstring>
 #include <new>
 
-#include "gl_util.h"
+#include "gl/gl_util.h"
 
-using lumets::host::GlDrainErrors;
-using lumets::host::GlHasCurrentContext;
-using lumets::host::GlOk;
+using lumets::GlDrainErrors;
+using lumets::GlHasCurrentContext;
+using lumets::GlOk;
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <new>
 
 #include "factory_hook.h"
-#include "gl_util.h"
+#include "gl/gl_util.h"
 
-using lumets::host::GlDrainErrors;
-using lumets::host::GlHasCurrentContext;
-using lumets::host::GlOk;
+using lumets::GlDrainErrors;
+using lumets::GlHasCurrentContext;
+using lumets::GlOk;
 
 namespace {
 

@@ -275,12 +275,16 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
     if (scaledWidth == 0) {
         return;
     }
-    const RECT wholeFrame{0, 0, static_cast<int32_t>(width > INT32_MAX ? INT32_MAX : width),
-                          static_cast<int32_t>(height > INT32_MAX ? INT32_MAX : height)};
-    const RECT area = clip != nullptr ? *clip : wholeFrame;
+    if (width > INT32_MAX || height > INT32_MAX) {
+        return;
+    }
+    const PictureView target =
+        PackedPicture(frame, static_cast<int32_t>(width), static_cast<int32_t>(height), 24);
+    const RECT area = clip != nullptr ? *clip : RECT{0, 0, target.width, target.height};
     const POINT origin = pos != nullptr ? *pos : POINT{0, 0};
     m_scaledFrames.WithFrame(movie, index, scaledWidth, scaledHeight, [&](const uint8_t* pixels) {
-        BlendIntoFrame24(frame, width, height, area, origin, pixels, scaledWidth, scaledHeight);
+        BlendIntoFrame24(target, area, origin,
+                         PackedPicture(pixels, scaledWidth, scaledHeight, 32));
     });
 }
 

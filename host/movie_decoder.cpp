@@ -141,7 +141,7 @@ class CMovieDecoder {
         AVDictionary* options = nullptr;
         av_dict_set(&options, "format_whitelist", kContainers, 0);
         const int opened = avformat_open_input(&raw, path.c_str(), nullptr, &options);
-        av_dict_free(&options);
+        const AvDictionaryPtr unusedOptions(options);  // what the demuxer did not take
         if (opened < 0) {
             return nullptr;
         }

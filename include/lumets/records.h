@@ -8,20 +8,19 @@
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
 
-// Scroll directions of a layer; any other value stands still.
-enum ScrollDirection : int32_t {
-    ScrollNone = 0,
-    ScrollRight = 1,
-    ScrollLeft = 2,
-    ScrollDown = 3,
-    ScrollUp = 4,
+namespace lumets {
+
+// Scroll directions of a layer, the codes of the records' nDirection fields;
+// any other code stands still. Write them as static_cast<int32_t>(...).
+enum class ScrollDirection : int32_t {
+    None = 0,
+    Right = 1,
+    Left = 2,
+    Down = 3,
+    Up = 4,
 };
 
-enum LumetState : int32_t {
-    Idle = 0,
-    Starting = 1,
-    Playing = 2,
-};
+}  // namespace lumets
 
 struct SwfPart {
     char16_t szPath[260];  // movie path, NUL-terminated
@@ -30,7 +29,7 @@ struct SwfPart {
     RECT rcClip;  // put into order on use
     int32_t x;
     int32_t y;
-    int32_t nDirection;  // ScrollDirection
+    int32_t nDirection;  // lumets::ScrollDirection
     uint32_t nSpeed;     // pixels per second
     uint8_t bWrap;
     uint8_t padding2[3];

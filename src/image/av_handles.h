@@ -8,6 +8,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/dict.h>
 #include <libavutil/frame.h>
 #include <libswscale/swscale.h>
 }
@@ -26,6 +27,9 @@ struct AvFrameFree {
 struct AvPacketFree {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
+struct AvDictionaryFree {
+    void operator()(AVDictionary* dictionary) const { av_dict_free(&dictionary); }
+};
 struct SwsContextFree {
     void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
@@ -34,6 +38,7 @@ using AvFormatContextPtr = std::unique_ptr<AVFormatContext, AvFormatContextFree>
 using AvCodecContextPtr = std::unique_ptr<AVCodecContext, AvCodecContextFree>;
 using AvFramePtr = std::unique_ptr<AVFrame, AvFrameFree>;
 using AvPacketPtr = std::unique_ptr<AVPacket, AvPacketFree>;
+using AvDictionaryPtr = std::unique_ptr<AVDictionary, AvDictionaryFree>;
 using SwsContextPtr = std::unique_ptr<SwsContext, SwsContextFree>;
 
 }  // namespace lumets

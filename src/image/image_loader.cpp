@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "image/av_handles.h"
+#include "image/picture_limits.h"
 #include "image/resources.h"
 #include "lumets_platform/utf16.h"
 
@@ -212,15 +213,10 @@ AVCodecID SniffCodec(const uint8_t* bytes, size_t size) {
     return AV_CODEC_ID_NONE;
 }
 
-bool SizeAllowed(int64_t width, int64_t height) {
-    return width > 0 && height > 0 && width <= kMaxImageSide && height <= kMaxImageSide &&
-           width * height <= kMaxImagePixels;
-}
-
 // Every pixel allocation of a decoder passes here first, so an oversized
 // picture is refused before its memory exists.
 int LimitedGetBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
-    if (!SizeAllowed(context->width, context->height)) {
+    if (!PictureSizeAllowed(context->width, context->height)) {
         return AVERROR(EINVAL);
     }
     return avcodec_default_get_buffer2(context, frame, flags);
@@ -283,7 +279,7 @@ bool DecodeImage(AVCodecID codecId, const AVPacket& packet, DecodedImage& image)
     // The exact limits are checked in LimitedGetBuffer; this one lets the
     // decoders refuse absurd headers early while leaving room for the
     // alignment FFmpeg adds to the width before comparing.
-    context->max_pixels = int64_t{kMaxImagePixels} + int64_t{kMaxImageSide} * 64;
+    context->max_pixels = kMaxPicturePixels + int64_t{kMaxPictureSide} * 64;
     // A corrupt picture is an ordinary failure here: keep the decoder's
     // complaints out of the host's log unless it asked for debug output.
     context->log_level_offset = AV_LOG_DEBUG - AV_LOG_ERROR;
@@ -302,7 +298,7 @@ bool DecodeImage(AVCodecID codecId, const AVPacket& packet, DecodedImage& image)
         avcodec_send_packet(context.get(), nullptr);
         result = avcodec_receive_frame(context.get(), frame.get());
     }
-    if (result < 0 || !SizeAllowed(frame->width, frame->height)) {
+    if (result < 0 || !PictureSizeAllowed(frame->width, frame->height)) {
         return false;
     }
     const FormatRule* rule = FindRule(codecId, static_cast<AVPixelFormat>(frame->format));
@@ -438,7 +434,7 @@ void LoadImageBytes(PixelBuffer& target, const uint8_t* bytes, size_t size) {
 void CopyImageToBuffer(PixelBuffer& target, const DecodedImage* image) {
     if (image == nullptr || !image->pixels ||
         (image->bitsPerPixel != 24 && image->bitsPerPixel != 32) ||
-        !SizeAllowed(image->width, image->height)) {
+        !PictureSizeAllowed(image->width, image->height)) {
         return;
     }
     const uint32_t width = image->width;
@@ -449,34 +445,31 @@ void CopyImageToBuffer(PixelBuffer& target, const DecodedImage* image) {
     if (sourceStride < rowBytes) {
         return;
     }
-    target.width = width;
-    target.height = height;
-    target.bitsPerPixel = depth;
-
     const uint32_t stride = RowStride(width, depth);
     const uint32_t needed = stride * height;  // at most 64 MiB: no overflow
-    if (target.capacity < needed) {
-        delete[] target.data;
-        target.data = nullptr;
-        target.capacity = needed + 1;
-        target.data = new uint8_t[needed + 1];
-        target.data[needed] = 0;  // every byte of the block holds a defined value
+    if (target.Capacity() < needed) {
+        target.EnsureBytes(size_t{needed} + 1);
+        target.Data()[needed] = 0;  // every byte of the block holds a defined value
     }
+    target.width = static_cast<int32_t>(width);
+    target.height = static_cast<int32_t>(height);
+    target.bitsPerPixel = static_cast<int32_t>(depth);
 
     // Pictures arrive top-down; buffer row 0 is the picture's bottom row.
     // Pixels were traditionally written four bytes at a time, the fourth of a
     // 24-bit pixel being 255, so the byte after a 24-bit row's last pixel is
     // 255: in the row's padding or, for the last row without padding, in the
     // block's spare byte. The rest of the padding is cleared.
+    uint8_t* const data = target.Data();
     for (uint32_t y = 0; y < height; ++y) {
-        uint8_t* row = target.data + size_t{stride} * y;
+        uint8_t* row = data + size_t{stride} * y;
         std::memcpy(row, image->pixels.get() + sourceStride * (height - 1 - y), rowBytes);
         if (rowBytes < stride) {
             std::memset(row + rowBytes, 0, stride - rowBytes);
         }
         const size_t after = size_t{stride} * y + rowBytes;
-        if (depth == 24 && (rowBytes < stride || (y + 1 == height && after < target.capacity))) {
-            target.data[after] = 255;
+        if (depth == 24 && (rowBytes < stride || (y + 1 == height && after < target.Capacity()))) {
+            data[after] = 255;
         }
     }
 }

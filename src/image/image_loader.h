@@ -10,8 +10,8 @@
 // paletted, grey, 16-bit RGB and anything else are refused.
 //
 // A load that fails for any reason (missing or unreadable file, a directory,
-// unknown or corrupt data, a refused format, a picture wider or taller than
-// kMaxImageSide or larger than kMaxImagePixels) reports nothing and leaves the
+// unknown or corrupt data, a refused format, a picture beyond the limits of
+// picture_limits.h) reports nothing and leaves the
 // target exactly as it was. Only allocation failure of the target's block
 // propagates (std::bad_alloc, after the old block was freed). Loads may run on
 // any thread; the target must not be used elsewhere during the load.
@@ -21,12 +21,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "image/pixel_ops.h"
+#include "image/picture.h"
 
 namespace lumets {
-
-inline constexpr uint32_t kMaxImageSide = 16384;
-inline constexpr uint32_t kMaxImagePixels = 16777216;
 
 // A decoded picture converted to the depth the format table chose: top-down
 // rows of B, G, R (, A), width * bitsPerPixel / 8 bytes each, strideBytes

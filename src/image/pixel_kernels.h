@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "image/picture.h"
 #include "lumets/win_types.h"
 
 namespace lumets {
@@ -62,14 +63,11 @@ const PixelKernels& ActiveKernels();
 
 // The public operations with an explicit table, for the comparison tests and
 // the benchmarks.
-void BlendRectWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
-                   int32_t dstBpp, const RECT& dstRect, const uint8_t* src, int32_t srcWidth,
-                   int32_t srcHeight, int32_t srcBpp, const RECT& srcRect);
-void BlendAtWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
-                 int32_t dstBpp, POINT pos, const uint8_t* src, int32_t srcWidth, int32_t srcHeight,
-                 int32_t srcBpp);
-void CopyRectPixelsWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth,
-                        int32_t dstHeight, int32_t dstBpp, const RECT& dstRect, const uint8_t* src,
-                        int32_t srcWidth, int32_t srcHeight, int32_t srcBpp, const RECT& srcRect);
+void BlendRectWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
+                   const ConstPictureView& src, const RECT& srcRect);
+void BlendAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+                 const ConstPictureView& src);
+void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
+                        const ConstPictureView& src, const RECT& srcRect);
 
 }  // namespace lumets

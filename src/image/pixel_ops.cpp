@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <initializer_list>
 #include <limits>
-#include <new>
 
 #include "image/pixel_kernels.h"
 
@@ -24,20 +23,20 @@ struct Picture {
     size_t stride = 0;
 };
 
-bool DescribePicture(const void* pixels, int32_t width, int32_t height, int32_t bpp, Picture* out) {
-    if (pixels == nullptr || (bpp != 24 && bpp != 32) || width <= 0 || height <= 0) {
+template <typename Byte>
+bool DescribePicture(const BasicPictureView<Byte>& view, Picture* out) {
+    const int32_t bpp = view.bitsPerPixel;
+    if (view.data == nullptr || (bpp != 24 && bpp != 32) || view.width <= 0 || view.height <= 0) {
         return false;
     }
-    const uint64_t bits = static_cast<uint64_t>(bpp) * static_cast<uint64_t>(width) + 31;
-    if (bits > kMaxU32) {
-        return false;  // RowStride's 32-bit arithmetic would wrap
-    }
-    const uint64_t stride = (bits & ~uint64_t{31}) / 8;
-    if (stride * static_cast<uint64_t>(height) > kMaxU32) {
+    const uint64_t rowBytes = uint64_t{static_cast<uint32_t>(view.width)} * (bpp / 8);
+    const uint64_t stride = view.strideBytes;
+    if (stride < rowBytes || stride > kMaxU32 ||
+        stride * static_cast<uint64_t>(view.height) > kMaxU32) {
         return false;
     }
-    out->width = width;
-    out->height = height;
+    out->width = view.width;
+    out->height = view.height;
     out->bytesPerPixel = static_cast<size_t>(bpp / 8);
     out->stride = static_cast<size_t>(stride);
     return true;
@@ -122,46 +121,19 @@ void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Pict
     }
 }
 
-void RunRect(const PixelKernels& kernels, Operation op, uint8_t* dst, int32_t dW, int32_t dH,
-             int32_t dBpp, const RECT& dstRect, const uint8_t* src, int32_t sW, int32_t sH,
-             int32_t sBpp, const RECT& srcRect) {
+void RunRect(const PixelKernels& kernels, Operation op, const PictureView& dst, const RECT& dstRect,
+             const ConstPictureView& src, const RECT& srcRect) {
     Picture d;
     Picture s;
-    if (!DescribePicture(dst, dW, dH, dBpp, &d) || !DescribePicture(src, sW, sH, sBpp, &s)) {
+    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
         return;
     }
     const Span dRect = ClampSpan(dstRect.left, dstRect.top, dstRect.right, dstRect.bottom, d);
     const Span sRect = ClampSpan(srcRect.left, srcRect.top, srcRect.right, srcRect.bottom, s);
-    RunRows(kernels, op, dst, d, dRect, src, s, sRect);
+    RunRows(kernels, op, dst.data, d, dRect, src.data, s, sRect);
 }
 
 }  // namespace
-
-uint32_t RowStride(uint32_t width, uint32_t bitsPerPixel) {
-    return ((bitsPerPixel * width + 31) & ~31u) / 8;
-}
-
-void EnsureBuffer(uint8_t** data, uint32_t* capacity, uint32_t width, uint32_t height,
-                  uint32_t bitsPerPixel) {
-    if (data == nullptr || capacity == nullptr) {
-        return;
-    }
-    // A size that 32-bit arithmetic cannot hold cannot be allocated either;
-    // letting it wrap would hand back a block smaller than the picture.
-    const uint64_t bits = uint64_t{bitsPerPixel} * width + 31;
-    const uint64_t needed64 = (bits & ~uint64_t{31}) / 8 * height;
-    if (bits > kMaxU32 || needed64 > kMaxU32) {
-        throw std::bad_alloc();
-    }
-    const uint32_t needed = static_cast<uint32_t>(needed64);
-    if (*capacity >= needed) {
-        return;
-    }
-    delete[] * data;
-    *data = nullptr;
-    *capacity = needed;
-    *data = new uint8_t[needed];
-}
 
 void ClampRect(RECT* rect, int32_t x0, int32_t x1, int32_t y0, int32_t y1) {
     if (rect == nullptr) {
@@ -190,55 +162,42 @@ const PixelKernels& ActiveKernels() {
     return active;
 }
 
-void BlendRectWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
-                   int32_t dstBpp, const RECT& dstRect, const uint8_t* src, int32_t srcWidth,
-                   int32_t srcHeight, int32_t srcBpp, const RECT& srcRect) {
-    RunRect(kernels, Operation::Blend, dst, dstWidth, dstHeight, dstBpp, dstRect, src, srcWidth,
-            srcHeight, srcBpp, srcRect);
+void BlendRectWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
+                   const ConstPictureView& src, const RECT& srcRect) {
+    RunRect(kernels, Operation::Blend, dst, dstRect, src, srcRect);
 }
 
-void BlendAtWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
-                 int32_t dstBpp, POINT pos, const uint8_t* src, int32_t srcWidth, int32_t srcHeight,
-                 int32_t srcBpp) {
+void BlendAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+                 const ConstPictureView& src) {
     Picture d;
     Picture s;
-    if (!DescribePicture(dst, dstWidth, dstHeight, dstBpp, &d) ||
-        !DescribePicture(src, srcWidth, srcHeight, srcBpp, &s)) {
+    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
         return;
     }
     // pos + size may leave the 32-bit range; clamping the 64-bit sum gives
     // what a wider RECT would have given.
-    const Span dRect =
-        ClampSpan(pos.x, pos.y, int64_t{pos.x} + srcWidth, int64_t{pos.y} + srcHeight, d);
+    const Span dRect = ClampSpan(pos.x, pos.y, pos.x + s.width, pos.y + s.height, d);
     const Span sRect = {0, 0, s.width, s.height};
-    RunRows(kernels, Operation::Blend, dst, d, dRect, src, s, sRect);
+    RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect);
 }
 
-void CopyRectPixelsWith(const PixelKernels& kernels, uint8_t* dst, int32_t dstWidth,
-                        int32_t dstHeight, int32_t dstBpp, const RECT& dstRect, const uint8_t* src,
-                        int32_t srcWidth, int32_t srcHeight, int32_t srcBpp, const RECT& srcRect) {
-    RunRect(kernels, Operation::Copy, dst, dstWidth, dstHeight, dstBpp, dstRect, src, srcWidth,
-            srcHeight, srcBpp, srcRect);
+void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
+                        const ConstPictureView& src, const RECT& srcRect) {
+    RunRect(kernels, Operation::Copy, dst, dstRect, src, srcRect);
 }
 
-void BlendRect(uint8_t* dst, int32_t dstWidth, int32_t dstHeight, int32_t dstBpp,
-               const RECT& dstRect, const uint8_t* src, int32_t srcWidth, int32_t srcHeight,
-               int32_t srcBpp, const RECT& srcRect) {
-    BlendRectWith(ActiveKernels(), dst, dstWidth, dstHeight, dstBpp, dstRect, src, srcWidth,
-                  srcHeight, srcBpp, srcRect);
+void BlendRect(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
+               const RECT& srcRect) {
+    BlendRectWith(ActiveKernels(), dst, dstRect, src, srcRect);
 }
 
-void BlendAt(uint8_t* dst, int32_t dstWidth, int32_t dstHeight, int32_t dstBpp, POINT pos,
-             const uint8_t* src, int32_t srcWidth, int32_t srcHeight, int32_t srcBpp) {
-    BlendAtWith(ActiveKernels(), dst, dstWidth, dstHeight, dstBpp, pos, src, srcWidth, srcHeight,
-                srcBpp);
+void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src) {
+    BlendAtWith(ActiveKernels(), dst, pos, src);
 }
 
-void CopyRectPixels(uint8_t* dst, int32_t dstWidth, int32_t dstHeight, int32_t dstBpp,
-                    const RECT& dstRect, const uint8_t* src, int32_t srcWidth, int32_t srcHeight,
-                    int32_t srcBpp, const RECT& srcRect) {
-    CopyRectPixelsWith(ActiveKernels(), dst, dstWidth, dstHeight, dstBpp, dstRect, src, srcWidth,
-                       srcHeight, srcBpp, srcRect);
+void CopyRectPixels(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
+                    const RECT& srcRect) {
+    CopyRectPixelsWith(ActiveKernels(), dst, dstRect, src, srcRect);
 }
 
 }  // namespace lumets

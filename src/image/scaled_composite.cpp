@@ -3,67 +3,61 @@
 #include <cmath>
 #include <memory>
 
+#include <utility>
+
 #include "image/av_handles.h"
+#include "image/picture_limits.h"
+#include "image/pixel_ops.h"
 #include "lumets_platform/geometry.h"
 
 namespace lumets {
-
 namespace {
 
 // float * scale truncated toward zero, saturated to int32 (NaN gives 0).
 int32_t ScaleCoordinate(int32_t value, float scale) {
-    const double scaled = static_cast<double>(static_cast<float>(value) * scale);
-    if (std::isnan(scaled)) {
-        return 0;
-    }
-    if (scaled >= 2147483647.0) {
-        return INT32_MAX;
-    }
-    if (scaled <= -2147483648.0) {
-        return INT32_MIN;
-    }
-    return static_cast<int32_t>(scaled);
+    return TruncateSaturated(static_cast<double>(static_cast<float>(value) * scale));
 }
 
 }  // namespace
 
-void EnsureScalableBuffer(uint8_t** data, uint32_t* capacity, uint32_t width, uint32_t height) {
+void EnsureScalable(PixelBuffer& buffer, uint32_t width, uint32_t height) {
     const uint32_t rowBytes = width * 4;
     const uint32_t slackRows = rowBytes == 0 ? 0 : (kScalerSlackBytes + rowBytes - 1) / rowBytes;
-    EnsureBuffer(data, capacity, width, height + slackRows, 32);
+    buffer.Ensure(width, height + slackRows, 32);
 }
 
-bool ResizePicture32(const uint8_t* src, uint32_t srcWidth, uint32_t srcHeight, uint8_t* dst,
-                     uint32_t dstWidth, uint32_t dstHeight) {
-    if (src == nullptr || dst == nullptr || srcWidth == 0 || srcHeight == 0 || dstWidth == 0 ||
-        dstHeight == 0 || srcWidth > INT32_MAX / 4 || dstWidth > INT32_MAX / 4 ||
-        srcHeight > INT32_MAX || dstHeight > INT32_MAX) {
+bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
+    if (src.data == nullptr || dst.data == nullptr || src.bitsPerPixel != 32 ||
+        dst.bitsPerPixel != 32 || src.width <= 0 || src.height <= 0 || dst.width <= 0 ||
+        dst.height <= 0 || src.width > INT32_MAX / 4 || dst.width > INT32_MAX / 4 ||
+        src.strideBytes < size_t{4} * static_cast<uint32_t>(src.width) ||
+        dst.strideBytes < size_t{4} * static_cast<uint32_t>(dst.width) ||
+        src.strideBytes > INT32_MAX || dst.strideBytes > INT32_MAX) {
         return false;
     }
     // The buffers hold B, G, R, A; the same four-channel format on both sides
     // keeps the channels in their order.
-    SwsContextPtr context(sws_getContext(static_cast<int>(srcWidth), static_cast<int>(srcHeight),
-                                         AV_PIX_FMT_RGBA, static_cast<int>(dstWidth),
-                                         static_cast<int>(dstHeight), AV_PIX_FMT_RGBA, SWS_BICUBIC,
-                                         nullptr, nullptr, nullptr));
+    SwsContextPtr context(sws_getContext(src.width, src.height, AV_PIX_FMT_RGBA, dst.width,
+                                         dst.height, AV_PIX_FMT_RGBA, SWS_BICUBIC, nullptr, nullptr,
+                                         nullptr));
     if (!context) {
         return false;
     }
-    const uint8_t* const srcPlanes[1] = {src};
-    const int srcStrides[1] = {static_cast<int>(RowStride(srcWidth, 32))};
-    uint8_t* const dstPlanes[1] = {dst};
-    const int dstStrides[1] = {static_cast<int>(RowStride(dstWidth, 32))};
-    return sws_scale(context.get(), srcPlanes, srcStrides, 0, static_cast<int>(srcHeight),
-                     dstPlanes, dstStrides) == static_cast<int>(dstHeight);
+    const uint8_t* const srcPlanes[1] = {src.data};
+    const int srcStrides[1] = {static_cast<int>(src.strideBytes)};
+    uint8_t* const dstPlanes[1] = {dst.data};
+    const int dstStrides[1] = {static_cast<int>(dst.strideBytes)};
+    return sws_scale(context.get(), srcPlanes, srcStrides, 0, src.height, dstPlanes, dstStrides) ==
+           dst.height;
 }
 
-void BlendScaledInto24(PixelBuffer& source, PixelBuffer& scaled, uint8_t* dst, int32_t dstWidth,
-                       int32_t dstHeight, const RECT& clip, POINT pos, float scale,
-                       uint32_t* contextsMade) {
-    if (dst == nullptr || dstWidth <= 0 || dstHeight <= 0) {
+void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
+                       const RECT& clip, POINT pos, float scale, uint32_t* contextsMade) {
+    if (frame.data == nullptr || frame.bitsPerPixel != 24 || frame.width <= 0 ||
+        frame.height <= 0) {
         return;
     }
-    if (!std::isfinite(scale) || !(scale > 0.0f)) {
+    if (!std::isfinite(scale) || !(scale > 0.0f) || source.width < 0 || source.height < 0) {
         return;
     }
     const float scaledWidth = static_cast<float>(source.width) * scale;
@@ -76,17 +70,17 @@ void BlendScaledInto24(PixelBuffer& source, PixelBuffer& scaled, uint8_t* dst, i
     if (sw == 0 || sh == 0) {
         return;
     }
-    if (static_cast<uint64_t>(sw) * sh > kMaxScaledPixels) {
+    if (static_cast<uint64_t>(sw) * sh > static_cast<uint64_t>(kMaxPicturePixels)) {
         return;
     }
 
     scaled.bitsPerPixel = source.bitsPerPixel;
-    scaled.width = sw;
-    scaled.height = sh;
-    EnsureScalableBuffer(&scaled.data, &scaled.capacity, sw, sh);
+    scaled.width = static_cast<int32_t>(sw);
+    scaled.height = static_cast<int32_t>(sh);
+    EnsureScalable(scaled, sw, sh);
 
-    const PixelBuffer* picture = &source;
-    if (source.width != sw || source.height != sh) {
+    ConstPictureView picture = source.View();
+    if (source.width != scaled.width || source.height != scaled.height) {
         if (source.bitsPerPixel != 32) {
             return;
         }
@@ -95,41 +89,36 @@ void BlendScaledInto24(PixelBuffer& source, PixelBuffer& scaled, uint8_t* dst, i
         }
         // Without a scaling context there is no new picture to show; the
         // scaled buffer may hold anything, so nothing is blended.
-        if (!ResizePicture32(source.data, source.width, source.height, scaled.data, sw, sh)) {
+        if (!ResizePicture32(picture, scaled.View())) {
             return;
         }
-        picture = &scaled;
+        picture = std::as_const(scaled).View();
     }
-    if (picture->data == nullptr || picture->width == 0 || picture->height == 0) {
+    if (picture.data == nullptr || picture.width == 0 || picture.height == 0) {
         return;
     }
 
     const RECT z{ScaleCoordinate(clip.left, scale), ScaleCoordinate(clip.top, scale),
                  ScaleCoordinate(clip.right, scale), ScaleCoordinate(clip.bottom, scale)};
     const POINT p{ScaleCoordinate(pos.x, scale), ScaleCoordinate(pos.y, scale)};
-    const RECT frame{0, 0, dstWidth, dstHeight};
+    const RECT frameRect{0, 0, frame.width, frame.height};
     RECT inFrame{};
-    if (!platform::IntersectRect(&inFrame, &z, &frame)) {
+    if (!platform::IntersectRect(&inFrame, &z, &frameRect)) {
         return;
     }
-    const int64_t right = static_cast<int64_t>(p.x) + picture->width;
-    const int64_t bottom = static_cast<int64_t>(p.y) + picture->height;
-    const RECT text{p.x, p.y, static_cast<int32_t>(std::min<int64_t>(right, INT32_MAX)),
-                    static_cast<int32_t>(std::min<int64_t>(bottom, INT32_MAX))};
+    const RECT text{p.x, p.y, SaturateToInt32(int64_t{p.x} + picture.width),
+                    SaturateToInt32(int64_t{p.y} + picture.height)};
     RECT visible{};
     if (!platform::IntersectRect(&visible, &text, &inFrame)) {
         return;
     }
-    // Top-down rows become memory rows: frame row y is dstHeight - 1 - y and
+    // Top-down rows become memory rows: frame row y is height - 1 - y and
     // picture row v is height - 1 - v.
-    const int32_t pictureHeight = static_cast<int32_t>(picture->height);
-    const RECT dstRect{visible.left, dstHeight - visible.bottom, visible.right,
-                       dstHeight - visible.top};
-    const RECT srcRect{visible.left - p.x, pictureHeight - (visible.bottom - p.y),
-                       visible.right - p.x, pictureHeight - (visible.top - p.y)};
-    BlendRect(dst, dstWidth, dstHeight, 24, dstRect, picture->data,
-              static_cast<int32_t>(picture->width), pictureHeight,
-              static_cast<int32_t>(picture->bitsPerPixel), srcRect);
+    const RECT dstRect{visible.left, frame.height - visible.bottom, visible.right,
+                       frame.height - visible.top};
+    const RECT srcRect{visible.left - p.x, picture.height - (visible.bottom - p.y),
+                       visible.right - p.x, picture.height - (visible.top - p.y)};
+    BlendRect(frame, dstRect, picture, srcRect);
 }
 
 }  // namespace lumets

@@ -1,8 +1,8 @@
 // CLumetManager: the registry of SWF subtitles by id.
 #pragma once
 
-#include "frame/lock.h"
 #include "lumets/lumet_manager.h"
+#include "lumets_platform/lock.h"
 
 namespace lumets {
 

@@ -1,8 +1,8 @@
 // CVirtualSceneManager: one movie played into one OpenGL texture.
 #pragma once
 
-#include "frame/lock.h"
 #include "lumets/virtual_scene_manager.h"
+#include "lumets_platform/lock.h"
 
 namespace lumets {
 

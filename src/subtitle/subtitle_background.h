@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-#include "image/pixel_ops.h"
+#include "image/picture.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/win_types.h"
 
@@ -28,7 +28,7 @@ class CSubtitleBackground {
     // Uses a copy of mask instead (32 bits per pixel; anything else, or an
     // empty buffer, counts as no mask).
     explicit CSubtitleBackground(const PixelBuffer& mask);
-    virtual ~CSubtitleBackground();
+    virtual ~CSubtitleBackground() = default;
 
     CSubtitleBackground(const CSubtitleBackground&) = delete;
     CSubtitleBackground& operator=(const CSubtitleBackground&) = delete;
@@ -43,9 +43,9 @@ class CSubtitleBackground {
     void BuildBackground(int32_t textWidth, int32_t textHeight, POINT& shift);
 
     // The plate at scale: the plate itself when the scale keeps its size, else
-    // a scaled copy kept between calls. data is null when there is nothing to
-    // draw; width and height are the scaled size (0 when the plate is empty).
-    void GetScaledBackground(const uint8_t*& data, int32_t& width, int32_t& height, float scale);
+    // a scaled copy kept between calls. Its data is null when there is nothing
+    // to draw; width and height are the scaled size (0 when the plate is empty).
+    ConstPictureView GetScaledBackground(float scale);
 
     // Adds the horizontal margin to width and sets height to the text height
     // plus the vertical margin, without the minimum height. With no mask the
@@ -58,8 +58,8 @@ class CSubtitleBackground {
 
     // CPU path: builds as needed and alpha-blends the plate, scaled, into the
     // 24-bit bottom-up frame, placed at textRect (top-down, at scale 1).
-    void DrawOnFrame(uint8_t* frame, int32_t frameWidth, int32_t frameHeight, const RECT* textRect,
-                     int32_t textHeight, uint32_t colour, float opacity, float scale);
+    void DrawOnFrame(const PictureView& frame, const RECT* textRect, int32_t textHeight,
+                     uint32_t colour, float opacity, float scale);
 
     // GPU path: builds as needed and uploads the plate at scale 1 into texture
     // through pbo (GL_BGRA). width and height receive the plate's size, or keep
@@ -75,7 +75,7 @@ class CSubtitleBackground {
 
   private:
     bool HasMask() const;
-    void FillPlate(uint32_t width, uint32_t height);
+    void FillPlate(int32_t width, int32_t height);
 
     POINT m_offset{0, 0};
     PixelBuffer m_mask;

@@ -6,11 +6,11 @@
 // so every use of the font map happens under Lock().
 #pragma once
 
-#include <fontconfig/fontconfig.h>
-#include <pango/pango.h>
-
 #include <mutex>
 #include <string>
+
+#include "text/fontconfig_handles.h"
+#include "text/pango_handles.h"
 
 namespace lumets {
 
@@ -22,7 +22,7 @@ class FontSystem {
     std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(m_mutex); }
 
     // Null when no configuration could be loaded (then no text is drawn).
-    PangoFontMap* FontMap() const { return m_fontMap; }
+    PangoFontMap* FontMap() const { return m_fontMap.get(); }
 
     // True when fontconfig's best match for the family really is that family,
     // compared without letter case. Call under Lock().
@@ -33,11 +33,11 @@ class FontSystem {
 
   private:
     FontSystem();
-    ~FontSystem();
+    ~FontSystem() = default;
 
     std::mutex m_mutex;
-    FcConfig* m_config = nullptr;
-    PangoFontMap* m_fontMap = nullptr;
+    FcConfigPtr m_config;
+    GObjectPtr<PangoFontMap> m_fontMap;
 };
 
 // The face every text falls back to when its own face cannot be had.

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lumets_platform/utf16.h"
+#include "text/cairo_handles.h"
 #include "text/font_system.h"
 
 namespace lumets {
@@ -16,16 +17,11 @@ namespace {
 // huge font would need more memory than the whole bitmap may have.
 constexpr double kMaxRasterGlyphPixels = 512.0;
 // Ems beyond this could not show a single whole glyph in a bitmap anyway.
-constexpr double kMaxEmPixels = 2.0 * kMaxTextSide;
+constexpr double kMaxEmPixels = 2.0 * kMaxPictureSide;
 
-// Float to int with truncation toward zero; NaN counts as 0 and values
-// beyond +-2^30 saturate, which keeps the even rounding free of overflow.
-int32_t TruncateSaturated(float value) {
-    if (!std::isfinite(value)) {
-        return value > 0 ? (1 << 30) : (std::isnan(value) ? 0 : -(1 << 30));
-    }
-    const double clamped = std::clamp(static_cast<double>(value), -1073741824.0, 1073741824.0);
-    return static_cast<int32_t>(clamped);
+// Sides saturate at +-2^30, which keeps the even rounding free of overflow.
+int32_t TruncateSide(float value) {
+    return TruncateClamped(value, -(1 << 30), 1 << 30);
 }
 
 float Finite(float value) {
@@ -93,27 +89,26 @@ BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool
     int32_t h = 0;
     if (!vertical) {
         h = minimumSide > boxHeight ? std::min(fontSize, 1 << 30)
-                                    : TruncateSaturated(boxHeight + 0.0001f);
-        w = TruncateSaturated(boxWidth + 0.0001f);
+                                    : TruncateSide(boxHeight + 0.0001f);
+        w = TruncateSide(boxWidth + 0.0001f);
     } else {
-        w = minimumSide > boxWidth ? std::min(fontSize, 1 << 30)
-                                   : TruncateSaturated(boxWidth + 0.0001f);
-        h = TruncateSaturated(boxHeight + 0.0001f);
+        w = minimumSide > boxWidth ? std::min(fontSize, 1 << 30) : TruncateSide(boxWidth + 0.0001f);
+        h = TruncateSide(boxHeight + 0.0001f);
     }
     // C++ remainder takes the dividend's sign, as the host's arithmetic does.
     w += w % 2;
     h += h % 2;
     const int64_t pixels = static_cast<int64_t>(w) * h;
-    w = std::clamp(w, 2, kMaxTextSide);
-    h = std::clamp(h, 2, kMaxTextSide);
+    w = std::clamp(w, 2, kMaxPictureSide);
+    h = std::clamp(h, 2, kMaxPictureSide);
     // The pixel limit works on the clamped sides; its quotient is clamped
     // again so that no side ever exceeds the limit (a long, narrow text would
     // otherwise get a side over 16384).
-    if (pixels > kMaxTextPixels) {
+    if (pixels > kMaxPicturePixels) {
         if (w <= h) {
-            h = std::min(static_cast<int32_t>(kMaxTextPixels / w), kMaxTextSide);
+            h = std::min(static_cast<int32_t>(kMaxPicturePixels / w), kMaxPictureSide);
         } else {
-            w = std::min(static_cast<int32_t>(kMaxTextPixels / h), kMaxTextSide);
+            w = std::min(static_cast<int32_t>(kMaxPicturePixels / h), kMaxPictureSide);
         }
     }
     return BitmapSize{w, h};
@@ -173,69 +168,55 @@ StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
         face = kFallbackFace;
     }
 
-    m_context = pango_font_map_create_context(fonts.FontMap());
-    cairo_font_options_t* options = cairo_font_options_create();
-    cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
-    cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
-    cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
-    pango_cairo_context_set_font_options(m_context, options);
-    cairo_font_options_destroy(options);
-    pango_context_set_round_glyph_positions(m_context, FALSE);
+    m_context.reset(pango_font_map_create_context(fonts.FontMap()));
+    const CairoFontOptionsPtr options(cairo_font_options_create());
+    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
+    cairo_font_options_set_hint_style(options.get(), CAIRO_HINT_STYLE_NONE);
+    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
+    pango_cairo_context_set_font_options(m_context.get(), options.get());
+    pango_context_set_round_glyph_positions(m_context.get(), FALSE);
 
-    PangoFontDescription* description = pango_font_description_new();
-    pango_font_description_set_family(description, face.c_str());
-    pango_font_description_set_absolute_size(description, m_emPixels * PANGO_SCALE);
-    pango_font_description_set_weight(description,
+    const PangoFontDescriptionPtr description(pango_font_description_new());
+    pango_font_description_set_family(description.get(), face.c_str());
+    pango_font_description_set_absolute_size(description.get(), m_emPixels * PANGO_SCALE);
+    pango_font_description_set_weight(description.get(),
                                       style.bold ? PANGO_WEIGHT_BOLD : PANGO_WEIGHT_NORMAL);
-    pango_font_description_set_style(description,
+    pango_font_description_set_style(description.get(),
                                      style.italic ? PANGO_STYLE_ITALIC : PANGO_STYLE_NORMAL);
 
-    m_layout = pango_layout_new(m_context);
-    pango_layout_set_font_description(m_layout, description);
+    m_layout.reset(pango_layout_new(m_context.get()));
+    PangoLayout* layout = m_layout.get();
+    pango_layout_set_font_description(layout, description.get());
 
-    PangoAttrList* attributes = pango_attr_list_new();
+    const PangoAttrListPtr attributes(pango_attr_list_new());
     if (style.underline) {
-        pango_attr_list_insert(attributes, pango_attr_underline_new(PANGO_UNDERLINE_SINGLE));
+        pango_attr_list_insert(attributes.get(), pango_attr_underline_new(PANGO_UNDERLINE_SINGLE));
     }
     if (style.strikeOut) {
-        pango_attr_list_insert(attributes, pango_attr_strikethrough_new(TRUE));
+        pango_attr_list_insert(attributes.get(), pango_attr_strikethrough_new(TRUE));
     }
     if (m_vertical) {
         // Upright characters follow each other one em apart down a column;
         // a column is one line of the font wide and centres its characters.
-        PangoFontMetrics* metrics = pango_context_get_metrics(m_context, description, nullptr);
-        m_columnWidth =
-            pango_font_metrics_get_ascent(metrics) + pango_font_metrics_get_descent(metrics);
-        pango_font_metrics_unref(metrics);
-        pango_attr_list_insert(attributes, pango_attr_line_height_new_absolute(
-                                               static_cast<int>(m_emPixels * PANGO_SCALE)));
-        pango_layout_set_alignment(m_layout, PANGO_ALIGN_CENTER);
-        pango_layout_set_width(m_layout, m_columnWidth);
+        const PangoFontMetricsPtr metrics(
+            pango_context_get_metrics(m_context.get(), description.get(), nullptr));
+        m_columnWidth = pango_font_metrics_get_ascent(metrics.get()) +
+                        pango_font_metrics_get_descent(metrics.get());
+        pango_attr_list_insert(attributes.get(), pango_attr_line_height_new_absolute(
+                                                     static_cast<int>(m_emPixels * PANGO_SCALE)));
+        pango_layout_set_alignment(layout, PANGO_ALIGN_CENTER);
+        pango_layout_set_width(layout, m_columnWidth);
     } else {
         // Along a line: near, centre or far; across lines the block always
         // starts at the top edge (see MoveTo).
-        pango_layout_set_alignment(m_layout, PangoAlign(style.horizontalAlign));
+        pango_layout_set_alignment(layout, PangoAlign(style.horizontalAlign));
     }
-    pango_layout_set_attributes(m_layout, attributes);
-    pango_attr_list_unref(attributes);
-    pango_font_description_free(description);
+    pango_layout_set_attributes(layout, attributes.get());
 
     if (!m_vertical) {
-        pango_layout_set_text(m_layout, m_utf8.data(), static_cast<int>(m_utf8.size()));
+        pango_layout_set_text(layout, m_utf8.data(), static_cast<int>(m_utf8.size()));
     } else {
         m_columns = MakeColumns(m_utf8);
-    }
-}
-
-StyledLayout::~StyledLayout() {
-    for (PangoLayout* column : m_columns) {
-        g_object_unref(column);
-    }
-    if (m_layout != nullptr) {
-        g_object_unref(m_layout);
-    }
-    if (m_context != nullptr) {
-        g_object_unref(m_context);
     }
 }
 
@@ -246,14 +227,14 @@ float StyledLayout::ColumnHeight(PangoLayout* column) const {
     return static_cast<float>(pango_layout_get_line_count(column) * m_emPixels);
 }
 
-PangoLayout* StyledLayout::WithText(const std::string& utf8) const {
-    PangoLayout* layout = pango_layout_copy(m_layout);
-    pango_layout_set_text(layout, utf8.data(), static_cast<int>(utf8.size()));
+StyledLayout::LayoutPtr StyledLayout::WithText(const std::string& utf8) const {
+    LayoutPtr layout(pango_layout_copy(m_layout.get()));
+    pango_layout_set_text(layout.get(), utf8.data(), static_cast<int>(utf8.size()));
     return layout;
 }
 
-std::vector<PangoLayout*> StyledLayout::MakeColumns(const std::string& utf8) const {
-    std::vector<PangoLayout*> columns;
+std::vector<StyledLayout::LayoutPtr> StyledLayout::MakeColumns(const std::string& utf8) const {
+    std::vector<LayoutPtr> columns;
     for (const std::string& line : SplitLines(utf8)) {
         columns.push_back(WithText(StackCharacters(line)));
     }
@@ -267,10 +248,10 @@ RectF StyledLayout::Box(PangoLayout* layout) {
                  static_cast<float>(logical.height) / PANGO_SCALE};
 }
 
-RectF StyledLayout::Box(const std::vector<PangoLayout*>& columns) const {
+RectF StyledLayout::Box(const std::vector<LayoutPtr>& columns) const {
     float height = 0.0f;
-    for (PangoLayout* column : columns) {
-        height = std::max(height, ColumnHeight(column));
+    for (const LayoutPtr& column : columns) {
+        height = std::max(height, ColumnHeight(column.get()));
     }
     const float columnWidth = static_cast<float>(m_columnWidth) / PANGO_SCALE;
     return RectF{0, 0, columnWidth * static_cast<float>(columns.size()), height};
@@ -278,17 +259,9 @@ RectF StyledLayout::Box(const std::vector<PangoLayout*>& columns) const {
 
 RectF StyledLayout::MeasureText(const std::string& utf8) const {
     if (!m_vertical) {
-        PangoLayout* layout = WithText(utf8);
-        const RectF box = Box(layout);
-        g_object_unref(layout);
-        return box;
+        return Box(WithText(utf8).get());
     }
-    const std::vector<PangoLayout*> columns = MakeColumns(utf8);
-    const RectF box = Box(columns);
-    for (PangoLayout* column : columns) {
-        g_object_unref(column);
-    }
-    return box;
+    return Box(MakeColumns(utf8));
 }
 
 RectF StyledLayout::Measure() const {
@@ -296,7 +269,7 @@ RectF StyledLayout::Measure() const {
         return RectF{};
     }
     // The text's own layouts already exist; measure them as they are.
-    return m_vertical ? Box(m_columns) : Box(m_layout);
+    return m_vertical ? Box(m_columns) : Box(m_layout.get());
 }
 
 void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {
@@ -357,13 +330,14 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     if (!m_vertical) {
         cairo_save(cr);
         cairo_translate(cr, x, y);
-        paint(m_layout);
+        paint(m_layout.get());
         cairo_restore(cr);
         return;
     }
     const double columnWidth = static_cast<double>(m_columnWidth) / PANGO_SCALE;
     double right = x + rect.width - m_emptyLine;
-    for (PangoLayout* column : m_columns) {
+    for (const LayoutPtr& columnPtr : m_columns) {
+        PangoLayout* column = columnPtr.get();
         const double slack = rect.height - ColumnHeight(column);
         const double along = m_style.verticalAlign == 1   ? slack / 2
                              : m_style.verticalAlign == 2 ? slack

@@ -10,13 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "image/picture_limits.h"
 #include "lumets/text_style.h"
+#include "text/pango_handles.h"
 
 namespace lumets {
-
-// Text bitmaps never exceed these.
-inline constexpr int32_t kMaxTextSide = 16384;
-inline constexpr int64_t kMaxTextPixels = 16777216;
 
 struct RectF {
     float x = 0;
@@ -42,8 +40,8 @@ int32_t MulDiv(int32_t a, int32_t b, int32_t c);
 double EmSizePixels(int32_t fontSize);
 
 // The bitmap size from the corrected layout box: at least the font size
-// across lines, both sides made even, clamped to kMaxTextSide and to
-// kMaxTextPixels in all. Non-finite boxes count as 0.
+// across lines, both sides made even, clamped to kMaxPictureSide and to
+// kMaxPicturePixels in all. Non-finite boxes count as 0.
 BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool vertical);
 
 // A Pango layout set up for one style. Owns its objects; use under the font
@@ -51,7 +49,6 @@ BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool
 class StyledLayout {
   public:
     StyledLayout(const std::u16string& text, const TextStyle& style);
-    ~StyledLayout();
     StyledLayout(const StyledLayout&) = delete;
     StyledLayout& operator=(const StyledLayout&) = delete;
 
@@ -70,12 +67,13 @@ class StyledLayout {
     void ShowIn(cairo_t* cr, const RectF& rect) const;
 
   private:
+    using LayoutPtr = GObjectPtr<PangoLayout>;
     // A copy of the prototype layout holding utf8.
-    PangoLayout* WithText(const std::string& utf8) const;
+    LayoutPtr WithText(const std::string& utf8) const;
     // Vertical text: one layout per line of utf8, its characters stacked.
-    std::vector<PangoLayout*> MakeColumns(const std::string& utf8) const;
+    std::vector<LayoutPtr> MakeColumns(const std::string& utf8) const;
     static RectF Box(PangoLayout* layout);
-    RectF Box(const std::vector<PangoLayout*>& columns) const;
+    RectF Box(const std::vector<LayoutPtr>& columns) const;
     RectF MeasureText(const std::string& utf8) const;
     float ColumnHeight(PangoLayout* column) const;
     template <typename Paint>
@@ -87,10 +85,10 @@ class StyledLayout {
     double m_emPixels = 0;
     RectF m_shift;          // the alignment shift Layout applied to the rectangle
     float m_emptyLine = 0;  // what the final empty line adds across lines
-    PangoContext* m_context = nullptr;
-    PangoLayout* m_layout = nullptr;      // the text, or the column prototype
-    std::vector<PangoLayout*> m_columns;  // vertical text: one layout per column
-    int m_columnWidth = 0;                // Pango units
+    GObjectPtr<PangoContext> m_context;
+    LayoutPtr m_layout;                // the text, or the column prototype
+    std::vector<LayoutPtr> m_columns;  // vertical text: one layout per column
+    int m_columnWidth = 0;             // Pango units
     std::string m_utf8;
 };
 

@@ -1,14 +1,14 @@
 #include "text/text_renderer.h"
 
-#include <cairo.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "image/pixel_ops.h"
 #include "image/scaled_composite.h"
+#include "text/cairo_handles.h"
 #include "text/font_system.h"
 #include "text/text_color.h"
 #include "text/text_layout.h"
@@ -16,15 +16,6 @@
 namespace lumets {
 
 namespace {
-
-struct CairoDeleter {
-    void operator()(cairo_t* cr) const { cairo_destroy(cr); }
-    void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-    void operator()(cairo_pattern_t* pattern) const { cairo_pattern_destroy(pattern); }
-};
-using CairoPtr = std::unique_ptr<cairo_t, CairoDeleter>;
-using SurfacePtr = std::unique_ptr<cairo_surface_t, CairoDeleter>;
-using PatternPtr = std::unique_ptr<cairo_pattern_t, CairoDeleter>;
 
 void SetSourceArgb(cairo_t* cr, uint32_t argb) {
     cairo_set_source_rgba(cr, ((argb >> 16) & 0xFF) / 255.0, ((argb >> 8) & 0xFF) / 255.0,
@@ -42,8 +33,8 @@ void AddStop(cairo_pattern_t* pattern, double offset, uint32_t argb) {
 // so the colour bands run through the corners at any aspect ratio. The
 // direction becomes atan(w/h * tan(angle)) in the bitmap, and the gradient
 // spans the rectangle's corners from the first colour to the second.
-PatternPtr ScalableAngleGradient(double w, double h, float angleDegrees, uint32_t argb1,
-                                 uint32_t argb2) {
+CairoPatternPtr ScalableAngleGradient(double w, double h, float angleDegrees, uint32_t argb1,
+                                      uint32_t argb2) {
     double angle = std::isfinite(angleDegrees) ? std::fmod(angleDegrees, 360.0) : 0.0;
     if (angle < 0) {
         angle += 360.0;
@@ -67,7 +58,7 @@ PatternPtr ScalableAngleGradient(double w, double h, float angleDegrees, uint32_
         low = std::min(low, t);
         high = std::max(high, t);
     }
-    PatternPtr pattern(cairo_pattern_create_linear(low * dx, low * dy, high * dx, high * dy));
+    CairoPatternPtr pattern(cairo_pattern_create_linear(low * dx, low * dy, high * dx, high * dy));
     AddStop(pattern.get(), 0.0, argb1);
     AddStop(pattern.get(), 1.0, argb2);
     cairo_pattern_set_extend(pattern.get(), CAIRO_EXTEND_REPEAT);
@@ -113,11 +104,6 @@ CTextRenderer::CTextRenderer() {
     m_scaledBuffer.bitsPerPixel = 0;
 }
 
-CTextRenderer::~CTextRenderer() {
-    delete[] m_textBuffer.data;
-    delete[] m_scaledBuffer.data;
-}
-
 void CTextRenderer::Render(const char16_t* text, const TextStyle* style) {
     if (text == nullptr || style == nullptr) {
         return;
@@ -138,13 +124,13 @@ void CTextRenderer::Draw() {
     const int32_t w = size.width;
     const int32_t h = size.height;
     m_textBuffer.bitsPerPixel = 32;
-    m_textBuffer.width = static_cast<uint32_t>(w);
-    m_textBuffer.height = static_cast<uint32_t>(h);
+    m_textBuffer.width = w;
+    m_textBuffer.height = h;
     // The picture may be scaled later: room for the scaler after its last row.
-    EnsureScalableBuffer(&m_textBuffer.data, &m_textBuffer.capacity, w, h);
+    EnsureScalable(m_textBuffer, w, h);
     m_width.store(w, std::memory_order_relaxed);
     m_height.store(h, std::memory_order_relaxed);
-    uint8_t* pixels = m_textBuffer.data;
+    uint8_t* pixels = m_textBuffer.Data();
     const size_t bytes = static_cast<size_t>(w) * h * 4;
 
     const bool empty = m_text.empty();
@@ -153,7 +139,7 @@ void CTextRenderer::Draw() {
         background = ArgbFromStyleColor(m_style.backColor, m_style.backAlpha);
     }
 
-    SurfacePtr surface(
+    CairoSurfacePtr surface(
         cairo_image_surface_create_for_data(pixels, CAIRO_FORMAT_ARGB32, w, h, w * 4));
     CairoPtr cr(cairo_create(surface.get()));
     uint32_t clearRgb = 0;
@@ -177,7 +163,7 @@ void CTextRenderer::Draw() {
     }
 
     if (!empty && layout.HasFont()) {
-        PatternPtr fill = ScalableAngleGradient(
+        CairoPatternPtr fill = ScalableAngleGradient(
             w, h, m_style.fillAngle, ArgbFromStyleColor(m_style.fillColor1, m_style.fillAlpha1),
             ArgbFromStyleColor(m_style.fillColor2, m_style.fillAlpha2));
         if (!m_style.outline) {
@@ -197,7 +183,7 @@ void CTextRenderer::Draw() {
                 // pen shows outside the glyphs.
                 SetSourceArgb(cr.get(),
                               ArgbFromStyleColor(m_style.outlineColor, m_style.outlineAlpha));
-                cairo_set_line_width(cr.get(), std::min(penWidth, 2.0f * kMaxTextSide));
+                cairo_set_line_width(cr.get(), std::min(penWidth, 2.0f * kMaxPictureSide));
                 cairo_set_line_join(cr.get(), CAIRO_LINE_JOIN_ROUND);
                 cairo_stroke_preserve(cr.get());
             }
@@ -222,40 +208,21 @@ SIZE CTextRenderer::GetSize() const {
 
 void CTextRenderer::CopyBuffer(void* dst, uint32_t size) {
     CAutoLock lock(&m_lock);
-    if (dst == nullptr || m_textBuffer.data == nullptr) {
+    if (dst == nullptr || m_textBuffer.Data() == nullptr) {
         return;
     }
-    std::memcpy(dst, m_textBuffer.data, std::min(size, m_textBuffer.capacity));
+    std::memcpy(dst, m_textBuffer.Data(), std::min<size_t>(size, m_textBuffer.Capacity()));
 }
 
-void CTextRenderer::BlendInto(uint8_t* dst, int32_t width, int32_t height, int32_t bitsPerPixel,
-                              const POINT* pos) {
+void CTextRenderer::BlendInto(const PictureView& frame, POINT pos) {
     CAutoLock lock(&m_lock);
-    if (dst == nullptr || pos == nullptr ||
-        static_cast<int64_t>(width) * static_cast<int64_t>(height) <= 0) {
-        return;
-    }
-    BlendAt(dst, width, height, bitsPerPixel, *pos, m_textBuffer.data,
-            static_cast<int32_t>(m_textBuffer.width), static_cast<int32_t>(m_textBuffer.height),
-            static_cast<int32_t>(m_textBuffer.bitsPerPixel));
+    BlendAt(frame, pos, m_textBuffer.View());
 }
 
-void CTextRenderer::BlendInto24(uint8_t* dst, int32_t width, int32_t height, const POINT* pos) {
-    BlendInto(dst, width, height, 24, pos);
-}
-
-void CTextRenderer::BlendInto32(uint8_t* dst, int32_t width, int32_t height, const POINT* pos) {
-    BlendInto(dst, width, height, 32, pos);
-}
-
-void CTextRenderer::BlendScaledInto24(uint8_t* dst, int32_t dstWidth, int32_t dstHeight,
-                                      const RECT* clip, const POINT* pos, float scale) {
+void CTextRenderer::BlendScaledInto24(const PictureView& frame, const RECT& clip, POINT pos,
+                                      float scale) {
     CAutoLock lock(&m_lock);
-    if (clip == nullptr || pos == nullptr) {
-        return;
-    }
-    lumets::BlendScaledInto24(m_textBuffer, m_scaledBuffer, dst, dstWidth, dstHeight, *clip, *pos,
-                              scale, &m_scaleCount);
+    lumets::BlendScaledInto24(m_textBuffer, m_scaledBuffer, frame, clip, pos, scale, &m_scaleCount);
 }
 
 }  // namespace lumets

@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <string>
 
-#include "frame/lock.h"
-#include "image/pixel_ops.h"
+#include "image/picture.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
+#include "lumets_platform/lock.h"
 
 namespace lumets {
 
@@ -24,7 +24,6 @@ class CTextRenderer {
     static constexpr size_t kMaxTextUnits = 65536;
 
     CTextRenderer();
-    ~CTextRenderer();
     CTextRenderer(const CTextRenderer&) = delete;
     CTextRenderer& operator=(const CTextRenderer&) = delete;
 
@@ -37,13 +36,11 @@ class CTextRenderer {
     void CopyBuffer(void* dst, uint32_t size);
     // BlendAt of the picture into a 24- or 32-bit bottom-up frame; pos counts
     // memory rows, as BlendAt reads it.
-    void BlendInto24(uint8_t* dst, int32_t width, int32_t height, const POINT* pos);
-    void BlendInto32(uint8_t* dst, int32_t width, int32_t height, const POINT* pos);
+    void BlendInto(const PictureView& frame, POINT pos);
     // Scales the picture by scale and blends it into a 24-bit bottom-up frame
     // with its top-left at pos, inside clip; pos and clip are top-down
     // coordinates before scaling.
-    void BlendScaledInto24(uint8_t* dst, int32_t dstWidth, int32_t dstHeight, const RECT* clip,
-                           const POINT* pos, float scale);
+    void BlendScaledInto24(const PictureView& frame, const RECT& clip, POINT pos, float scale);
 
     // The normalised text of the last render.
     const std::u16string& Text() const { return m_text; }
@@ -52,8 +49,6 @@ class CTextRenderer {
 
   private:
     void Draw();
-    void BlendInto(uint8_t* dst, int32_t width, int32_t height, int32_t bitsPerPixel,
-                   const POINT* pos);
 
     std::u16string m_text;
     TextStyle m_style;

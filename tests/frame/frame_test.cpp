@@ -5,7 +5,7 @@
 #include <cstring>
 #include <thread>
 
-#include "frame/lock.h"
+#include "lumets_platform/lock.h"
 #include "lumets/lumets.h"
 
 namespace {

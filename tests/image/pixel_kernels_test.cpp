@@ -211,11 +211,11 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
     }
 }
 
-TEST(PixelKernels, SimdOperationsMatchScalarOnRandomGeometry) {
+// Whole operations on random geometry, rectangles and positions often far
+// outside the pictures: every table gives the scalar bytes, and no table
+// touches a byte outside the exact-size buffers (the sanitizer build sees it).
+TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
     const std::vector<const PixelKernels*> tables = SupportedSimdTables();
-    if (tables.empty()) {
-        GTEST_SKIP() << "no SIMD variant on this CPU";
-    }
     std::mt19937 rng(99);
     auto coord = [&rng](int32_t size) {
         // Mostly near the picture, sometimes far outside it.
@@ -254,13 +254,14 @@ TEST(PixelKernels, SimdOperationsMatchScalarOnRandomGeometry) {
         const int op = static_cast<int>(rng() % 3);
         auto run = [&](const PixelKernels& k) {
             std::vector<uint8_t> dst = initial;
+            const PictureView d = PackedPicture(dst.data(), dW, dH, dBpp);
+            const ConstPictureView s = PackedPicture(src.data(), sW, sH, sBpp);
             if (op == 0) {
-                BlendRectWith(k, dst.data(), dW, dH, dBpp, dRect, src.data(), sW, sH, sBpp, sRect);
+                BlendRectWith(k, d, dRect, s, sRect);
             } else if (op == 1) {
-                BlendAtWith(k, dst.data(), dW, dH, dBpp, pos, src.data(), sW, sH, sBpp);
+                BlendAtWith(k, d, pos, s);
             } else {
-                CopyRectPixelsWith(k, dst.data(), dW, dH, dBpp, dRect, src.data(), sW, sH, sBpp,
-                                   sRect);
+                CopyRectPixelsWith(k, d, dRect, s, sRect);
             }
             return dst;
         };

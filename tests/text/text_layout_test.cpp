@@ -34,7 +34,7 @@ TEST(EmSize, PointsToPixelsAtNinetySixDpi) {
     EXPECT_DOUBLE_EQ(lumets::EmSizePixels(24), 32.0);
     EXPECT_DOUBLE_EQ(lumets::EmSizePixels(0), 16.0);    // the default size
     EXPECT_DOUBLE_EQ(lumets::EmSizePixels(-24), 32.0);  // a cell height
-    EXPECT_LE(lumets::EmSizePixels(100000), 2.0 * lumets::kMaxTextSide);
+    EXPECT_LE(lumets::EmSizePixels(100000), 2.0 * lumets::kMaxPictureSide);
 }
 
 TEST(BitmapSize, EvenRoundingMinimumAndLimits) {
@@ -75,10 +75,10 @@ TEST(BitmapSize, NonFiniteAndHugeInputsStayInsideTheLimits) {
                     const auto size = BitmapSizeFor(w, h, fontSize, vertical);
                     EXPECT_GE(size.width, 2);
                     EXPECT_GE(size.height, 2);
-                    EXPECT_LE(size.width, lumets::kMaxTextSide);
-                    EXPECT_LE(size.height, lumets::kMaxTextSide);
+                    EXPECT_LE(size.width, lumets::kMaxPictureSide);
+                    EXPECT_LE(size.height, lumets::kMaxPictureSide);
                     EXPECT_LE(static_cast<int64_t>(size.width) * size.height,
-                              lumets::kMaxTextPixels);
+                              lumets::kMaxPicturePixels);
                 }
             }
         }

@@ -100,80 +100,10 @@ TEST(TextRendererGolden, StylesMatchTheirPictures) {
         const SIZE size = renderer.GetSize();
         const auto pixels = Pixels(renderer);
         const std::string path = std::string(LUMETS_TEST_DATA_DIR) + "/" + c.name + ".png";
-        EXPECT_TRUE(
-            lumets::test::MatchesGolden(path, pixels.data(), size.cx, size.cy, kTextTolerance))
+        EXPECT_TRUE(lumets::test::MatchesGolden(
+            path, lumets::PackedPicture(pixels.data(), size.cx, size.cy, 32), kTextTolerance))
             << c.name;
     }
-}
-
-TEST(TextRenderer, DefaultStyleIsOpaqueBlackOnTransparent) {
-    CTextRenderer renderer;
-    const TextStyle style;
-    renderer.Render(u"Hello", &style);
-    const SIZE size = renderer.GetSize();
-    ASSERT_GT(size.cx, 10);
-    EXPECT_EQ(size.cx % 2, 0);
-    EXPECT_EQ(size.cy % 2, 0);
-    const auto pixels = Pixels(renderer);
-    int opaque = 0;
-    int partial = 0;
-    for (size_t i = 0; i < pixels.size(); i += 4) {
-        if (pixels[i + 3] == 255) {
-            ++opaque;
-            EXPECT_EQ(pixels[i] | pixels[i + 1] | pixels[i + 2], 0);
-        } else if (pixels[i + 3] > 0) {
-            ++partial;
-        }
-    }
-    EXPECT_GT(opaque, 20);
-    EXPECT_GT(partial, 20);  // anti-aliased edges
-}
-
-TEST(TextRenderer, GradientEndsAreTheTwoColours) {
-    TextStyle style = Style(40, 0xFF0000);
-    style.fillColor2 = 0x0000FF;
-    style.backColor = 0;
-    // A full background makes every pixel take the fill where text covers
-    // it; a wide row of full blocks covers the edges.
-    CTextRenderer renderer;
-    renderer.Render(u"██████████████████████", &style);
-    SIZE size = renderer.GetSize();
-    auto pixels = Pixels(renderer);
-    // Find a row through the blocks; its first and last covered pixels.
-    const int y = size.cy / 2;
-    int first = -1;
-    int last = -1;
-    for (int x = 0; x < size.cx; ++x) {
-        if (At(pixels, size, x, y)[3] == 255) {
-            first = first < 0 ? x : first;
-            last = x;
-        }
-    }
-    ASSERT_GE(first, 0);
-    ASSERT_LT(first, 4);
-    ASSERT_GT(last, size.cx - 5);
-    EXPECT_NEAR(At(pixels, size, first, y)[2], 255, 4);  // red at the left
-    EXPECT_NEAR(At(pixels, size, first, y)[0], 0, 4);
-    EXPECT_NEAR(At(pixels, size, last, y)[0], 255, 4);  // blue at the right
-    EXPECT_NEAR(At(pixels, size, last, y)[2], 0, 4);
-
-    style.fillAngle = 90.0f;
-    renderer.Render(u"██\n██\n██", &style);
-    size = renderer.GetSize();
-    pixels = Pixels(renderer);
-    // The top of the picture is the last row in memory: it starts red.
-    int top = -1;
-    int bottom = -1;
-    for (int row = 0; row < size.cy; ++row) {
-        if (At(pixels, size, 4, row)[3] == 255) {
-            top = top < 0 ? row : top;
-            bottom = row;
-        }
-    }
-    ASSERT_GE(top, 0);
-    EXPECT_GT(At(pixels, size, 4, top)[2], 200);
-    EXPECT_LT(At(pixels, size, 4, top)[0], 60);
-    EXPECT_GT(At(pixels, size, 4, bottom)[0], At(pixels, size, 4, top)[0]);
 }
 
 // The ink box (alpha above half) of a picture, in top-down coordinates.
@@ -223,10 +153,9 @@ TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
     renderer.CopyBuffer(sentinel, sizeof sentinel);
     EXPECT_EQ(sentinel[0], 0x5A);
     std::vector<uint8_t> frame(lumets::RowStride(8, 24) * 8, 0x5A);
-    const POINT pos{0, 0};
-    renderer.BlendInto24(frame.data(), 8, 8, &pos);
-    const RECT clip{0, 0, 8, 8};
-    renderer.BlendScaledInto24(frame.data(), 8, 8, &clip, &pos, 1.0f);
+    const lumets::PictureView view = lumets::PackedPicture(frame.data(), 8, 8, 24);
+    renderer.BlendInto(view, POINT{0, 0});
+    renderer.BlendScaledInto24(view, RECT{0, 0, 8, 8}, POINT{0, 0}, 1.0f);
     for (uint8_t b : frame) {
         ASSERT_EQ(b, 0x5A);
     }
@@ -285,8 +214,8 @@ TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
     TextStyle style;
     renderer.Render(block.get(), &style);
     SIZE size = renderer.GetSize();
-    EXPECT_LE(size.cx, lumets::kMaxTextSide);
-    EXPECT_LE(size.cy, lumets::kMaxTextSide);
+    EXPECT_LE(size.cx, lumets::kMaxPictureSide);
+    EXPECT_LE(size.cy, lumets::kMaxPictureSide);
 
     // A face name filling all 32 units without a terminator.
     TextStyle longFace;
@@ -308,9 +237,9 @@ TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
             size = renderer.GetSize();
             EXPECT_GE(size.cx, 2);
             EXPECT_GE(size.cy, 2);
-            EXPECT_LE(size.cx, lumets::kMaxTextSide);
-            EXPECT_LE(size.cy, lumets::kMaxTextSide);
-            EXPECT_LE(static_cast<int64_t>(size.cx) * size.cy, lumets::kMaxTextPixels);
+            EXPECT_LE(size.cx, lumets::kMaxPictureSide);
+            EXPECT_LE(size.cy, lumets::kMaxPictureSide);
+            EXPECT_LE(static_cast<int64_t>(size.cx) * size.cy, lumets::kMaxPicturePixels);
         }
     }
 }
@@ -322,11 +251,10 @@ TEST(TextRendererThreads, RenderWhileAnotherThreadBlends) {
     std::atomic<bool> done{false};
     std::thread blender([&] {
         std::vector<uint8_t> frame(lumets::RowStride(320, 24) * 120, 0);
-        const RECT clip{0, 0, 320, 120};
-        const POINT pos{4, 4};
+        const lumets::PictureView view = lumets::PackedPicture(frame.data(), 320, 120, 24);
         while (!done.load()) {
-            renderer.BlendInto24(frame.data(), 320, 120, &pos);
-            renderer.BlendScaledInto24(frame.data(), 320, 120, &clip, &pos, 1.5f);
+            renderer.BlendInto(view, POINT{4, 4});
+            renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{4, 4}, 1.5f);
             (void)renderer.GetSize();
         }
     });

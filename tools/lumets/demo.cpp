@@ -22,6 +22,11 @@ struct Picture {
           bitsPerPixel(bpp),
           pixels(static_cast<size_t>(RowStride(w, bpp)) * h, 0) {}
 
+    PictureView View() { return PackedPicture(pixels.data(), width, height, bitsPerPixel); }
+    ConstPictureView View() const {
+        return PackedPicture(pixels.data(), width, height, bitsPerPixel);
+    }
+
     // (x, y) with y counted from the top of the picture.
     uint8_t* At(int32_t x, int32_t y) {
         const size_t row = static_cast<size_t>(height - 1 - y);
@@ -106,8 +111,7 @@ Picture Checker(int32_t size, int32_t cell) {
 // BlendAt takes the position in memory rows; convert from a top-down y.
 void BlendTopDown(Picture& frame, const Picture& src, int32_t x, int32_t yTop) {
     const POINT pos{x, frame.height - yTop - src.height};
-    BlendAt(frame.pixels.data(), frame.width, frame.height, frame.bitsPerPixel, pos,
-            src.pixels.data(), src.width, src.height, src.bitsPerPixel);
+    BlendAt(frame.View(), pos, src.View());
 }
 
 }  // namespace
@@ -125,9 +129,7 @@ std::vector<uint8_t> RenderDemoFrame() {
     const Picture checker = Checker(160, 20);
     const RECT dstRect{kDemoWidth - 180, kDemoHeight - 180, kDemoWidth - 20, kDemoHeight - 20};
     const RECT srcRect{0, 0, checker.width, checker.height};
-    CopyRectPixels(frame.pixels.data(), frame.width, frame.height, frame.bitsPerPixel, dstRect,
-                   checker.pixels.data(), checker.width, checker.height, checker.bitsPerPixel,
-                   srcRect);
+    CopyRectPixels(frame.View(), dstRect, checker.View(), srcRect);
 
     // A subtitle: a translucent rounded plate with styled text on it.
     const Picture plate = Plate(960, 110, 170);
@@ -147,11 +149,11 @@ std::vector<uint8_t> RenderDemoFrame() {
     const SIZE size = subtitle.GetSize();
     const RECT clip{0, 0, kDemoWidth, kDemoHeight};
     const POINT pos{(kDemoWidth - size.cx) / 2, kDemoHeight - 105 - size.cy / 2};
-    subtitle.BlendScaledInto24(frame.pixels.data(), frame.width, frame.height, &clip, &pos, 1.0f);
+    subtitle.BlendScaledInto24(frame.View(), clip, pos, 1.0f);
 
     // The same text scaled down in the top-left corner, as a smaller output would show it.
     const POINT small{40 * 2, 40 * 2};
-    subtitle.BlendScaledInto24(frame.pixels.data(), frame.width, frame.height, &clip, &small, 0.5f);
+    subtitle.BlendScaledInto24(frame.View(), clip, small, 0.5f);
 
     return std::move(frame.pixels);
 }

@@ -22,8 +22,9 @@ int main(int argc, char** argv) {
 
     if (demo->parsed()) {
         const auto frame = lumets::tool::RenderDemoFrame();
-        if (!lumets::tool::WritePng(demoOutput, frame.data(), lumets::tool::kDemoWidth,
-                                    lumets::tool::kDemoHeight, 24)) {
+        if (!lumets::tool::WritePng(demoOutput,
+                                    lumets::PackedPicture(frame.data(), lumets::tool::kDemoWidth,
+                                                          lumets::tool::kDemoHeight, 24))) {
             std::fprintf(stderr, "lumets: cannot write %s\n", demoOutput.c_str());
             return 1;
         }

@@ -66,7 +66,8 @@ void Run(const TextOptions& options) {
     const SIZE size = renderer.GetSize();
     std::vector<uint8_t> pixels(static_cast<size_t>(size.cx) * size.cy * 4);
     renderer.CopyBuffer(pixels.data(), static_cast<uint32_t>(pixels.size()));
-    if (!WritePng(options.output, pixels.data(), size.cx, size.cy, 32)) {
+    if (!WritePng(options.output,
+                  PackedPicture<const uint8_t>(pixels.data(), size.cx, size.cy, 32))) {
         std::fprintf(stderr, "lumets: cannot write %s\n", options.output.c_str());
         std::exit(1);
     }

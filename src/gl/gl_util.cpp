@@ -1,10 +1,10 @@
-#include "gl_util.h"
+#include "gl/gl_util.h"
 
 #include <cstdio>
 
 #include "lumets_platform/debug_output.h"
 
-namespace lumets::host {
+namespace lumets {
 namespace {
 
 const char* ErrorName(GLenum error) {
@@ -56,4 +56,4 @@ bool GlHasCurrentContext() {
     return glGetString(GL_VERSION) != nullptr;
 }
 
-}  // namespace lumets::host
+}  // namespace lumets

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "image/image_loader.h"
-#include "image_load/media_tools.h"
+#include "image/media_tools.h"
 
 namespace lumets::test {
 namespace {
@@ -97,7 +97,7 @@ struct LoadCase {
     const char* outputArgs;  // encoder and its pixel format
     const char* extension;
     const char* probed;  // codec and decoded format, as measured
-    uint32_t depth;      // 24 or 32
+    int32_t depth;       // 24 or 32
     bool grey;           // B = G = R = the picture's red
     bool keepsAlpha;     // else 32-bit pictures come out opaque
     int tolerance;       // largest channel difference; 0 for lossless codecs
@@ -147,15 +147,14 @@ TEST_P(ImageFormats, LoadsAtItsDepthBottomRowFirst) {
     ASSERT_TRUE(EncodeRaw(raw, c.rawFormat, picture.width, picture.height, c.outputArgs, file));
     ASSERT_EQ(Probe(file), c.probed) << "the encoder no longer makes the format this case is for";
 
-    OwnedBuffer target;
-    LoadFile(target.buffer, file);
-    const PixelBuffer& b = target.buffer;
-    ASSERT_NE(b.data, nullptr);
+    PixelBuffer b;
+    LoadFile(b, file);
+    ASSERT_NE(b.Data(), nullptr);
     EXPECT_EQ(b.bitsPerPixel, c.depth);
-    ASSERT_EQ(b.width, static_cast<uint32_t>(picture.width));
-    ASSERT_EQ(b.height, static_cast<uint32_t>(picture.height));
-    const uint32_t stride = RowStride(b.width, b.bitsPerPixel);
-    EXPECT_EQ(b.capacity, stride * b.height + 1);
+    ASSERT_EQ(b.width, picture.width);
+    ASSERT_EQ(b.height, picture.height);
+    const size_t stride = b.View().strideBytes;
+    EXPECT_EQ(b.Capacity(), stride * b.height + 1);
 
     // The largest channel difference, with where it is. Lossy codecs subsample
     // colour, which smears the edge between the two halves of the picture:
@@ -173,7 +172,7 @@ TEST_P(ImageFormats, LoadsAtItsDepthBottomRowFirst) {
             const Rgba want = picture.At(x, topDownRow);
             const uint8_t wantBgra[4] = {c.grey ? want.r : want.b, c.grey ? want.r : want.g, want.r,
                                          c.keepsAlpha ? want.a : uint8_t{255}};
-            const uint8_t* got = b.data + static_cast<size_t>(stride) * row + x * bytesPerPixel;
+            const uint8_t* got = b.Data() + stride * row + x * bytesPerPixel;
             for (int channel = 0; channel < bytesPerPixel; ++channel) {
                 const int difference = std::abs(got[channel] - wantBgra[channel]);
                 if (difference > worst) {
@@ -238,12 +237,12 @@ class RefusedImages : public testing::Test {
     // Loads file into a target that already holds a picture and expects
     // every field and byte of it to stay as it was.
     static void ExpectUntouched(const std::string& file) {
-        OwnedBuffer target;
-        LoadFile(target.buffer, s_loadable);
-        ASSERT_NE(target.buffer.data, nullptr);
-        const Snapshot before(target.buffer);
-        LoadFile(target.buffer, file);
-        EXPECT_TRUE(Snapshot(target.buffer) == before) << file << " changed the target";
+        PixelBuffer target;
+        LoadFile(target, s_loadable);
+        ASSERT_NE(target.Data(), nullptr);
+        const Snapshot before(target);
+        LoadFile(target, file);
+        EXPECT_TRUE(Snapshot(target) == before) << file << " changed the target";
     }
 
     static std::unique_ptr<ScratchDir> s_dir;
@@ -255,16 +254,21 @@ std::string RefusedImages::s_raw;
 std::string RefusedImages::s_loadable;
 
 TEST_F(RefusedImages, PaletteGreyAndSixteenBitFormats) {
-    // GIF decodes to bgra, so this also proves the refusal goes by codec.
-    ExpectUntouched(Make("a.gif", "", "gif,bgra"));
-    ExpectUntouched(Make("pal.png", "-pix_fmt pal8", "png,pal8"));
-    ExpectUntouched(Make("mono.png", "-pix_fmt monob", "png,monob"));
-    ExpectUntouched(Make("grey.png", "-pix_fmt gray", "png,gray"));
-    ExpectUntouched(Make("grey16.png", "-pix_fmt gray16be", "png,gray16be"));
-    ExpectUntouched(Make("rgb565.bmp", "-pix_fmt rgb565le", "bmp,rgb565le"));
-    ExpectUntouched(Make("rgb555.bmp", "-pix_fmt rgb555le", "bmp,rgb555le"));
-    ExpectUntouched(Make("pal.bmp", "-pix_fmt pal8", "bmp,pal8"));
-    ExpectUntouched(Make("grey.tif", "-c:v tiff -pix_fmt gray", "tiff,gray"));
+    // GIF decodes to bgra, so it also proves the refusal goes by codec.
+    const char* const refused[][3] = {
+        {"a.gif", "", "gif,bgra"},
+        {"pal.png", "-pix_fmt pal8", "png,pal8"},
+        {"mono.png", "-pix_fmt monob", "png,monob"},
+        {"grey.png", "-pix_fmt gray", "png,gray"},
+        {"grey16.png", "-pix_fmt gray16be", "png,gray16be"},
+        {"rgb565.bmp", "-pix_fmt rgb565le", "bmp,rgb565le"},
+        {"rgb555.bmp", "-pix_fmt rgb555le", "bmp,rgb555le"},
+        {"pal.bmp", "-pix_fmt pal8", "bmp,pal8"},
+        {"grey.tif", "-c:v tiff -pix_fmt gray", "tiff,gray"},
+    };
+    for (const auto& r : refused) {
+        ExpectUntouched(Make(r[0], r[1], r[2]));
+    }
 
     const std::string greyJpeg = s_dir->File("grey.jpg");
     WriteBytes(greyJpeg, kGreyJpeg);
@@ -305,14 +309,14 @@ TEST_F(RefusedImages, FilesThatAreNotPictures) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ExpectUntouched(fifo);
 
-    OwnedBuffer target;
-    LoadFile(target.buffer, s_loadable);
-    const Snapshot before(target.buffer);
-    LoadImageFile(target.buffer, nullptr);
-    LoadImageFile(target.buffer, u"");
-    LoadImageBytes(target.buffer, nullptr, 100);
-    CopyImageToBuffer(target.buffer, nullptr);
-    EXPECT_TRUE(Snapshot(target.buffer) == before);
+    PixelBuffer target;
+    LoadFile(target, s_loadable);
+    const Snapshot before(target);
+    LoadImageFile(target, nullptr);
+    LoadImageFile(target, u"");
+    LoadImageBytes(target, nullptr, 100);
+    CopyImageToBuffer(target, nullptr);
+    EXPECT_TRUE(Snapshot(target) == before);
 }
 
 // Sizes at and just past the limits, as real files: the refusals come from
@@ -337,17 +341,17 @@ TEST_F(RefusedImages, PicturesBeyondTheSizeLimits) {
     ExpectUntouched(tall);
     ExpectUntouched(large);
 
-    OwnedBuffer target;
-    LoadFile(target.buffer, widest);
-    EXPECT_EQ(target.buffer.width, 16384u);
-    EXPECT_EQ(target.buffer.height, 2u);
-    LoadFile(target.buffer, largest);
-    EXPECT_EQ(target.buffer.width, 4096u);
-    EXPECT_EQ(target.buffer.height, 4096u);
-    EXPECT_EQ(target.buffer.bitsPerPixel, 24u);
+    PixelBuffer target;
+    LoadFile(target, widest);
+    EXPECT_EQ(target.width, 16384);
+    EXPECT_EQ(target.height, 2);
+    LoadFile(target, largest);
+    EXPECT_EQ(target.width, 4096);
+    EXPECT_EQ(target.height, 4096);
+    EXPECT_EQ(target.bitsPerPixel, 24);
 }
 
-TEST(CopyImageToBuffer, ThreeByTwoTwentyFourBitPicture) {
+TEST(CopyImageToBuffer, PadsRowsFlipsThemAndKeepsALargeEnoughBlock) {
     DecodedImage image;
     image.width = 3;
     image.height = 2;
@@ -355,38 +359,26 @@ TEST(CopyImageToBuffer, ThreeByTwoTwentyFourBitPicture) {
     // Top row 1..9, bottom row 11..19.
     image.pixels.reset(
         new uint8_t[18]{1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14, 15, 16, 17, 18, 19});
-    OwnedBuffer target;
-    CopyImageToBuffer(target.buffer, &image);
-    const PixelBuffer& b = target.buffer;
-    EXPECT_EQ(b.width, 3u);
-    EXPECT_EQ(b.height, 2u);
-    EXPECT_EQ(b.bitsPerPixel, 24u);
-    ASSERT_EQ(b.capacity, 25u);
-    const std::vector<uint8_t> bytes(b.data, b.data + 22);
+    PixelBuffer b;
+    CopyImageToBuffer(b, &image);
+    EXPECT_EQ(b.width, 3);
+    EXPECT_EQ(b.height, 2);
+    EXPECT_EQ(b.bitsPerPixel, 24);
+    ASSERT_EQ(b.Capacity(), 25u);
+    const std::vector<uint8_t> bytes(b.Data(), b.Data() + 22);
     const std::vector<uint8_t> want = {11, 12, 13, 14, 15, 16, 17, 18, 19, 255, 0,
                                        0,  1,  2,  3,  4,  5,  6,  7,  8,  9,   255};
     EXPECT_EQ(bytes, want);
-}
 
-TEST(CopyImageToBuffer, SmallerPictureKeepsTheBlock) {
-    auto square = [](uint32_t side) {
-        DecodedImage image;
-        image.width = image.height = side;
-        image.bitsPerPixel = 32;
-        image.pixels.reset(new uint8_t[side * side * 4]());
-        return image;
-    };
-    OwnedBuffer target;
-    const DecodedImage large = square(20);
-    CopyImageToBuffer(target.buffer, &large);
-    ASSERT_EQ(target.buffer.capacity, 1601u);
-    const uint8_t* block = target.buffer.data;
-    const DecodedImage small = square(10);
-    CopyImageToBuffer(target.buffer, &small);
-    EXPECT_EQ(target.buffer.capacity, 1601u);
-    EXPECT_EQ(target.buffer.data, block);
-    EXPECT_EQ(target.buffer.width, 10u);
-    EXPECT_EQ(target.buffer.height, 10u);
+    // A smaller picture reuses the block.
+    const uint8_t* block = b.Data();
+    image.width = image.height = 1;
+    image.bitsPerPixel = 32;
+    CopyImageToBuffer(b, &image);
+    EXPECT_EQ(b.Capacity(), 25u);
+    EXPECT_EQ(b.Data(), block);
+    EXPECT_EQ(b.width, 1);
+    EXPECT_EQ(b.bitsPerPixel, 32);
 }
 
 }  // namespace

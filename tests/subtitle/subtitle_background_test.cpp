@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "image/image_loader.h"
@@ -17,19 +18,19 @@ namespace {
 // The alpha byte of plate pixel (x, y), y in memory rows (0 = bottom).
 uint8_t PlateAlpha(const CSubtitleBackground& plate, uint32_t x, uint32_t y) {
     const PixelBuffer& p = plate.Plate();
-    return p.data[(size_t{y} * p.width + x) * 4 + 3];
+    return p.Data()[(size_t{y} * p.width + x) * 4 + 3];
 }
 
 TEST(SubtitleBackground, PlateSizeAndShiftFromTheMask) {
     CSubtitleBackground plate;
-    ASSERT_EQ(plate.Mask().width, 40u);
-    ASSERT_EQ(plate.Mask().height, 36u);
+    ASSERT_EQ(plate.Mask().width, 40);
+    ASSERT_EQ(plate.Mask().height, 36);
 
     // 20 + 7 = 27 rows, made up to the mask's 36; the top moves up by half of 9.
     POINT shift{};
     plate.BuildBackground(200, 20, shift);
-    EXPECT_EQ(plate.Plate().width, 252u);
-    EXPECT_EQ(plate.Plate().height, 36u);
+    EXPECT_EQ(plate.Plate().width, 252);
+    EXPECT_EQ(plate.Plate().height, 36);
     EXPECT_EQ(shift.x, -26);
     EXPECT_EQ(shift.y, -7);
 
@@ -46,8 +47,8 @@ TEST(SubtitleBackground, PlateSizeAndShiftFromTheMask) {
     EXPECT_EQ(rect.bottom, 36);
 
     plate.BuildBackground(200, 40, shift);
-    EXPECT_EQ(plate.Plate().width, 252u);
-    EXPECT_EQ(plate.Plate().height, 47u);
+    EXPECT_EQ(plate.Plate().width, 252);
+    EXPECT_EQ(plate.Plate().height, 47);
     EXPECT_EQ(shift.x, -26);
     EXPECT_EQ(shift.y, -3);
 
@@ -60,26 +61,18 @@ TEST(SubtitleBackground, PlateSizeAndShiftFromTheMask) {
 }
 
 TEST(SubtitleBackground, ColourBytesAndOpacityToAlpha) {
+    const std::pair<float, uint8_t> opacities[] = {
+        {0.5f, 127}, {1.2f, 255}, {-0.5f, 0}, {std::numeric_limits<float>::infinity(), 255}};
     CSubtitleBackground plate;
-    POINT shift{};
-    auto middle = [&] {
-        const PixelBuffer& p = plate.Plate();
-        const uint8_t* pixel = p.data + (size_t{p.height / 2} * p.width + p.width / 2) * 4;
-        return std::vector<uint8_t>(pixel, pixel + 4);
-    };
-    plate.SetColourAndOpacity(0xFF8000, 0.5f);
-    plate.BuildBackground(200, 20, shift);
-    EXPECT_EQ(middle(), (std::vector<uint8_t>{0, 128, 255, 127}));
-
-    plate.SetColourAndOpacity(0xFF8000, 1.2f);
-    plate.BuildBackground(200, 20, shift);
-    EXPECT_EQ(middle()[3], 255);
-    plate.SetColourAndOpacity(0xFF8000, -0.5f);
-    plate.BuildBackground(200, 20, shift);
-    EXPECT_EQ(middle()[3], 0);
-    plate.SetColourAndOpacity(0xFF8000, std::numeric_limits<float>::infinity());
-    plate.BuildBackground(200, 20, shift);
-    EXPECT_EQ(middle()[3], 255);
+    for (const auto& [opacity, alpha] : opacities) {
+        POINT shift{};
+        plate.SetColourAndOpacity(0xFF8000, opacity);
+        plate.BuildBackground(200, 20, shift);
+        const uint8_t* middle = plate.Plate().Data() + (size_t{18} * 252 + 126) * 4;
+        EXPECT_EQ(std::vector<uint8_t>(middle, middle + 4),
+                  (std::vector<uint8_t>{0, 128, 255, alpha}))
+            << opacity;
+    }
 }
 
 TEST(SubtitleBackground, CornerAlphaScalesTheMaskAlpha) {
@@ -90,7 +83,7 @@ TEST(SubtitleBackground, CornerAlphaScalesTheMaskAlpha) {
     plate.BuildBackground(200, 40, shift);  // 252 x 47
     int checked = 0;
     for (uint32_t x = 0; x < 20; ++x) {
-        const uint8_t m = mask.data[x * 4 + 3];
+        const uint8_t m = mask.Data()[x * 4 + 3];
         EXPECT_EQ(PlateAlpha(plate, x, 0), 127 * m / 255) << x;
         checked += m > 0 && m < 255;
     }
@@ -104,24 +97,23 @@ TEST(SubtitleBackground, CornerAlphaScalesTheMaskAlpha) {
 // shows exactly which mask pixel each corner pixel took.
 TEST(SubtitleBackground, CornerZonesTakeTheirMaskPixels) {
     PixelBuffer mask;
-    EnsureBuffer(&mask.data, &mask.capacity, 8, 6, 32);
+    mask.Ensure(8, 6, 32);
     mask.width = 8;
     mask.height = 6;
     for (uint32_t y = 0; y < 6; ++y) {
         for (uint32_t x = 0; x < 8; ++x) {
-            uint8_t* p = mask.data + (y * 8 + x) * 4;
+            uint8_t* p = mask.Data() + (y * 8 + x) * 4;
             p[0] = p[1] = p[2] = 0;
             p[3] = static_cast<uint8_t>(10 * y + x + 1);
         }
     }
     CSubtitleBackground plate(mask);
-    delete[] mask.data;
     plate.SetColourAndOpacity(0, 1.0f);
     POINT shift{};
     // (int)(8 * 1.3f) = 10 and (int)(6 * 0.2f) = 1: the plate is 20 x 11.
     plate.BuildBackground(10, 10, shift);
-    ASSERT_EQ(plate.Plate().width, 20u);
-    ASSERT_EQ(plate.Plate().height, 11u);
+    ASSERT_EQ(plate.Plate().width, 20);
+    ASSERT_EQ(plate.Plate().height, 11);
     // hw = 4, hh = 3. Bottom zones: rows 0..3; top zones: rows above 11 - 3,
     // from mask row y - 5. Left: columns 0..3; right: columns above 20 - 4,
     // from mask column x - 12.
@@ -144,7 +136,8 @@ TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChange) {
     std::vector<uint8_t> frame(RowStride(640, 24) * 200, 0);
     const RECT text{100, 60, 300, 90};
     auto draw = [&](const RECT& r, uint32_t colour, float opacity, float scale) {
-        plate.DrawOnFrame(frame.data(), 640, 200, &r, r.bottom - r.top, colour, opacity, scale);
+        plate.DrawOnFrame(PackedPicture(frame.data(), 640, 200, 24), &r, r.bottom - r.top, colour,
+                          opacity, scale);
     };
     draw(text, 0x204080, 0.8f, 1.5f);
     EXPECT_EQ(plate.BuildCount(), 1u);
@@ -165,13 +158,10 @@ TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChange) {
     EXPECT_EQ(plate.ScaleCount(), 4u);
 
     // Scale 1 hands out the plate itself and leaves the scaled copy alone.
-    const uint8_t* data = nullptr;
-    int32_t w = 0;
-    int32_t h = 0;
-    plate.GetScaledBackground(data, w, h, 1.0f);
-    EXPECT_EQ(data, plate.Plate().data);
-    EXPECT_EQ(w, 253);
-    EXPECT_EQ(h, 37);
+    const ConstPictureView same = plate.GetScaledBackground(1.0f);
+    EXPECT_EQ(same.data, plate.Plate().Data());
+    EXPECT_EQ(same.width, 253);
+    EXPECT_EQ(same.height, 37);
     EXPECT_EQ(plate.ScaleCount(), 4u);
 }
 
@@ -218,8 +208,8 @@ TEST(SubtitleBackground, UploadsThePlateAtItemScale) {
     EXPECT_EQ(pbo.m_width, 252);
     EXPECT_EQ(pbo.m_height, 36);
     EXPECT_EQ(pbo.m_texture, 7u);
-    EXPECT_EQ(pbo.m_pixels, plate.Plate().data);
-    EXPECT_EQ(pbo.m_size, plate.Plate().capacity);
+    EXPECT_EQ(pbo.m_pixels, plate.Plate().Data());
+    EXPECT_EQ(pbo.m_size, plate.Plate().Capacity());
     EXPECT_GE(pbo.m_size, 252u * 36 * 4);
     EXPECT_EQ(pbo.m_format, static_cast<GLenum>(GL_BGRA));
 
@@ -244,10 +234,11 @@ TEST(SubtitleBackground, WithoutAMaskNothingIsDrawnOrUploaded) {
     std::vector<uint8_t> frame(RowStride(320, 24) * 100, 77);
     const std::vector<uint8_t> before = frame;
     const RECT text{10, 10, 210, 30};
-    plate.DrawOnFrame(frame.data(), 320, 100, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
-    plate.DrawOnFrame(frame.data(), 320, 100, &text, 20, 0xFFFFFF, 1.0f, 1.5f);
+    const PictureView view = PackedPicture(frame.data(), 320, 100, 24);
+    plate.DrawOnFrame(view, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(view, &text, 20, 0xFFFFFF, 1.0f, 1.5f);
     EXPECT_EQ(frame, before);
-    EXPECT_EQ(plate.Plate().data, nullptr);
+    EXPECT_EQ(plate.Plate().Data(), nullptr);
 
     CRecordingPbo pbo;
     POINT shift{};
@@ -261,11 +252,12 @@ TEST(SubtitleBackground, BadSizesAndScalesDrawNothing) {
     const int32_t height = 100;
     std::vector<uint8_t> frame(RowStride(width, 24) * height, 77);
     const std::vector<uint8_t> before = frame;
+    const PictureView view = PackedPicture(frame.data(), width, height, 24);
     const float inf = std::numeric_limits<float>::infinity();
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const RECT text{10, 10, 210, 30};
     for (float scale : {0.0f, -1.0f, 1e-8f, nan, inf, -inf, 0.001f, 1e6f}) {
-        plate.DrawOnFrame(frame.data(), width, height, &text, 20, 0xFFFFFF, 1.0f, scale);
+        plate.DrawOnFrame(view, &text, 20, 0xFFFFFF, 1.0f, scale);
     }
     const int32_t big = std::numeric_limits<int32_t>::max();
     const int32_t small = std::numeric_limits<int32_t>::min();
@@ -275,20 +267,20 @@ TEST(SubtitleBackground, BadSizesAndScalesDrawNothing) {
                              {big, big, big, big},
                              {small, small, 10, 10}};
     for (const RECT& r : badRects) {
-        plate.DrawOnFrame(frame.data(), width, height, &r, 20, 0xFFFFFF, 1.0f, 1.0f);
+        plate.DrawOnFrame(view, &r, 20, 0xFFFFFF, 1.0f, 1.0f);
     }
     for (int32_t textHeight : {-1, -100, small, 20000, big}) {
-        plate.DrawOnFrame(frame.data(), width, height, &text, textHeight, 0xFFFFFF, 1.0f, 1.0f);
+        plate.DrawOnFrame(view, &text, textHeight, 0xFFFFFF, 1.0f, 1.0f);
     }
-    plate.DrawOnFrame(frame.data(), width, height, nullptr, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(view, nullptr, 20, 0xFFFFFF, 1.0f, 1.0f);
     EXPECT_EQ(frame, before);
 
     // A real plate with a frame that is not there, or positions far outside.
-    plate.DrawOnFrame(nullptr, width, height, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
-    plate.DrawOnFrame(frame.data(), 0, height, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
-    plate.DrawOnFrame(frame.data(), width, -5, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(PictureView{}, &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(PackedPicture(frame.data(), 0, height, 24), &text, 20, 0xFFFFFF, 1.0f, 1.0f);
+    plate.DrawOnFrame(PackedPicture(frame.data(), width, -5, 24), &text, 20, 0xFFFFFF, 1.0f, 1.0f);
     const RECT farLeft{-1000000000, 10, -999999800, 30};
-    plate.DrawOnFrame(frame.data(), width, height, &farLeft, 20, 0xFFFFFF, 1.0f, 3000.0f);
+    plate.DrawOnFrame(view, &farLeft, 20, 0xFFFFFF, 1.0f, 3000.0f);
     EXPECT_EQ(frame, before);
 
     // NaN opacity is no change; the plate keeps drawing as before.

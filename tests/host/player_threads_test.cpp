@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "lumets/host/flash_player.h"
-#include "media/media_files.h"
+#include "host/media_files.h"
 
 namespace {
 

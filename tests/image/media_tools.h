@@ -53,31 +53,22 @@ inline void LoadFile(PixelBuffer& target, const std::string& file) {
     LoadImageFile(target, path.c_str());
 }
 
-// A PixelBuffer that frees its block.
-struct OwnedBuffer {
-    PixelBuffer buffer;
-    OwnedBuffer() = default;
-    OwnedBuffer(const OwnedBuffer&) = delete;
-    OwnedBuffer& operator=(const OwnedBuffer&) = delete;
-    ~OwnedBuffer() { delete[] buffer.data; }
-};
-
 // Everything a load may change, with the bytes in use.
 struct Snapshot {
     const uint8_t* data;
-    uint32_t capacity;
-    uint32_t width;
-    uint32_t height;
-    uint32_t bitsPerPixel;
+    size_t capacity;
+    int32_t width;
+    int32_t height;
+    int32_t bitsPerPixel;
     std::vector<uint8_t> bytes;
 
     explicit Snapshot(const PixelBuffer& b)
-        : data(b.data),
-          capacity(b.capacity),
+        : data(b.Data()),
+          capacity(b.Capacity()),
           width(b.width),
           height(b.height),
           bitsPerPixel(b.bitsPerPixel),
-          bytes(b.data, b.data + (b.data != nullptr ? b.capacity : 0)) {}
+          bytes(b.Data(), b.Data() + b.Capacity()) {}
 
     bool operator==(const Snapshot&) const = default;
 };

@@ -70,7 +70,7 @@ TEST_F(GlObjectsTest, UploadsReadBackByteForByte) {
         EXPECT_NE(pbo->GetBufferName(), 0u);
         EXPECT_GE(pbo->GetCapacity(), picture.size());
         // Bottom-up rows in, bottom-up rows out: GL row 0 is the picture's first row.
-        EXPECT_EQ(lumets::test::GlContext::ReadBackTexture(texture, c.width, c.height), picture);
+        EXPECT_EQ(lumets::host::CHeadlessGl::ReadBackTexture(texture, c.width, c.height), picture);
 
         std::vector<uint8_t> downloaded(picture.size());
         ASSERT_TRUE(pbo->Download(texture, downloaded.data(),
@@ -100,7 +100,7 @@ TEST_F(GlObjectsTest, BadUploadsReturnFalseAndLeaveTheTexture) {
     // A name OpenGL never made: the bind fails inside GL and is reported.
     EXPECT_FALSE(pbo->Upload(987654u, other.data(), size, GL_BGRA));
     EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
-    EXPECT_EQ(lumets::test::GlContext::ReadBackTexture(texture, 8, 4), picture);
+    EXPECT_EQ(lumets::host::CHeadlessGl::ReadBackTexture(texture, 8, 4), picture);
 
     // Sizes whose byte count does not fit 32 bits are refused, not wrapped.
     pbo->Resize(65536, 65536);
@@ -144,7 +144,7 @@ TEST_F(GlObjectsTest, UploadRestoresTheCallersBindingsAndPixelStore) {
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
     glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
     glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
-    EXPECT_EQ(lumets::test::GlContext::ReadBackTexture(texture, 5, 3), picture);
+    EXPECT_EQ(lumets::host::CHeadlessGl::ReadBackTexture(texture, 5, 3), picture);
 
     glDeleteBuffers(1, &callerBuffer);
     glDeleteTextures(1, &callerTexture);

@@ -9,7 +9,7 @@
 
 #include "lumets/host/flash_player.h"
 #include "lumets/time_source.h"
-#include "media/media_files.h"
+#include "host/media_files.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-// Small OpenGL helpers shared by the GL object library and the combiner: the
+// Small OpenGL helpers shared by the library and the host library: the
 // one error check every call goes through, and the test for a current context.
 #pragma once
 
 #include <epoxy/gl.h>
 
-namespace lumets::host {
+namespace lumets {
 
 // True when no GL error is pending. Otherwise drains every pending error, names
 // the call and the errors on the debug output, and returns false.
@@ -19,4 +19,4 @@ void GlDrainErrors();
 // resolve entry points without a context and would abort the process.
 bool GlHasCurrentContext();
 
-}  // namespace lumets::host
+}  // namespace lumets

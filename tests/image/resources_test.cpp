@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "image/image_loader.h"
+#include "image/media_tools.h"
 #include "image/resources.h"
-#include "image_load/media_tools.h"
 
 namespace lumets::test {
 namespace {
@@ -27,16 +27,15 @@ TEST(Resources, MaskIsFoundByModuleIdAndTypeOnly) {
 }
 
 TEST(Resources, MaskLoadsAsForty36ThirtyTwoBitPicture) {
-    OwnedBuffer mask;
-    LoadImageResource(mask.buffer, u"Lumets.dll", 101, u"PNG");
-    const PixelBuffer& b = mask.buffer;
-    ASSERT_NE(b.data, nullptr);
-    EXPECT_EQ(b.width, 40u);
-    EXPECT_EQ(b.height, 36u);
-    EXPECT_EQ(b.bitsPerPixel, 32u);
-    EXPECT_EQ(b.capacity, 5761u);
+    PixelBuffer b;
+    LoadImageResource(b, u"Lumets.dll", 101, u"PNG");
+    ASSERT_NE(b.Data(), nullptr);
+    EXPECT_EQ(b.width, 40);
+    EXPECT_EQ(b.height, 36);
+    EXPECT_EQ(b.bitsPerPixel, 32);
+    EXPECT_EQ(b.Capacity(), 5761u);
 
-    auto pixel = [&](uint32_t x, uint32_t y) { return b.data + (y * b.width + x) * 4; };
+    auto pixel = [&](uint32_t x, uint32_t y) { return b.Data() + (y * b.width + x) * 4; };
     // Transparent corners keep their (white) colour bytes; the middle is solid.
     for (auto [x, y] : {std::pair{0u, 0u}, {39u, 0u}, {0u, 35u}, {39u, 35u}}) {
         const uint8_t* p = pixel(x, y);
@@ -63,13 +62,13 @@ TEST(Resources, MaskLoadsAsForty36ThirtyTwoBitPicture) {
 }
 
 TEST(Resources, UnknownResourceLeavesTheTargetAlone) {
-    OwnedBuffer target;
-    LoadImageResource(target.buffer, u"Lumets.dll", 101, u"PNG");
-    const Snapshot before(target.buffer);
-    LoadImageResource(target.buffer, u"Lumets.dll", 100, u"PNG");
-    LoadImageResource(target.buffer, u"Other.dll", 101, u"PNG");
-    LoadImageResource(target.buffer, nullptr, 101, nullptr);
-    EXPECT_TRUE(Snapshot(target.buffer) == before);
+    PixelBuffer target;
+    LoadImageResource(target, u"Lumets.dll", 101, u"PNG");
+    const Snapshot before(target);
+    LoadImageResource(target, u"Lumets.dll", 100, u"PNG");
+    LoadImageResource(target, u"Other.dll", 101, u"PNG");
+    LoadImageResource(target, nullptr, 101, nullptr);
+    EXPECT_TRUE(Snapshot(target) == before);
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ TEST_F(RenderToTextureTest, UploadsTheCurrentFrameThroughThePixelBuffer) {
         EXPECT_EQ(width, static_cast<uint32_t>(kMovieWidth));
         EXPECT_EQ(height, static_cast<uint32_t>(kMovieHeight));
         const std::vector<uint8_t> pixels =
-            lumets::test::GlContext::ReadBackTexture(texture, kMovieWidth, kMovieHeight);
+            lumets::host::CHeadlessGl::ReadBackTexture(texture, kMovieWidth, kMovieHeight);
         for (int y = 0; y < kMovieHeight; ++y) {
             for (int x = 0; x < kMovieWidth; ++x) {
                 // GL row 0 is the picture's bottom row.

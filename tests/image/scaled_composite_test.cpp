@@ -1,0 +1,169 @@
+// The scaled, clipped composite of a 32-bit picture into a 24-bit frame,
+// checked byte for byte.
+#include "image/scaled_composite.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace lumets {
+namespace {
+
+// A picture whose every pixel names its own column and top-down row.
+PixelBuffer Picture(int32_t w, int32_t h, uint8_t alpha = 255) {
+    PixelBuffer buffer;
+    EnsureScalable(buffer, w, h);
+    buffer.width = w;
+    buffer.height = h;
+    for (int32_t row = 0; row < h; ++row) {
+        for (int32_t x = 0; x < w; ++x) {
+            uint8_t* p = buffer.Data() + (static_cast<size_t>(h - 1 - row) * w + x) * 4;
+            p[0] = static_cast<uint8_t>(x);
+            p[1] = static_cast<uint8_t>(row);
+            p[2] = 200;
+            p[3] = alpha;
+        }
+    }
+    return buffer;
+}
+
+struct Frame {
+    int32_t width;
+    int32_t height;
+    std::vector<uint8_t> bytes;
+    Frame(int32_t w, int32_t h, uint8_t fill = 0x11)
+        : width(w), height(h), bytes(static_cast<size_t>(RowStride(w, 24)) * h + 64, fill) {}
+    PictureView View() { return PackedPicture(bytes.data(), width, height, 24); }
+    // Top-down access.
+    const uint8_t* At(int32_t x, int32_t y) const {
+        return bytes.data() + static_cast<size_t>(RowStride(width, 24)) * (height - 1 - y) + x * 3;
+    }
+};
+
+TEST(ScaledComposite, UnscaledPlacementIsExactClippedAndMakesNoContext) {
+    struct Case {
+        const char* name;
+        RECT clip;
+        POINT pos;
+    };
+    const Case cases[] = {
+        {"inside", {0, 0, 20, 10}, {3, 2}},
+        {"half outside left", {0, 0, 20, 10}, {-4, 2}},
+        {"above the clip", {0, 3, 20, 10}, {5, 1}},
+        {"above the frame", {0, -50, 20, 10}, {5, -2}},
+        {"below the frame", {0, 0, 20, 10}, {5, 8}},
+        {"right of the frame", {-100, -100, 100, 100}, {16, 3}},
+    };
+    for (const Case& c : cases) {
+        const PixelBuffer text = Picture(8, 4);
+        PixelBuffer scaled;
+        Frame frame(20, 10);
+        uint32_t contexts = 0;
+        BlendScaledInto24(text, scaled, frame.View(), c.clip, c.pos, 1.0f, &contexts);
+        EXPECT_EQ(contexts, 0u);
+        const RECT visible{std::max({c.clip.left, 0, c.pos.x}), std::max({c.clip.top, 0, c.pos.y}),
+                           std::min({c.clip.right, 20, c.pos.x + 8}),
+                           std::min({c.clip.bottom, 10, c.pos.y + 4})};
+        for (int32_t y = 0; y < 10; ++y) {
+            for (int32_t x = 0; x < 20; ++x) {
+                const uint8_t* p = frame.At(x, y);
+                if (x >= visible.left && x < visible.right && y >= visible.top &&
+                    y < visible.bottom) {
+                    // Each visible pixel is the text's own pixel at that place.
+                    ASSERT_EQ(p[0], x - c.pos.x) << c.name;
+                    ASSERT_EQ(p[1], y - c.pos.y) << c.name;
+                    ASSERT_EQ(p[2], 200) << c.name;
+                } else {
+                    ASSERT_EQ(p[0], 0x11) << c.name << " " << x << "," << y;
+                }
+            }
+        }
+        // Nothing after the frame's last row changes.
+        EXPECT_TRUE(std::all_of(frame.bytes.end() - 64, frame.bytes.end(),
+                                [](uint8_t b) { return b == 0x11; }));
+    }
+    // Partial alpha follows the blend rule: R = 200 over 100 at alpha 128 is
+    // (127 * 100 + 200 * 128) / 255 = 150.
+    PixelBuffer scaled;
+    Frame frame(4, 2, 100);
+    BlendScaledInto24(Picture(4, 2, 128), scaled, frame.View(), RECT{0, 0, 4, 2}, POINT{0, 0}, 1.0f,
+                      nullptr);
+    EXPECT_EQ(frame.At(2, 1)[2], 150);
+}
+
+TEST(ScaledComposite, ScalingTruncatesSizesAndPositions) {
+    const PixelBuffer text = Picture(101, 40);
+    PixelBuffer scaled;
+    Frame frame(200, 100);
+    uint32_t contexts = 0;
+    BlendScaledInto24(text, scaled, frame.View(), RECT{0, 0, 400, 200}, POINT{30, 15}, 0.5f,
+                      &contexts);
+    EXPECT_EQ(contexts, 1u);
+    EXPECT_EQ(scaled.width, 50);
+    EXPECT_EQ(scaled.height, 20);
+    // The 50 x 20 picture lands at (15, 7).
+    EXPECT_EQ(frame.At(14, 7)[2], 0x11);
+    EXPECT_EQ(frame.At(15, 6)[2], 0x11);
+    // Bicubic filtering may ring at the edges; inside, pixels are drawn.
+    EXPECT_NE(frame.At(15, 7)[2], 0x11);
+    EXPECT_NE(frame.At(64, 26)[2], 0x11);
+    EXPECT_EQ(frame.At(65, 26)[2], 0x11);
+    EXPECT_EQ(frame.At(64, 27)[2], 0x11);
+}
+
+TEST(ScaledComposite, NothingHappensForDegenerateInput) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    struct Case {
+        const char* name;
+        RECT clip;
+        POINT pos;
+        float scale;
+        int32_t width;
+        int32_t height;
+        int32_t depth;
+    };
+    const Case cases[] = {
+        {"scale to zero", {0, 0, 20, 10}, {0, 0}, 0.01f, 20, 10, 24},
+        {"scale zero", {0, 0, 20, 10}, {0, 0}, 0.0f, 20, 10, 24},
+        {"negative scale", {0, 0, 20, 10}, {0, 0}, -1.0f, 20, 10, 24},
+        {"NaN scale", {0, 0, 20, 10}, {0, 0}, nan, 20, 10, 24},
+        {"infinite scale", {0, 0, 20, 10}, {0, 0}, inf, 20, 10, 24},
+        {"huge scale", {0, 0, 20, 10}, {0, 0}, 1e6f, 20, 10, 24},
+        {"empty clip", {5, 5, 5, 9}, {0, 0}, 1.0f, 20, 10, 24},
+        {"clip outside", {30, 0, 40, 10}, {0, 0}, 1.0f, 20, 10, 24},
+        {"text outside clip", {0, 0, 5, 5}, {6, 6}, 1.0f, 20, 10, 24},
+        {"empty frame", {0, 0, 20, 10}, {0, 0}, 1.0f, 0, 10, 24},
+        {"negative frame", {0, 0, 20, 10}, {0, 0}, 1.0f, -20, -10, 24},
+        {"32-bit frame", {0, 0, 20, 10}, {0, 0}, 1.0f, 20, 7, 32},
+        {"extreme positions",
+         {INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX},
+         {INT32_MAX, INT32_MAX},
+         1.0f,
+         20,
+         10,
+         24},
+    };
+    const PixelBuffer text = Picture(50, 4);
+    for (const Case& c : cases) {
+        PixelBuffer scaled;
+        Frame frame(20, 10);
+        BlendScaledInto24(text, scaled,
+                          PackedPicture(frame.bytes.data(), c.width, c.height, c.depth), c.clip,
+                          c.pos, c.scale, nullptr);
+        EXPECT_TRUE(std::all_of(frame.bytes.begin(), frame.bytes.end(), [](uint8_t b) {
+            return b == 0x11;
+        })) << c.name;
+    }
+    // A null frame leaves the scaled buffer untouched too.
+    PixelBuffer scaled;
+    BlendScaledInto24(text, scaled, PictureView{}, RECT{0, 0, 20, 10}, POINT{0, 0}, 2.0f, nullptr);
+    EXPECT_EQ(scaled.Data(), nullptr);
+    EXPECT_EQ(scaled.width, 0);
+}
+
+}  // namespace
+}  // namespace lumets
