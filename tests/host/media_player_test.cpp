@@ -1,298 +1,331 @@
+// The media player on short animations made with the ffmpeg command-line tool
+// at test time. Every frame is solid and known: frame i has colour kColours[i];
+// where a format carries alpha, the picture is split into an opaque part, a
+// half-transparent part (APNG, WebP) and a transparent part, so blending can be
+// checked exactly. Virtual time makes pass ends and frame changes exact to the
+// millisecond; only the tests of concurrent use run on real time.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
+#include "common/gl_context.h"
+#include "common/scratch_files.h"
 #include "lumets/host/flash_player.h"
+#include "lumets/host/gl_objects.h"
 #include "lumets/time_source.h"
-#include "host/media_files.h"
 
+namespace lumets::test {
 namespace {
 
-using lumets::test::AlphaAt;
-using lumets::test::Bgr;
-using lumets::test::kColours;
-using lumets::test::kFrames;
-using lumets::test::kHalfAlpha;
-using lumets::test::kMovieHeight;
-using lumets::test::kMovieWidth;
-using lumets::test::kPassMs;
-using lumets::test::MediaFiles;
+struct Bgr {
+    uint8_t b, g, r;
+};
 
-[[maybe_unused]] const auto* const kFilesEnvironment =
-    ::testing::AddGlobalTestEnvironment(&MediaFiles::Instance());
+// Red, green, blue, yellow, magenta: pure primaries and their sums survive
+// every format, GIF's 3-3-2 palette included.
+constexpr std::array<Bgr, 5> kColours = {
+    {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}, {0, 255, 255}, {255, 0, 255}}};
+constexpr Bgr kRed = kColours[0];
+constexpr Bgr kBackground = {10, 20, 30};
+constexpr int kMovieWidth = 64;
+constexpr int kMovieHeight = 48;
+constexpr uint8_t kHalfAlpha = 128;
 
-// Records every end of pass with its time on the time source.
-class PassRecorder : public CFlashPlayerEventHandler {
+// Alpha by region, top-down: rows above half the height opaque; below it, the
+// left half kHalfAlpha (or opaque where half is false) and the right half 0.
+uint8_t AlphaAt(int64_t x, int64_t y, bool half) {
+    if (y < kMovieHeight / 2) {
+        return 255;
+    }
+    return x >= kMovieWidth / 2 ? 0 : (half ? kHalfAlpha : 255);
+}
+
+class MediaFiles : public ::testing::Environment {
   public:
-    void OnPlayEnd(ENUM_FILE_TYPE) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_endsMs.push_back(lumets::MonotonicMs());
+    std::u16string Path16(const std::string& name) const {
+        const std::string path = m_dir.File(name);
+        return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
     }
-    void Clear() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_endsMs.clear();
-    }
-    std::vector<uint64_t> Ends() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_endsMs;
+
+    void SetUp() override {
+        ASSERT_TRUE(m_dir.Ok());
+        WriteRaw("half.bgra", true);
+        WriteRaw("cut.bgra", false);
+        const auto make = [this](const std::string& arguments) {
+            const std::string command = "cd " + Quote(m_dir.Path().string()) +
+                                        " && ffmpeg -nostdin -hide_banner -loglevel error -y -f "
+                                        "rawvideo -pix_fmt bgra -s 64x48 -r " +
+                                        arguments;
+            ASSERT_TRUE(RunCommand(command)) << command;
+        };
+        make("10 -i half.bgra -c:v apng -plays 0 -f apng anim.apng");
+        make("10 -i cut.bgra -c:v libvpx-vp9 -pix_fmt yuva420p -lossless 1 alpha.webm");
+        make("10 -i half.bgra -c:v libwebp_anim -lossless 1 -loop 0 anim.webp");
+        // A palette made from the frames themselves keeps the colours exact.
+        make(
+            "10 -i cut.bgra -filter_complex 'split[a][b];[a]palettegen=reserve_transparent=0"
+            "[p];[b][p]paletteuse=dither=none' -c:v gif -loop 0 anim.gif");
+        make("10 -i cut.bgra -c:v libx264 -pix_fmt yuv420p -qp 0 movie.mp4");
+        make("50 -i half.bgra -c:v apng -plays 0 -f apng fast.apng");
+        std::vector<uint8_t> garbage(4096);
+        std::generate(garbage.begin(), garbage.end(), std::minstd_rand(12345));
+        // The header of a compressed Flash movie, followed by noise.
+        std::vector<uint8_t> swf = {'C', 'W', 'S', 10, 0, 0x10, 0, 0};
+        swf.insert(swf.end(), garbage.begin(), garbage.begin() + 512);
+        const std::string text = "this is not a movie\n";
+        // A WebM cut after its headers and first frame or so.
+        std::vector<uint8_t> cut = ReadBytes(m_dir.File("alpha.webm"));
+        cut.resize(cut.size() / 3);
+        WriteBytes("empty.webm", {});
+        WriteBytes("garbage.webm", garbage);
+        WriteBytes("movie.swf", swf);
+        WriteBytes("notes.gif", std::vector<uint8_t>(text.begin(), text.end()));
+        WriteBytes("truncated.webm", cut);
     }
 
   private:
-    std::mutex m_mutex;
-    std::vector<uint64_t> m_endsMs;
+    void WriteRaw(const std::string& name, bool half) {
+        std::vector<uint8_t> bytes;
+        for (const Bgr c : kColours) {
+            for (int y = 0; y < kMovieHeight; ++y) {
+                for (int x = 0; x < kMovieWidth; ++x) {
+                    bytes.insert(bytes.end(), {c.b, c.g, c.r, AlphaAt(x, y, half)});
+                }
+            }
+        }
+        WriteBytes(name, bytes);
+    }
+
+    void WriteBytes(const std::string& name, const std::vector<uint8_t>& bytes) {
+        ASSERT_TRUE(lumets::test::WriteBytes(m_dir.File(name), bytes)) << name;
+    }
+
+    ScratchDir m_dir;
+};
+
+// Google Test owns the environment and sets it up before the first test.
+const MediaFiles* const g_files =
+    static_cast<MediaFiles*>(::testing::AddGlobalTestEnvironment(new MediaFiles()));
+
+// Records every end of pass with its time, under a lock that stands for the
+// subtitle item's own: the item holds it while it calls the player and takes it
+// in OnPlayEnd, where it pauses the player once its plays are spent (two, unless
+// pauseAfter says otherwise).
+class PassRecorder : public CFlashPlayerEventHandler {
+  public:
+    void OnPlayEnd(ENUM_FILE_TYPE) override {
+        entered = true;
+        {
+            std::lock_guard<std::recursive_mutex> hold(lock);
+            endsMs.push_back(MonotonicMs());
+            if (endsMs.size() == pauseAfter && player != nullptr) {
+                player->Pause();
+            }
+        }
+        left = true;  // the last touch of this object: a test may destroy it once it sees this
+    }
+    std::vector<uint64_t> Ends() {
+        std::lock_guard<std::recursive_mutex> hold(lock);
+        return endsMs;
+    }
+
+    std::recursive_mutex lock;
+    std::vector<uint64_t> endsMs;
+    IFlashPlayer* player = nullptr;
+    size_t pauseAfter = 2;
+    std::atomic<bool> entered{false};
+    std::atomic<bool> left{false};
+};
+
+using PlayerPtr = std::unique_ptr<IFlashPlayer, decltype(&DeleteFlashPlayer)>;
+
+PlayerPtr OpenMovie(const std::string& name, PassRecorder* handler, bool autoPlay = false) {
+    PlayerPtr player(CreateFlashPlayer(), DeleteFlashPlayer);
+    player->SetEventHandler(handler);
+    player->Open(g_files->Path16(name).c_str(), 0, autoPlay);
+    return player;
+}
+
+// Virtual time, starting at 0, for as long as this lives.
+struct VirtualTime {
+    VirtualTime() { SetTimeMode(TimeMode::Virtual); }
+    ~VirtualTime() { SetTimeMode(TimeMode::Real); }
 };
 
 // A 24-bit bottom-up host frame with rows padded to 4 bytes.
 struct HostFrame {
-    HostFrame(uint32_t w, uint32_t h, Bgr fill)
-        : width(w), height(h), stride((w * 3 + 3) & ~3u), bytes(stride * h, 0xEE) {
-        for (uint32_t y = 0; y < h; ++y) {
-            for (uint32_t x = 0; x < w; ++x) {
-                uint8_t* p = &bytes[y * stride + x * 3];
-                p[0] = fill.b;
-                p[1] = fill.g;
-                p[2] = fill.r;
-            }
+    HostFrame(uint32_t w, uint32_t h)
+        : width(w), height(h), stride((w * 3 + 3) & ~3u), bytes(size_t{stride} * h, 0xEE) {
+        for (uint32_t i = 0; i < w * h; ++i) {
+            std::copy_n(&kBackground.b, 3, &bytes[i / w * stride + i % w * 3]);
         }
     }
     // Top-down coordinates.
     const uint8_t* At(int x, int y) const { return &bytes[(height - 1 - y) * stride + x * 3]; }
 
-    uint32_t width;
-    uint32_t height;
-    uint32_t stride;
+    uint32_t width, height, stride;
     std::vector<uint8_t> bytes;
 };
-
-constexpr Bgr kBackground = {10, 20, 30};
 
 bool Same(const uint8_t* p, Bgr c, int tolerance = 0) {
     return std::abs(p[0] - c.b) <= tolerance && std::abs(p[1] - c.g) <= tolerance &&
            std::abs(p[2] - c.r) <= tolerance;
 }
 
-Bgr Blend(Bgr s, int a, Bgr d) {
+Bgr OverBackground(Bgr s, int a) {
     auto mix = [a](int sc, int dc) {
         return static_cast<uint8_t>(((255 - a) * dc + sc * a) / 255);
     };
-    return {mix(s.b, d.b), mix(s.g, d.g), mix(s.r, d.r)};
+    return {mix(s.b, kBackground.b), mix(s.g, kBackground.g), mix(s.r, kBackground.r)};
 }
 
-struct PlayerDeleter {
-    void operator()(IFlashPlayer* p) const { DeleteFlashPlayer(p); }
-};
-using PlayerPtr = std::unique_ptr<IFlashPlayer, PlayerDeleter>;
-
-// Every test runs on virtual time: passes end at exact instants, no sleeping.
 class MediaPlayerTest : public ::testing::Test {
   protected:
-    void SetUp() override { lumets::SetTimeMode(lumets::TimeMode::Virtual); }
-    void TearDown() override {
-        m_player.reset();
-        lumets::SetTimeMode(lumets::TimeMode::Real);
-    }
-
     IFlashPlayer* Open(const std::string& name, bool autoPlay = false) {
-        m_player.reset(CreateFlashPlayer());
-        EXPECT_NE(m_player, nullptr);
-        m_player->SetEventHandler(&m_recorder);
-        m_player->Open(MediaFiles::Instance().Path16(name).c_str(), 0, autoPlay);
+        m_player = OpenMovie(name, &m_recorder, autoPlay);
+        m_recorder.player = m_player.get();
         return m_player.get();
     }
 
-    // Renders the current frame at 1:1 into a movie-sized frame.
-    HostFrame Render(float scale = 1.f, POINT pos = {0, 0}) {
-        HostFrame frame(kMovieWidth, kMovieHeight, kBackground);
-        const RECT clip{0, 0, kMovieWidth, kMovieHeight};
-        m_player->RenderToFrame(frame.bytes.data(), frame.width, frame.height, &clip, &pos, scale);
+    HostFrame Render(const RECT* clip = nullptr, POINT pos = {0, 0}, float scale = 1.f,
+                     uint32_t width = kMovieWidth, uint32_t height = kMovieHeight) {
+        HostFrame frame(width, height);
+        m_player->RenderToFrame(frame.bytes.data(), width, height, clip, &pos, scale);
         return frame;
     }
 
     // The index of the frame on show, from its colour in the opaque top rows.
     int ShownFrame(int tolerance = 0) {
         const HostFrame frame = Render();
-        for (int i = 0; i < kFrames; ++i) {
-            if (Same(frame.At(2, 2), kColours[i], tolerance)) {
-                return i;
-            }
-        }
-        return -1;
+        const auto shown = std::find_if(kColours.begin(), kColours.end(),
+                                        [&](Bgr c) { return Same(frame.At(2, 2), c, tolerance); });
+        return shown == kColours.end() ? -1 : static_cast<int>(shown - kColours.begin());
     }
 
+    VirtualTime m_time;
     PassRecorder m_recorder;
-    PlayerPtr m_player;
+    PlayerPtr m_player{nullptr, DeleteFlashPlayer};
 };
 
-TEST_F(MediaPlayerTest, OpensEachFormatWithItsSizeRateAndColours) {
-    struct Case {
-        const char* name;
-        int tolerance;   // lossy colour conversions
-        bool halfAlpha;  // the bottom-left quarter is half transparent
-        bool hasAlpha;
-    };
-    for (const Case& c : {Case{"anim.apng", 0, true, true}, Case{"anim.webp", 0, true, true},
-                          Case{"alpha.webm", 6, false, true}, Case{"anim.gif", 0, false, false},
-                          Case{"movie.mp4", 6, false, false}}) {
-        SCOPED_TRACE(c.name);
-        IFlashPlayer* player = Open(c.name);
-        EXPECT_TRUE(player->IsReady());
-        EXPECT_FALSE(player->IsLoading());
-        EXPECT_FALSE(player->IsPlaying());
-        uint32_t width = 0;
-        uint32_t height = 0;
-        ASSERT_TRUE(player->GetSize(&width, &height));
-        EXPECT_EQ(width, static_cast<uint32_t>(kMovieWidth));
-        EXPECT_EQ(height, static_cast<uint32_t>(kMovieHeight));
-        EXPECT_DOUBLE_EQ(player->GetFrameRate(), 10.0);
+// A file, the tolerance of its lossy colour conversions, whether the
+// bottom-left quarter is half transparent and whether it has alpha at all.
+using Format = std::tuple<const char*, int, bool, bool>;
 
-        const HostFrame frame = Render();
-        const Bgr red = kColours[0];
-        EXPECT_TRUE(Same(frame.At(5, 5), red, c.tolerance));
-        EXPECT_TRUE(Same(frame.At(60, 20), red, c.tolerance));
-        const Bgr lowerLeft = c.halfAlpha ? Blend(red, kHalfAlpha, kBackground) : red;
-        EXPECT_TRUE(Same(frame.At(10, 40), lowerLeft, c.tolerance));
-        EXPECT_TRUE(Same(frame.At(50, 40), c.hasAlpha ? kBackground : red, c.tolerance));
-    }
-}
+class FormatTest : public MediaPlayerTest, public ::testing::WithParamInterface<Format> {};
 
-TEST_F(MediaPlayerTest, PassesEndAtExactTimesAndLoopFromTheFirstFrame) {
-    for (const char* name : {"anim.apng", "anim.gif", "alpha.webm", "anim.webp", "movie.mp4"}) {
-        SCOPED_TRACE(name);
-        m_player.reset();
-        m_recorder.Clear();
-        lumets::SetTimeMode(lumets::TimeMode::Real);
-        lumets::SetTimeMode(lumets::TimeMode::Virtual);  // back to 0
-        IFlashPlayer* player = Open(name);
-        player->Play();
-        EXPECT_TRUE(player->IsPlaying());
-        EXPECT_EQ(ShownFrame(6), 0);
-        lumets::AdvanceBy(99);
-        EXPECT_EQ(ShownFrame(6), 0);
-        lumets::AdvanceBy(1);
-        EXPECT_EQ(ShownFrame(6), 1);
-        lumets::AdvanceBy(kPassMs - 101);
-        EXPECT_EQ(ShownFrame(6), kFrames - 1);
-        EXPECT_TRUE(m_recorder.Ends().empty());
-        lumets::AdvanceBy(1);
-        EXPECT_EQ(ShownFrame(6), 0);
-        lumets::AdvanceBy(2 * kPassMs + 50);
-        EXPECT_EQ(m_recorder.Ends(), (std::vector<uint64_t>{kPassMs, 2 * kPassMs, 3 * kPassMs}));
-        EXPECT_TRUE(player->IsPlaying());
-    }
-}
-
-TEST_F(MediaPlayerTest, PauseHoldsTheFrameAndPlayResumesWhereItStopped) {
-    IFlashPlayer* player = Open("anim.apng");
-    player->Pause();  // not playing: nothing happens
-    player->Play();
-    lumets::AdvanceBy(250);
-    EXPECT_EQ(ShownFrame(), 2);
-    player->Pause();
-    EXPECT_FALSE(player->IsPlaying());
+TEST_P(FormatTest, OpensWithItsSizeAndColoursAndPlaysToTheMillisecond) {
+    const auto& [file, tolerance, halfAlpha, hasAlpha] = GetParam();
+    IFlashPlayer* player = Open(file);
     EXPECT_TRUE(player->IsReady());
-    lumets::AdvanceBy(10 * kPassMs);
-    EXPECT_EQ(ShownFrame(), 2);
-    EXPECT_TRUE(m_recorder.Ends().empty());
+    EXPECT_FALSE(player->IsLoading());
+    uint32_t width = 0, height = 0;
+    ASSERT_TRUE(player->GetSize(&width, &height));
+    EXPECT_EQ(width, static_cast<uint32_t>(kMovieWidth));
+    EXPECT_EQ(height, static_cast<uint32_t>(kMovieHeight));
+    EXPECT_DOUBLE_EQ(player->GetFrameRate(), 10.0);
+    const HostFrame frame = Render();
+    EXPECT_TRUE(Same(frame.At(5, 5), kRed, tolerance));
+    EXPECT_TRUE(Same(frame.At(60, 20), kRed, tolerance));
+    EXPECT_TRUE(
+        Same(frame.At(10, 40), halfAlpha ? OverBackground(kRed, kHalfAlpha) : kRed, tolerance));
+    EXPECT_TRUE(Same(frame.At(50, 40), hasAlpha ? kBackground : kRed, tolerance));
 
-    player->Play();  // 250 ms into the pass: the rest takes 250 ms
-    lumets::AdvanceBy(49);
-    EXPECT_EQ(ShownFrame(), 2);
-    lumets::AdvanceBy(1);
-    EXPECT_EQ(ShownFrame(), 3);
-    lumets::AdvanceBy(199);
-    EXPECT_TRUE(m_recorder.Ends().empty());
-    lumets::AdvanceBy(1);
-    EXPECT_EQ(m_recorder.Ends(), std::vector<uint64_t>{10 * kPassMs + 500});
-}
-
-TEST_F(MediaPlayerTest, StopGoesBackToTheFirstFrame) {
-    IFlashPlayer* player = Open("anim.apng", /*autoPlay=*/true);
-    EXPECT_TRUE(player->IsPlaying());
-    lumets::AdvanceBy(320);
-    EXPECT_EQ(ShownFrame(), 3);
-    player->Stop();
-    EXPECT_FALSE(player->IsPlaying());
-    EXPECT_TRUE(player->IsReady());
-    EXPECT_EQ(ShownFrame(), 0);
-    lumets::AdvanceBy(2 * kPassMs);
-    EXPECT_TRUE(m_recorder.Ends().empty());
-    player->Play();
-    lumets::AdvanceBy(kPassMs);
-    EXPECT_EQ(m_recorder.Ends(), std::vector<uint64_t>{320 + 3 * kPassMs});
-}
-
-// The way the subtitle item uses the callback: it pauses the player from
-// inside OnPlayEnd once its plays are spent.
-TEST_F(MediaPlayerTest, TheHandlerMayPauseThePlayerFromItsCallback) {
-    struct PausingHandler : CFlashPlayerEventHandler {
-        void OnPlayEnd(ENUM_FILE_TYPE) override {
-            if (--playsLeft == 0) {
-                player->Pause();
-            }
+    // A control (or none), then time moves on; then the frame on show, whether
+    // it plays and every end of pass so far.
+    const std::tuple<void (IFlashPlayer::*)(), uint64_t, int, bool, std::vector<uint64_t>>
+        timeline[] = {
+            // Pause does nothing when not playing. Each frame shows for exactly
+            // 100 ms; the last one ends the pass at 500.
+            {&IFlashPlayer::Pause, 0, 0, false, {}},
+            {&IFlashPlayer::Play, 99, 0, true, {}},
+            {nullptr, 1, 1, true, {}},
+            {nullptr, 399, 4, true, {}},
+            {nullptr, 1, 0, true, {500}},
+            // Paused at 750, 250 ms into the pass, the frame holds; playing again
+            // at 5750, the rest of the pass takes 250 ms. At the end of the second
+            // pass the handler pauses the player.
+            {nullptr, 250, 2, true, {500}},
+            {&IFlashPlayer::Pause, 5000, 2, false, {500}},
+            {&IFlashPlayer::Play, 49, 2, true, {500}},
+            {nullptr, 1, 3, true, {500}},
+            {nullptr, 199, 4, true, {500}},
+            {nullptr, 1, 0, false, {500, 6000}},
+            {nullptr, 2500, 0, false, {500, 6000}},
+            // Stop goes back to the first frame and the start of the pass.
+            {&IFlashPlayer::Play, 320, 3, true, {500, 6000}},
+            {&IFlashPlayer::Stop, 1000, 0, false, {500, 6000}},
+            {&IFlashPlayer::Play, 500, 0, true, {500, 6000, 10320}},
+        };
+    for (const auto& [control, advanceMs, shown, playing, endsMs] : timeline) {
+        if (control != nullptr) {
+            (player->*control)();
         }
-        IFlashPlayer* player = nullptr;
-        std::atomic<int> playsLeft{2};
-    } handler;
-    IFlashPlayer* player = Open("anim.apng");
-    handler.player = player;
-    player->SetEventHandler(&handler);
-    player->Play();
-    lumets::AdvanceBy(kPassMs);
-    EXPECT_TRUE(player->IsPlaying());
-    lumets::AdvanceBy(kPassMs);
-    EXPECT_FALSE(player->IsPlaying());
-    EXPECT_EQ(handler.playsLeft, 0);
-    lumets::AdvanceBy(5 * kPassMs);
-    EXPECT_EQ(handler.playsLeft, 0);
-    player->SetEventHandler(nullptr);
+        AdvanceBy(advanceMs);
+        SCOPED_TRACE(testing::Message() << "at " << MonotonicMs() << " ms");
+        EXPECT_EQ(ShownFrame(tolerance), shown);
+        EXPECT_EQ(player->IsPlaying(), playing);
+        EXPECT_EQ(m_recorder.Ends(), endsMs);
+    }
 }
 
+INSTANTIATE_TEST_SUITE_P(Files, FormatTest,
+                         ::testing::Values(Format{"anim.apng", 0, true, true},
+                                           Format{"anim.webp", 0, true, true},
+                                           Format{"alpha.webm", 6, false, true},
+                                           Format{"anim.gif", 0, false, false},
+                                           Format{"movie.mp4", 6, false, false}),
+                         [](const auto& info) {
+                             const std::string file = std::get<0>(info.param);
+                             return file.substr(file.find('.') + 1);
+                         });
+
+// The movie lands at its position and inside the clip only; degenerate input
+// draws nothing at all.
 TEST_F(MediaPlayerTest, RenderToFramePlacesClipsAndScales) {
     Open("anim.apng");
-    const Bgr red = kColours[0];
     constexpr uint32_t kWidth = 101;  // rows of 303 bytes padded to 304
     constexpr uint32_t kHeight = 80;
-    auto render = [&](const RECT* clip, POINT pos, float scale) {
-        HostFrame frame(kWidth, kHeight, kBackground);
-        m_player->RenderToFrame(frame.bytes.data(), kWidth, kHeight, clip, &pos, scale);
-        return frame;
-    };
-    // Expected colour at top-down (x, y) for the movie at pos, scale 1.
-    auto expected = [&](int x, int y, POINT pos) {
-        const int mx = x - pos.x;
-        const int my = y - pos.y;
-        if (mx < 0 || my < 0 || mx >= kMovieWidth || my >= kMovieHeight) {
-            return kBackground;
-        }
-        return Blend(red, AlphaAt(mx, my, true), kBackground);
-    };
-    auto check = [&](const HostFrame& frame, POINT pos, RECT clip) {
+    const RECT whole{0, 0, kWidth, kHeight}, clip{20, 10, 40, 30}, reversed{40, 30, 20, 10},
+        outside{-50, -50, -1, -1}, none{0, 0, 0, 0};
+    // Clip, position, where the movie may show and scale.
+    const std::tuple<const RECT*, POINT, RECT, float> placements[] = {
+        {&whole, {10, 7}, whole, 1.f},   {&whole, {-30, -20}, whole, 1.f},
+        {&whole, {90, 70}, whole, 1.f},  {&clip, {10, 7}, clip, 1.f},
+        {&reversed, {10, 7}, clip, 1.f}, {nullptr, {10, 7}, whole, 1.f},
+        {&outside, {0, 0}, none, 1.f},   {&whole, {INT32_MIN, 0}, none, 1.f},
+        {&whole, {0, 0}, none, 0.f},     {&whole, {0, 0}, none, -1.f},
+        {&whole, {0, 0}, none, NAN},     {&whole, {0, 0}, none, 1e9f},
+        {&whole, {0, 0}, none, 0.001f},  {&whole, {INT32_MAX - 5, INT32_MAX - 5}, none, 1.f}};
+    for (const auto& [area, pos, visible, scale] : placements) {
+        SCOPED_TRACE(testing::Message() << "at " << pos.x << "," << pos.y << " scale " << scale);
+        const HostFrame frame = Render(area, pos, scale, kWidth, kHeight);
         for (int y = 0; y < static_cast<int>(kHeight); ++y) {
             for (int x = 0; x < static_cast<int>(kWidth); ++x) {
-                const bool inClip =
-                    x >= clip.left && x < clip.right && y >= clip.top && y < clip.bottom;
-                const Bgr want = inClip ? expected(x, y, pos) : kBackground;
+                const int64_t mx = int64_t{x} - pos.x;
+                const int64_t my = int64_t{y} - pos.y;
+                const bool shown = x >= visible.left && x < visible.right && y >= visible.top &&
+                                   y < visible.bottom && mx >= 0 && my >= 0 && mx < kMovieWidth &&
+                                   my < kMovieHeight;
+                const Bgr want = shown ? OverBackground(kRed, AlphaAt(mx, my, true)) : kBackground;
                 ASSERT_TRUE(Same(frame.At(x, y), want)) << "at " << x << "," << y;
             }
             // The row padding byte is never written.
             ASSERT_EQ(frame.bytes[y * frame.stride + kWidth * 3], 0xEE);
         }
-    };
-
-    const RECT whole{0, 0, kWidth, kHeight};
-    check(render(&whole, {10, 7}, 1.f), {10, 7}, whole);
-    check(render(&whole, {-30, -20}, 1.f), {-30, -20}, whole);
-    check(render(&whole, {90, 70}, 1.f), {90, 70}, whole);
-    const RECT clip{20, 10, 40, 30};
-    check(render(&clip, {10, 7}, 1.f), {10, 7}, clip);
-    const RECT reversed{40, 30, 20, 10};
-    check(render(&reversed, {10, 7}, 1.f), {10, 7}, clip);
-    check(render(nullptr, {10, 7}, 1.f), {10, 7}, whole);
+    }
+    m_player->RenderToFrame(nullptr, kWidth, kHeight, &whole, nullptr, 1.f);
 
     // Scaled: the covered area is the scaled size, truncated; solid regions
     // stay solid away from their edges.
@@ -300,89 +333,180 @@ TEST_F(MediaPlayerTest, RenderToFramePlacesClipsAndScales) {
         SCOPED_TRACE(testing::Message() << "scale " << scale);
         const auto w = static_cast<int>(kMovieWidth * scale);
         const auto h = static_cast<int>(kMovieHeight * scale);
-        const HostFrame frame = render(&whole, {3, 4}, scale);
-        EXPECT_TRUE(Same(frame.At(3 + 1, 4 + 1), red, 1));
-        EXPECT_TRUE(Same(frame.At(3 + w - 2, 4 + h / 2 - 3), red, 1));
-        EXPECT_TRUE(Same(frame.At(3 + w / 4, 4 + h - 2), Blend(red, kHalfAlpha, kBackground), 2));
+        const HostFrame frame = Render(&whole, {3, 4}, scale, kWidth, kHeight);
+        EXPECT_TRUE(Same(frame.At(3 + 1, 4 + 1), kRed, 1));
+        EXPECT_TRUE(Same(frame.At(3 + w - 2, 4 + h / 2 - 3), kRed, 1));
+        EXPECT_TRUE(Same(frame.At(3 + w / 4, 4 + h - 2), OverBackground(kRed, kHalfAlpha), 2));
         EXPECT_TRUE(Same(frame.At(3 + w - 2, 4 + h - 2), kBackground));
         EXPECT_TRUE(Same(frame.At(3 + w, 4 + 1), kBackground));
         EXPECT_TRUE(Same(frame.At(3 + 1, 4 + h), kBackground));
         EXPECT_TRUE(Same(frame.At(2, 4), kBackground));
     }
-
-    // Nothing at all for degenerate input.
-    const HostFrame untouched(kWidth, kHeight, kBackground);
-    for (float scale : {0.f, -1.f, NAN, 1e9f, 0.001f}) {
-        EXPECT_EQ(render(&whole, {0, 0}, scale).bytes, untouched.bytes) << scale;
-    }
-    EXPECT_EQ(render(&whole, {INT32_MAX - 5, INT32_MAX - 5}, 1.f).bytes, untouched.bytes);
-    EXPECT_EQ(render(&whole, {INT32_MIN, 0}, 1.f).bytes, untouched.bytes);
-    const RECT outside{-50, -50, -1, -1};
-    EXPECT_EQ(render(&outside, {0, 0}, 1.f).bytes, untouched.bytes);
-    m_player->RenderToFrame(nullptr, kWidth, kHeight, &whole, nullptr, 1.f);
 }
 
+// Each file replaces the movie before it, a playing one first.
 TEST_F(MediaPlayerTest, FilesItCannotPlayOpenAsNoMovie) {
-    for (const char* name : {"missing.webm", "empty.webm", "garbage.webm", "movie.swf", "notes.gif",
-                             "truncated.webm"}) {
+    IFlashPlayer* player = Open("anim.apng", /*autoPlay=*/true);
+    AdvanceBy(150);
+    for (const std::string name : {"missing.webm", "empty.webm", "garbage.webm", "movie.swf",
+                                   "notes.gif", "truncated.webm"}) {
         SCOPED_TRACE(name);
-        IFlashPlayer* player = Open(name, /*autoPlay=*/true);
-        uint32_t width = 7;
-        uint32_t height = 7;
+        player->Open(g_files->Path16(name).c_str(), 0, true);
+        uint32_t width = 7, height = 7;
         const bool ready = player->IsReady();
         EXPECT_EQ(player->GetSize(&width, &height), ready);
         EXPECT_FALSE(player->IsLoading());
-        if (std::string(name) == "truncated.webm") {
+        if (name == "truncated.webm") {
             continue;  // may keep the frames before the cut; only consistency counts
         }
         EXPECT_FALSE(ready);
-        EXPECT_FALSE(player->IsPlaying());
-        EXPECT_EQ(width, 0u);
-        EXPECT_EQ(height, 0u);
+        EXPECT_EQ(width + height, 0u);
         EXPECT_EQ(player->GetFrameRate(), 0.0);
         player->Play();
         EXPECT_FALSE(player->IsPlaying());
-        const HostFrame untouched(kMovieWidth, kMovieHeight, kBackground);
-        EXPECT_EQ(Render().bytes, untouched.bytes);
+        EXPECT_EQ(Render().bytes, HostFrame(kMovieWidth, kMovieHeight).bytes);
         EXPECT_FALSE(player->RenderToTexture(1, &width, &height, nullptr));
-        lumets::AdvanceBy(kPassMs);
-        EXPECT_TRUE(m_recorder.Ends().empty());
+        AdvanceBy(500);
     }
-    m_player->Open(nullptr, 0, true);
-    EXPECT_FALSE(m_player->IsReady());
-}
-
-TEST_F(MediaPlayerTest, OpeningAnotherMovieReplacesTheFirst) {
-    IFlashPlayer* player = Open("anim.apng", /*autoPlay=*/true);
-    lumets::AdvanceBy(150);
-    player->Open(MediaFiles::Instance().Path16("garbage.webm").c_str(), 0, true);
+    player->Open(nullptr, 0, true);
     EXPECT_FALSE(player->IsReady());
-    EXPECT_FALSE(player->IsPlaying());
-    player->Open(MediaFiles::Instance().Path16("anim.gif").c_str(), 0, false);
+    player->Open(g_files->Path16("anim.gif").c_str(), 0, false);
     EXPECT_TRUE(player->IsReady());
     EXPECT_EQ(ShownFrame(), 0);
-    lumets::AdvanceBy(kPassMs);
+    AdvanceBy(500);
     EXPECT_TRUE(m_recorder.Ends().empty());
+}
+
+// The current frame lands in the texture bottom-up, straight alpha intact,
+// and follows the movie as it plays.
+using PlayerTextureTest = GlTest<4, 4>;
+
+TEST_F(PlayerTextureTest, UploadsTheCurrentFrameThroughThePixelBuffer) {
+    const VirtualTime time;
+    const PlayerPtr player = OpenMovie("anim.apng", nullptr);
+    const GLuint texture = CGLObjectFactory::CreateTexture();
+    const std::unique_ptr<IPBO, void (*)(IPBO*)> pbo(CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32),
+                                                     CGLObjectFactory::DestroyPBO);
+    uint32_t width = 0, height = 0;
+    for (const Bgr c : {kColours[0], kColours[1]}) {
+        ASSERT_TRUE(player->RenderToTexture(texture, &width, &height, pbo.get()));
+        ASSERT_EQ(width, static_cast<uint32_t>(kMovieWidth));
+        ASSERT_EQ(height, static_cast<uint32_t>(kMovieHeight));
+        const std::vector<uint8_t> pixels =
+            host::CHeadlessGl::ReadBackTexture(texture, kMovieWidth, kMovieHeight);
+        for (int y = 0; y < kMovieHeight; ++y) {
+            for (int x = 0; x < kMovieWidth; ++x) {
+                const uint8_t* p =
+                    &pixels[static_cast<size_t>((kMovieHeight - 1 - y) * kMovieWidth + x) * 4];
+                ASSERT_EQ(p[3], AlphaAt(x, y, true)) << x << "," << y;
+                ASSERT_TRUE(p[3] == 0 || (p[0] == c.b && p[1] == c.g && p[2] == c.r))
+                    << x << "," << y;
+            }
+        }
+        player->Play();
+        AdvanceBy(100);
+        player->Pause();
+    }
+    width = height = 0;
+    EXPECT_FALSE(player->RenderToTexture(0, &width, &height, pbo.get()));
+    EXPECT_FALSE(player->RenderToTexture(texture, &width, &height, nullptr));
+    EXPECT_EQ(width, static_cast<uint32_t>(kMovieWidth));  // the size is still reported
 }
 
 int g_scriptedDeleted = 0;
 
 TEST(FlashPlayerFactory, TheHookReplacesAndRestoresTheFactory) {
     static IFlashPlayer* const kMarker = reinterpret_cast<IFlashPlayer*>(0x1000);
-    g_scriptedDeleted = 0;
-    lumets::host::SetFlashPlayerFactory([]() { return kMarker; },
-                                        [](IFlashPlayer* p) { g_scriptedDeleted += p == kMarker; });
+    host::SetFlashPlayerFactory([]() { return kMarker; },
+                                [](IFlashPlayer* p) { g_scriptedDeleted += p == kMarker; });
     EXPECT_EQ(CreateFlashPlayer(), kMarker);
     DeleteFlashPlayer(kMarker);
     DeleteFlashPlayer(nullptr);
     EXPECT_EQ(g_scriptedDeleted, 1);
-    lumets::host::SetFlashPlayerFactory(nullptr, nullptr);
-    IFlashPlayer* real = CreateFlashPlayer();
-    ASSERT_NE(real, nullptr);
-    EXPECT_NE(real, kMarker);
-    EXPECT_FALSE(real->IsPlaying());
-    DeleteFlashPlayer(real);
+    host::SetFlashPlayerFactory(nullptr, nullptr);
+    PlayerPtr real(CreateFlashPlayer(), DeleteFlashPlayer);
+    EXPECT_NE(real.get(), kMarker);
+    EXPECT_NE(real.get(), nullptr);
+    real.reset();
     EXPECT_EQ(g_scriptedDeleted, 1);
 }
 
+// Concurrent use, on real time: threads really overlap here, in runs bounded
+// by short waits.
+bool WaitFor(const std::atomic<bool>& flag) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!flag && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return flag;
+}
+
+// First the callback pauses the player while the owner's lock is held across
+// Open; then the owner deletes its player while holding the lock that the
+// player's thread waits for inside OnPlayEnd: deleting must not wait for it.
+TEST(PlayerThreads, CallbacksThatWaitForTheOwnersLockNeitherDeadlockNorBlockDeletion) {
+    PassRecorder handler;
+    handler.pauseAfter = 1;
+    PlayerPtr player{nullptr, DeleteFlashPlayer};
+    {
+        std::lock_guard<std::recursive_mutex> hold(handler.lock);
+        player = OpenMovie("fast.apng", &handler, /*autoPlay=*/true);
+        handler.player = player.get();
+    }
+    ASSERT_TRUE(WaitFor(handler.left));
+    {
+        std::lock_guard<std::recursive_mutex> hold(handler.lock);
+        EXPECT_FALSE(player->IsPlaying());
+        handler.entered = handler.left = false;
+        player->Play();
+        ASSERT_TRUE(WaitFor(handler.entered));
+        handler.player = nullptr;
+        player.reset();  // returns although the callback is blocked on us
+    }
+    ASSERT_TRUE(WaitFor(handler.left));
+    EXPECT_EQ(handler.Ends().size(), 2u);
+}
+
+// One thread renders and queries, another plays, pauses, stops and reopens,
+// while the player's own thread advances frames and reports passes.
+TEST(PlayerThreads, RenderingWhileAnotherThreadControlsThePlayer) {
+    PassRecorder handler;
+    PlayerPtr player = OpenMovie("fast.apng", &handler, /*autoPlay=*/true);
+    std::atomic<bool> done{false};
+    std::thread renderer([&] {
+        std::vector<uint8_t> frame(size_t{160} * 120 * 3);
+        const RECT clip{0, 0, 160, 120};
+        const POINT pos{5, 5};
+        while (!done) {
+            std::lock_guard<std::recursive_mutex> hold(handler.lock);
+            uint32_t w = 0;
+            if (player->GetSize(&w, nullptr)) {
+                EXPECT_EQ(w, 64u);
+            }
+            player->RenderToFrame(frame.data(), 160, 120, &clip, &pos, 1.f);
+            player->RenderToFrame(frame.data(), 160, 120, &clip, &pos, 1.5f);
+            player->IsReady();
+            player->IsLoading();
+        }
+    });
+    std::thread controller([&] {
+        const std::u16string other = g_files->Path16("anim.gif");
+        for (int i = 0; i < 40; ++i) {
+            player->Play();
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            player->Pause();
+            player->Play();
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            if (i % 10 == 9) {
+                player->Stop();
+                player->Open(other.c_str(), 0, true);
+            }
+        }
+    });
+    controller.join();
+    done = true;
+    renderer.join();
+}
+
 }  // namespace
+}  // namespace lumets::test

@@ -30,11 +30,6 @@ std::vector<uint8_t> Pixels(CTextRenderer& renderer) {
     return pixels;
 }
 
-// Pixel (x, y) with y counted from the top of the picture.
-const uint8_t* At(const std::vector<uint8_t>& pixels, SIZE size, int x, int y) {
-    return pixels.data() + (static_cast<size_t>(size.cy - 1 - y) * size.cx + x) * 4;
-}
-
 TextStyle Style(int32_t fontSize, uint32_t color) {
     TextStyle style;
     style.fontSize = fontSize;
@@ -104,44 +99,6 @@ TEST(TextRendererGolden, StylesMatchTheirPictures) {
             path, lumets::PackedPicture(pixels.data(), size.cx, size.cy, 32), kTextTolerance))
             << c.name;
     }
-}
-
-// The ink box (alpha above half) of a picture, in top-down coordinates.
-RECT InkBox(const std::vector<uint8_t>& pixels, SIZE size) {
-    RECT box{size.cx, size.cy, -1, -1};
-    for (int y = 0; y < size.cy; ++y) {
-        for (int x = 0; x < size.cx; ++x) {
-            if (At(pixels, size, x, y)[3] > 128) {
-                box.left = std::min<int32_t>(box.left, x);
-                box.top = std::min<int32_t>(box.top, y);
-                box.right = std::max<int32_t>(box.right, x + 1);
-                box.bottom = std::max<int32_t>(box.bottom, y + 1);
-            }
-        }
-    }
-    return box;
-}
-
-TEST(TextRenderer, OutlineMovesGlyphsByHalfThePenAndWidensTheBitmap) {
-    // Outlined text is filled as a path; compare with a path of no width.
-    TextStyle plain = Style(30, 0x000000);
-    plain.outline = 1;
-    TextStyle outlined = plain;
-    outlined.outline = 1;
-    outlined.outlineWidth = 4.0f;
-    outlined.outlineAlpha = 0;  // an invisible pen: only the fill shows
-    CTextRenderer a;
-    CTextRenderer b;
-    a.Render(u"HIH", &plain);
-    b.Render(u"HIH", &outlined);
-    const SIZE sa = a.GetSize();
-    const SIZE sb = b.GetSize();
-    EXPECT_GE(sb.cx - sa.cx, 3);
-    EXPECT_LE(sb.cx - sa.cx, 5);
-    const RECT ia = InkBox(Pixels(a), sa);
-    const RECT ib = InkBox(Pixels(b), sb);
-    EXPECT_EQ(ib.left - ia.left, 2);
-    EXPECT_EQ(ib.top - ia.top, 2);
 }
 
 TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
