@@ -191,26 +191,6 @@ INSTANTIATE_TEST_SUITE_P(Table, ImageFormats, testing::ValuesIn(kLoadCases),
                              return std::string(info.param.name);
                          });
 
-// A baseline JPEG of one grey component, 8 x 8 at value 128: quantisation
-// table of ones, one-code Huffman tables, one block with DC 0 and an EOB.
-// ffmpeg's JPEG encoder always writes colour, so this one is made by hand.
-const std::vector<uint8_t> kGreyJpeg = [] {
-    std::vector<uint8_t> jpeg = {0xFF, 0xD8, 0xFF, 0xDB, 0x00, 0x43, 0x00};
-    jpeg.insert(jpeg.end(), 64, 0x01);
-    const uint8_t frame[] = {0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x00, 0x08,
-                             0x00, 0x08, 0x01, 0x01, 0x11, 0x00};
-    jpeg.insert(jpeg.end(), std::begin(frame), std::end(frame));
-    for (uint8_t tableClass : {0x00, 0x10}) {
-        jpeg.insert(jpeg.end(), {0xFF, 0xC4, 0x00, 0x14, tableClass, 0x01});
-        jpeg.insert(jpeg.end(), 15, 0x00);
-        jpeg.push_back(0x00);
-    }
-    const uint8_t scan[] = {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00,
-                            0x00, 0x3F, 0x00, 0x3F, 0xFF, 0xD9};
-    jpeg.insert(jpeg.end(), std::begin(scan), std::end(scan));
-    return jpeg;
-}();
-
 class RefusedImages : public testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -269,11 +249,6 @@ TEST_F(RefusedImages, PaletteGreyAndSixteenBitFormats) {
     for (const auto& r : refused) {
         ExpectUntouched(Make(r[0], r[1], r[2]));
     }
-
-    const std::string greyJpeg = s_dir->File("grey.jpg");
-    WriteBytes(greyJpeg, kGreyJpeg);
-    ASSERT_EQ(Probe(greyJpeg), "mjpeg,gray");
-    ExpectUntouched(greyJpeg);
 }
 
 TEST_F(RefusedImages, FilesThatAreNotPictures) {
@@ -287,22 +262,6 @@ TEST_F(RefusedImages, FilesThatAreNotPictures) {
     const std::string text = s_dir->File("text.png");
     WriteBytes(text, {'n', 'o', 't', ' ', 'a', 'n', ' ', 'i', 'm', 'a', 'g', 'e'});
     ExpectUntouched(text);
-
-    // Cut inside the image data: a picture bigger than its first chunks.
-    std::vector<uint8_t> noise;
-    for (uint32_t i = 0, seed = 1; i < 64 * 64 * 3; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        noise.push_back(static_cast<uint8_t>(seed >> 16));
-    }
-    const std::string noiseRaw = s_dir->File("noise.rgb");
-    WriteBytes(noiseRaw, noise);
-    const std::string whole = s_dir->File("noise.png");
-    ASSERT_TRUE(EncodeRaw(noiseRaw, "rgb24", 64, 64, "", whole));
-    std::vector<uint8_t> png = ReadBytes(whole);
-    png.resize(png.size() / 2);
-    const std::string truncated = s_dir->File("truncated.png");
-    WriteBytes(truncated, png);
-    ExpectUntouched(truncated);
 
     // A FIFO with no writer must neither block the load nor be read.
     const std::string fifo = s_dir->File("fifo.png");

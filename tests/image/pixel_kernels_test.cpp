@@ -27,44 +27,22 @@ std::vector<const PixelKernels*> SupportedSimdTables() {
 
 enum class Alphas { Uniform, TextLike, Transparent, Opaque, ZeroOrFull, PartialOnly };
 
-// Alpha runs as text gives them: mostly transparent, some opaque strokes and
-// short anti-aliased edges.
+// Alpha runs of one kind. TextLike is what text gives: mostly transparent,
+// some opaque strokes and short anti-aliased edges.
 void FillAlphas(uint8_t* pixels, size_t count, Alphas kind, std::mt19937& rng) {
-    size_t i = 0;
-    while (i < count) {
-        size_t run = 1;
-        uint8_t a = 0;
-        bool partialRun = false;
-        switch (kind) {
-            case Alphas::Uniform:
-                a = static_cast<uint8_t>(rng());
-                break;
-            case Alphas::Transparent:
-                a = 0;
-                break;
-            case Alphas::Opaque:
-                a = 255;
-                break;
-            case Alphas::ZeroOrFull:
-                a = (rng() & 1) ? 255 : 0;
-                run = 1 + rng() % 20;
-                break;
-            case Alphas::PartialOnly:
-                partialRun = true;
-                break;
-            case Alphas::TextLike: {
-                const uint32_t pick = rng() % 10;
-                run = 1 + rng() % 24;
-                a = pick < 7 ? 0 : 255;
-                partialRun = pick == 9;
-                if (partialRun) {
-                    run = 1 + rng() % 3;
-                }
-                break;
-            }
+    for (size_t i = 0; i < count;) {
+        const uint32_t pick = rng() % 10;
+        const bool edge = kind == Alphas::PartialOnly || (kind == Alphas::TextLike && pick == 9);
+        size_t run = edge ? 1 + rng() % 3 : 1;
+        uint8_t a = static_cast<uint8_t>(rng());  // Uniform
+        if (kind == Alphas::Transparent || kind == Alphas::Opaque) {
+            a = kind == Alphas::Opaque ? 255 : 0;
+        } else if (kind == Alphas::ZeroOrFull || kind == Alphas::TextLike) {
+            run = edge ? run : 1 + rng() % (kind == Alphas::TextLike ? 24 : 20);
+            a = (kind == Alphas::TextLike ? pick >= 7 : (rng() & 1) != 0) ? 255 : 0;
         }
         for (size_t k = 0; k < run && i < count; ++k, ++i) {
-            pixels[4 * i + 3] = partialRun ? static_cast<uint8_t>(1 + rng() % 254) : a;
+            pixels[4 * i + 3] = edge ? static_cast<uint8_t>(1 + rng() % 254) : a;
         }
     }
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <new>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -108,14 +109,11 @@ TEST(PixelOps, PixelBufferGrowsOnlyAndViewsStayInsideTheBlock) {
 TEST(PixelOps, ClampRectSwapsReversedBoundsAndTakesExtremes) {
     RECT r = {INT_MIN, -5, INT_MAX, 50};
     ClampRect(&r, 0, 100, 40, 10);  // y bounds reversed
-    EXPECT_EQ(r.left, 0);
-    EXPECT_EQ(r.right, 100);
-    EXPECT_EQ(r.top, 10);
-    EXPECT_EQ(r.bottom, 40);
+    EXPECT_EQ(std::tuple(r.left, r.top, r.right, r.bottom), std::tuple(0, 10, 100, 40));
     RECT inside = {3, 4, 5, 6};
     ClampRect(&inside, INT_MIN, INT_MAX, INT_MIN, INT_MAX);
-    EXPECT_EQ(inside.left, 3);
-    EXPECT_EQ(inside.bottom, 6);
+    EXPECT_EQ(std::tuple(inside.left, inside.top, inside.right, inside.bottom),
+              std::tuple(3, 4, 5, 6));
     ClampRect(nullptr, 0, 1, 0, 1);
 }
 
@@ -173,23 +171,22 @@ struct PlacementCase {
     int32_t firstRow;     // destination rows firstRow..lastRow are drawn,
     int32_t lastRow;      // -1: nothing at all
     int firstSourceRow;   // receiving source rows from this one up
-    int32_t firstColumn;  // columns firstColumn..lastColumn, from source column firstSource
+    int32_t firstColumn;  // columns firstColumn..lastColumn, from source column 0 up
     int32_t lastColumn;
-    int firstSourceColumn;
 };
 
 TEST(PixelOps, BlendAtPlacesRowsFromTheBottomAndCutsAtTheRightEdge) {
     const PlacementCase cases[] = {
-        {{10, 95}, 90, 99, 0, 10, 39, 0},     // overhang at the top moves the source back
-        {{10, -5}, 0, 4, 5, 10, 39, 0},       // negative y drops the first source rows
-        {{0, 150}, 90, 99, 0, 0, 29, 0},      // beyond the last row: still the last rows
-        {{0, INT_MAX}, 90, 99, 0, 0, 29, 0},  //
-        {{0, -10}, -1, -1, 0, 0, 0, 0},       // wholly below row 0: nothing
-        {{0, INT_MIN}, -1, -1, 0, 0, 0, 0},   //
-        {{-5, 0}, 0, 9, 0, 0, 29, 0},         // negative x shifts right, uncut
-        {{80, 0}, 0, 9, 0, 80, 99, 0},        // cut at the right edge
-        {{INT_MAX, 20}, -1, -1, 0, 0, 0, 0},  //
-        {{99, 40}, 40, 49, 0, 99, 99, 0},     //
+        {{10, 95}, 90, 99, 0, 10, 39},     // overhang at the top moves the source back
+        {{10, -5}, 0, 4, 5, 10, 39},       // negative y drops the first source rows
+        {{0, 150}, 90, 99, 0, 0, 29},      // beyond the last row: still the last rows
+        {{0, INT_MAX}, 90, 99, 0, 0, 29},  //
+        {{0, -10}, -1, -1, 0, 0, 0},       // wholly below row 0: nothing
+        {{0, INT_MIN}, -1, -1, 0, 0, 0},   //
+        {{-5, 0}, 0, 9, 0, 0, 29},         // negative x shifts right, uncut
+        {{80, 0}, 0, 9, 0, 80, 99},        // cut at the right edge
+        {{INT_MAX, 20}, -1, -1, 0, 0, 0},  //
+        {{99, 40}, 40, 49, 0, 99, 99},     //
     };
     for (const PixelKernels* k : AllTables()) {
         Guarded src(30, 10, 32, 0);
@@ -212,7 +209,7 @@ TEST(PixelOps, BlendAtPlacesRowsFromTheBottomAndCutsAtTheRightEdge) {
                     const uint8_t* p = dst.Pixel(x, row);
                     const bool inside = row >= c.firstRow && row <= c.lastRow &&
                                         x >= c.firstColumn && x <= c.lastColumn;
-                    const int column = inside ? c.firstSourceColumn + (x - c.firstColumn) : -1;
+                    const int column = inside ? x - c.firstColumn : -1;
                     const int sourceRow = inside ? c.firstSourceRow + (row - c.firstRow) : -1;
                     ASSERT_EQ(p[2] == 0xCC ? p[0] - 1 : -1, column) << x << ", " << row;
                     ASSERT_EQ(p[2] == 0xCC ? p[1] - 1 : -1, sourceRow) << x << ", " << row;

@@ -119,33 +119,29 @@ TEST(ScaledComposite, NothingHappensForDegenerateInput) {
     const float inf = std::numeric_limits<float>::infinity();
     struct Case {
         const char* name;
-        RECT clip;
-        POINT pos;
-        float scale;
-        int32_t width;
-        int32_t height;
-        int32_t depth;
+        RECT clip{0, 0, 20, 10};
+        POINT pos{0, 0};
+        float scale = 1.0f;
+        int32_t width = 20;
+        int32_t height = 10;
+        int32_t depth = 24;
     };
     const Case cases[] = {
-        {"scale to zero", {0, 0, 20, 10}, {0, 0}, 0.01f, 20, 10, 24},
-        {"scale zero", {0, 0, 20, 10}, {0, 0}, 0.0f, 20, 10, 24},
-        {"negative scale", {0, 0, 20, 10}, {0, 0}, -1.0f, 20, 10, 24},
-        {"NaN scale", {0, 0, 20, 10}, {0, 0}, nan, 20, 10, 24},
-        {"infinite scale", {0, 0, 20, 10}, {0, 0}, inf, 20, 10, 24},
-        {"huge scale", {0, 0, 20, 10}, {0, 0}, 1e6f, 20, 10, 24},
-        {"empty clip", {5, 5, 5, 9}, {0, 0}, 1.0f, 20, 10, 24},
-        {"clip outside", {30, 0, 40, 10}, {0, 0}, 1.0f, 20, 10, 24},
-        {"text outside clip", {0, 0, 5, 5}, {6, 6}, 1.0f, 20, 10, 24},
-        {"empty frame", {0, 0, 20, 10}, {0, 0}, 1.0f, 0, 10, 24},
-        {"negative frame", {0, 0, 20, 10}, {0, 0}, 1.0f, -20, -10, 24},
-        {"32-bit frame", {0, 0, 20, 10}, {0, 0}, 1.0f, 20, 7, 32},
-        {"extreme positions",
-         {INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX},
-         {INT32_MAX, INT32_MAX},
-         1.0f,
-         20,
-         10,
-         24},
+        {.name = "scale to zero", .scale = 0.01f},
+        {.name = "scale zero", .scale = 0.0f},
+        {.name = "negative scale", .scale = -1.0f},
+        {.name = "NaN scale", .scale = nan},
+        {.name = "infinite scale", .scale = inf},
+        {.name = "huge scale", .scale = 1e6f},
+        {.name = "empty clip", .clip = {5, 5, 5, 9}},
+        {.name = "clip outside", .clip = {30, 0, 40, 10}},
+        {.name = "text outside clip", .clip = {0, 0, 5, 5}, .pos = {6, 6}},
+        {.name = "empty frame", .width = 0},
+        {.name = "negative frame", .width = -20, .height = -10},
+        {.name = "32-bit frame", .height = 7, .depth = 32},
+        {.name = "extreme positions",
+         .clip = {INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX},
+         .pos = {INT32_MAX, INT32_MAX}},
     };
     const PixelBuffer text = Picture(50, 4);
     for (const Case& c : cases) {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "demo.h"
-#include "png_writer.h"
+#include "text/png_writer.h"
 #include "text_command.h"
 
 int main(int argc, char** argv) {
@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
 
     if (demo->parsed()) {
         const auto frame = lumets::tool::RenderDemoFrame();
-        if (!lumets::tool::WritePng(demoOutput,
+        if (!lumets::WritePng(demoOutput,
                                     lumets::PackedPicture(frame.data(), lumets::tool::kDemoWidth,
                                                           lumets::tool::kDemoHeight, 24))) {
             std::fprintf(stderr, "lumets: cannot write %s\n", demoOutput.c_str());

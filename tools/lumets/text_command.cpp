@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "lumets_platform/utf16.h"
-#include "png_writer.h"
+#include "text/png_writer.h"
 #include "text/text_renderer.h"
 
 namespace lumets::tool {

@@ -1,8 +1,8 @@
-#include "png_writer.h"
+#include "text/png_writer.h"
 
 #include "text/cairo_handles.h"
 
-namespace lumets::tool {
+namespace lumets {
 
 bool WritePng(const std::string& path, const ConstPictureView& picture) {
     const int32_t width = picture.width;
@@ -41,4 +41,4 @@ bool WritePng(const std::string& path, const ConstPictureView& picture) {
     return cairo_surface_write_to_png(surface.get(), path.c_str()) == CAIRO_STATUS_SUCCESS;
 }
 
-}  // namespace lumets::tool
+}  // namespace lumets
