@@ -1,0 +1,286 @@
+// Events, threads and the recursive lock, and the time source they wait on.
+// Virtual time is checked to the millisecond: wake-up times and order,
+// settling, threads that start, end and signal each other while time
+// advances. Real time only where it differs, with lower bounds alone: these
+// run on loaded machines and under sanitizers.
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lumets/time_source.h"
+#include "lumets_platform/event.h"
+#include "lumets_platform/lock.h"
+#include "lumets_platform/thread.h"
+
+namespace lumets::platform {
+namespace {
+
+using History = std::vector<std::pair<uint64_t, int>>;  // (virtual time, who)
+
+class VirtualTime : public testing::Test {
+  protected:
+    void SetUp() override {
+        SetTimeMode(TimeMode::Virtual);
+        ASSERT_EQ(MonotonicMs(), 0u);
+    }
+    void TearDown() override {
+        for (Thread& t : threads_) {
+            EXPECT_TRUE(t.WaitForEnd(0));  // ended, and ended in time
+        }
+        SetTimeMode(TimeMode::Real);
+    }
+    std::vector<Thread> threads_;
+};
+
+TEST_F(VirtualTime, SleepersWakeAtExactTimesFirstComeFirstServed) {
+    constexpr int kThreads = 24;
+    constexpr uint64_t kRounds = 3;
+    const auto period = [](int i) { return uint64_t{10} * (i % 4 + 1); };
+    History journal;  // one writer at a time: each wake-up settles before the next
+    // Sleeps due together end in the order they began. A woken thread sleeps
+    // again before the next one wakes, so the one woken earlier before goes
+    // first; the first sleeps begin in thread order.
+    std::vector<std::tuple<uint64_t, uint64_t, int>> wakeUps;  // (due, woken before, thread)
+    threads_ = std::vector<Thread>(kThreads);
+    for (int i = 0; i < kThreads; ++i) {
+        ASSERT_TRUE(threads_[i].Start([&, i] {
+            for (uint64_t k = 0; k < kRounds; ++k) {
+                SleepMs(static_cast<uint32_t>(period(i)));
+                journal.emplace_back(MonotonicMs(), i);
+            }
+        }));
+        WaitUntilSettled();
+        for (uint64_t k = 1; k <= kRounds; ++k) {
+            wakeUps.emplace_back(k * period(i), (k - 1) * period(i), i);
+        }
+    }
+    std::sort(wakeUps.begin(), wakeUps.end());
+    History expected;
+    for (const auto& [due, before, i] : wakeUps) {
+        expected.emplace_back(due, i);
+    }
+    for (uint64_t now = 7; now < 140; now += 7) {
+        AdvanceBy(7);
+        ASSERT_EQ(MonotonicMs(), now);
+        const auto due = std::find_if(expected.begin(), expected.end(),
+                                      [&](const auto& e) { return e.first > now; });
+        ASSERT_EQ(journal, History(expected.begin(), due));  // none late, none early
+    }
+}
+
+// A chain of signals set off by a wake-up runs to its end before time moves
+// on, even while the host's own wait drives time. Threads given up on or
+// whose Thread is destroyed still count until they end; leaving virtual time
+// ends their virtual waits.
+TEST_F(VirtualTime, SignalChainSettlesBeforeTimeMovesOn) {
+    constexpr int kChain = 16;
+    std::vector<AutoResetEvent> events(kChain + 1);
+    History journal;  // one writer at a time, as the chain passes on
+    threads_ = std::vector<Thread>(kChain);
+    for (int i = 0; i < kChain; ++i) {
+        ASSERT_TRUE(threads_[i].Start([&, i] {
+            if (i == 0) {
+                SleepMs(50);
+            } else if (i % 2 == 0) {
+                events[i].Wait();
+            } else if (!events[i].WaitFor(1000)) {
+                return;  // breaks the chain; the journal shows it
+            }
+            journal.emplace_back(MonotonicMs(), i);
+            events[i + 1].Set();
+        }));
+    }
+    AutoResetEvent never;
+    AutoResetEvent gone;
+    std::atomic<int> released{0};
+    Thread stuck;
+    ASSERT_TRUE(stuck.Start([&] {
+        never.Wait();
+        ++released;
+    }));
+    EXPECT_FALSE(stuck.WaitForEnd(100));  // gives up exactly at the limit and detaches
+    EXPECT_EQ(MonotonicMs(), 100u);
+    History expected;
+    for (int i = 0; i < kChain; ++i) {
+        expected.emplace_back(50, i);
+    }
+    EXPECT_EQ(journal, expected);
+    {
+        // Destroyed after its thread ended: joined; while it still runs: detached.
+        Thread ended;
+        Thread running;
+        ASSERT_TRUE(ended.Start([] { SleepMs(0); }));
+        ASSERT_TRUE(running.Start([&] {
+            released += never.WaitFor(1'000'000) ? 1 : 10;
+            gone.Set();
+        }));
+        WaitUntilSettled();
+    }
+    never.Set();  // wakes only the first to wait
+    WaitUntilSettled();
+    EXPECT_EQ(released.load(), 1);
+    SetTimeMode(TimeMode::Real);
+    EXPECT_TRUE(gone.WaitFor(10000));
+    EXPECT_EQ(released.load(), 11);
+}
+
+TEST_F(VirtualTime, HostSleepsAndWaitsDriveTimeThemselves) {
+    std::atomic<int> ticks{0};
+    std::atomic<bool> stop{false};
+    AutoResetEvent fromLibrary;
+    threads_ = std::vector<Thread>(2);
+    ASSERT_TRUE(threads_[0].Start([&] {
+        while (!stop) {
+            SleepMs(10);
+            ++ticks;
+        }
+    }));
+    ASSERT_TRUE(threads_[1].Start([&] {
+        SleepMs(42);
+        fromLibrary.Set();
+    }));
+    SleepMs(35);
+    EXPECT_EQ(MonotonicMs(), 35u);
+    EXPECT_EQ(ticks.load(), 3);
+    EXPECT_TRUE(fromLibrary.WaitFor(1000));
+    EXPECT_EQ(MonotonicMs(), 42u);
+    EXPECT_FALSE(fromLibrary.WaitFor(18));
+    EXPECT_EQ(MonotonicMs(), 60u);
+    EXPECT_EQ(ticks.load(), 6);  // the tick due at the limit has run too
+
+    // Two host threads driving at once take turns: the other one begins its
+    // sleep while this one drives, and both sleeps are served in full.
+    std::atomic<uint64_t> otherSlept{0};
+    std::thread other([&] {
+        while (MonotonicMs() == 60) {
+            std::this_thread::yield();
+        }
+        const uint64_t from = MonotonicMs();
+        SleepMs(30);
+        otherSlept = MonotonicMs() - from;
+    });
+    SleepMs(400);
+    other.join();
+    const uint64_t now = MonotonicMs();
+    EXPECT_TRUE(now >= 460u && now <= 490u) << now;
+    EXPECT_GE(otherSlept.load(), 30u);
+    EXPECT_EQ(ticks.load(), static_cast<int>(now / 10));
+    stop = true;
+    AdvanceBy(10);
+}
+
+// Ping-pong pairs and spawned children, many times over, to shake out lost
+// wake-ups: any lost one hangs AdvanceBy or breaks an exact count. Every
+// thread has ended by the end of a repetition, so its Thread joins it.
+TEST_F(VirtualTime, StressPingPongAndSpawn) {
+    constexpr int kPairs = 4;
+    constexpr int kRounds = 5;
+    for (int rep = 0; rep < 40; ++rep) {
+        std::vector<AutoResetEvent> toA(kPairs);
+        std::vector<AutoResetEvent> toB(kPairs);
+        std::atomic<int> rounds{0};
+        std::atomic<int> misses{0};
+        std::vector<Thread> threads(2 * kPairs);
+        for (int p = 0; p < kPairs; ++p) {
+            ASSERT_TRUE(threads[2 * p].Start([&, p] {
+                for (int r = 0; r < kRounds; ++r) {
+                    SleepMs(3);
+                    toB[p].Set();
+                    misses += toA[p].WaitFor(100) ? 0 : 1;
+                }
+            }));
+            ASSERT_TRUE(threads[2 * p + 1].Start([&, p] {
+                for (int r = 0; r < kRounds; ++r) {
+                    toB[p].Wait();
+                    Thread child;
+                    misses += child.Start([] { SleepMs(1); }) && child.WaitForEnd(5) ? 0 : 1;
+                    ++rounds;
+                    toA[p].Set();
+                }
+            }));
+        }
+        AdvanceBy(4 * kRounds - 1);
+        ASSERT_EQ(rounds.load(), kPairs * (kRounds - 1)) << "repetition " << rep;
+        AdvanceBy(1);
+        ASSERT_EQ(rounds.load(), kPairs * kRounds) << "repetition " << rep;
+        ASSERT_EQ(misses.load(), 0);
+    }
+}
+
+TEST(RealTime, EventsAndThreads) {
+    ASSERT_EQ(GetTimeMode(), TimeMode::Real);
+    AutoResetEvent ev;
+    ev.Set();
+    ev.Set();  // still one signal
+    EXPECT_TRUE(ev.WaitFor(0));
+    EXPECT_FALSE(ev.WaitFor(0));
+    ev.Set();
+    ev.Reset();
+    EXPECT_FALSE(ev.WaitFor(0));
+    EXPECT_TRUE(AutoResetEvent(true).WaitFor(0));
+
+    Thread t;
+    EXPECT_TRUE(t.WaitForEnd(0));  // nothing started
+    EXPECT_FALSE(t.Start(nullptr));
+    auto gate = std::make_shared<AutoResetEvent>();
+    ASSERT_TRUE(t.Start([gate] { gate->Wait(); }));
+    EXPECT_FALSE(t.Start([] {}));  // still running
+    const uint64_t before = MonotonicMs();
+    EXPECT_FALSE(t.WaitForEnd(20));  // gives up and detaches
+    EXPECT_GE(MonotonicMs() - before, 19u);
+    EXPECT_FALSE(t.IsStarted());
+
+    // Free again. A limited wait of its own times out, and an exception ends
+    // the thread instead of the process.
+    ASSERT_TRUE(t.Start([] {
+        EXPECT_FALSE(AutoResetEvent().WaitFor(1));
+        throw std::runtime_error("boom");
+    }));
+    EXPECT_TRUE(t.WaitForEnd(kWaitInfinite));
+    gate->Set();  // lets the detached thread end; it holds its own reference
+
+    // A thread that ended without being waited for is joined by the next Start.
+    ASSERT_TRUE(t.Start([&] { ev.Set(); }));
+    ASSERT_TRUE(ev.WaitFor(10000));
+    while (!t.Start([&] { ev.Set(); })) {
+    }
+    EXPECT_TRUE(ev.WaitFor(10000));
+    EXPECT_TRUE(t.WaitForEnd(10000));
+}
+
+TEST(RealTime, LockIsRecursiveAndExcludesOthersUntilFullyReleased) {
+    CLock lock;
+    CAutoLock nothing(nullptr);  // tolerated
+    lock.Lock();
+    lock.Lock();
+    std::atomic<bool> trying{false};
+    std::atomic<bool> released{false};
+    bool enteredAfterRelease = false;
+    std::thread other([&] {
+        trying = true;
+        CAutoLock guard(&lock);
+        enteredAfterRelease = released.load();
+    });
+    lock.Unlock();
+    // Still held once: give the other thread every chance to get in too early.
+    while (!trying) {
+        std::this_thread::yield();
+    }
+    for (int i = 0; i < 1000; ++i) {
+        std::this_thread::yield();
+    }
+    released = true;
+    lock.Unlock();
+    other.join();
+    EXPECT_TRUE(enteredAfterRelease);
+    CAutoLock again(&lock);  // the other thread's guard gave it back
+}
+
+}  // namespace
+}  // namespace lumets::platform
