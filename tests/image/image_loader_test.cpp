@@ -130,19 +130,19 @@ const LoadCase kLoadCases[] = {
     {"TiffRgba", false, "rgba", "-c:v tiff -pix_fmt rgba", "tif", "tiff,rgba", 32, false, true, 0},
 };
 
-class ImageFormats : public testing::TestWithParam<LoadCase> {
-  protected:
-    static void SetUpTestSuite() { s_dir = std::make_unique<ScratchDir>(); }
-    static void TearDownTestSuite() { s_dir.reset(); }
-    static std::unique_ptr<ScratchDir> s_dir;
-};
-std::unique_ptr<ScratchDir> ImageFormats::s_dir;
+// One scratch folder for the whole suite, removed at exit.
+const ScratchDir& Dir() {
+    static const ScratchDir dir;
+    return dir;
+}
+
+class ImageFormats : public testing::TestWithParam<LoadCase> {};
 
 TEST_P(ImageFormats, LoadsAtItsDepthBottomRowFirst) {
     const LoadCase& c = GetParam();
     const Picture picture = c.twoTone ? TwoTonePicture() : VariedPicture();
-    const std::string raw = s_dir->File(std::string(c.name) + ".raw");
-    const std::string file = s_dir->File(std::string(c.name) + "." + c.extension);
+    const std::string raw = Dir().File(std::string(c.name) + ".raw");
+    const std::string file = Dir().File(std::string(c.name) + "." + c.extension);
     WriteBytes(raw, Raw(picture, c.rawFormat));
     ASSERT_TRUE(EncodeRaw(raw, c.rawFormat, picture.width, picture.height, c.outputArgs, file));
     ASSERT_EQ(Probe(file), c.probed) << "the encoder no longer makes the format this case is for";
@@ -191,49 +191,33 @@ INSTANTIATE_TEST_SUITE_P(Table, ImageFormats, testing::ValuesIn(kLoadCases),
                              return std::string(info.param.name);
                          });
 
-class RefusedImages : public testing::Test {
-  protected:
-    static void SetUpTestSuite() {
-        s_dir = std::make_unique<ScratchDir>();
-        const Picture picture = VariedPicture();
-        s_raw = s_dir->File("varied.rgb");
-        WriteBytes(s_raw, Raw(picture, "rgb24"));
-        s_loadable = s_dir->File("loadable.png");
-        WriteBytes(s_dir->File("loadable.rgba"), Raw(picture, "rgba"));
-        ASSERT_TRUE(
-            EncodeRaw(s_dir->File("loadable.rgba"), "rgba", 5, 3, "-pix_fmt rgba", s_loadable));
-    }
-    static void TearDownTestSuite() { s_dir.reset(); }
-
-    // A file from the varied picture, checked to decode as probed.
-    static std::string Make(const std::string& name, const std::string& outputArgs,
-                            const std::string& probed) {
-        const std::string file = s_dir->File(name);
-        EXPECT_TRUE(EncodeRaw(s_raw, "rgb24", 5, 3, outputArgs, file));
-        EXPECT_EQ(Probe(file), probed);
+// A file from the varied picture, checked to decode as probed.
+std::string Make(const std::string& name, const std::string& outputArgs,
+                 const std::string& probed) {
+    static const std::string raw = [] {
+        const std::string file = Dir().File("varied.rgb");
+        WriteBytes(file, Raw(VariedPicture(), "rgb24"));
         return file;
-    }
+    }();
+    const std::string file = Dir().File(name);
+    EXPECT_TRUE(EncodeRaw(raw, "rgb24", 5, 3, outputArgs, file));
+    EXPECT_EQ(Probe(file), probed);
+    return file;
+}
 
-    // Loads file into a target that already holds a picture and expects
-    // every field and byte of it to stay as it was.
-    static void ExpectUntouched(const std::string& file) {
-        PixelBuffer target;
-        LoadFile(target, s_loadable);
-        ASSERT_NE(target.Data(), nullptr);
-        const Snapshot before(target);
-        LoadFile(target, file);
-        EXPECT_TRUE(Snapshot(target) == before) << file << " changed the target";
-    }
+// Loads file into a target that already holds a picture and expects every
+// field and byte of it to stay as it was.
+void ExpectUntouched(const std::string& file) {
+    static const std::string loadable = Make("loadable.png", "-pix_fmt rgba", "png,rgba");
+    PixelBuffer target;
+    LoadFile(target, loadable);
+    ASSERT_NE(target.Data(), nullptr);
+    const Snapshot before(target);
+    LoadFile(target, file);
+    EXPECT_TRUE(Snapshot(target) == before) << file << " changed the target";
+}
 
-    static std::unique_ptr<ScratchDir> s_dir;
-    static std::string s_raw;
-    static std::string s_loadable;
-};
-std::unique_ptr<ScratchDir> RefusedImages::s_dir;
-std::string RefusedImages::s_raw;
-std::string RefusedImages::s_loadable;
-
-TEST_F(RefusedImages, PaletteGreyAndSixteenBitFormats) {
+TEST(RefusedImages, PaletteGreyAndSixteenBitFormats) {
     // GIF decodes to bgra, so it also proves the refusal goes by codec.
     const char* const refused[][3] = {
         {"a.gif", "", "gif,bgra"},
@@ -251,25 +235,25 @@ TEST_F(RefusedImages, PaletteGreyAndSixteenBitFormats) {
     }
 }
 
-TEST_F(RefusedImages, FilesThatAreNotPictures) {
-    ExpectUntouched(s_dir->File("does-not-exist.png"));
-    ExpectUntouched(s_dir->File(""));  // the scratch directory itself
+TEST(RefusedImages, FilesThatAreNotPictures) {
+    ExpectUntouched(Dir().File("does-not-exist.png"));
+    ExpectUntouched(Dir().File(""));  // the scratch directory itself
 
-    const std::string empty = s_dir->File("empty.png");
+    const std::string empty = Dir().File("empty.png");
     WriteBytes(empty, {});
     ExpectUntouched(empty);
 
-    const std::string text = s_dir->File("text.png");
+    const std::string text = Dir().File("text.png");
     WriteBytes(text, {'n', 'o', 't', ' ', 'a', 'n', ' ', 'i', 'm', 'a', 'g', 'e'});
     ExpectUntouched(text);
 
     // A FIFO with no writer must neither block the load nor be read.
-    const std::string fifo = s_dir->File("fifo.png");
+    const std::string fifo = Dir().File("fifo.png");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ExpectUntouched(fifo);
 
     PixelBuffer target;
-    LoadFile(target, s_loadable);
+    LoadFile(target, Make("loadable.png", "-pix_fmt rgba", "png,rgba"));
     const Snapshot before(target);
     LoadImageFile(target, nullptr);
     LoadImageFile(target, u"");
@@ -280,17 +264,17 @@ TEST_F(RefusedImages, FilesThatAreNotPictures) {
 
 // Sizes at and just past the limits, as real files: the refusals come from
 // the limits, not from bad data.
-TEST_F(RefusedImages, PicturesBeyondTheSizeLimits) {
+TEST(RefusedImages, PicturesBeyondTheSizeLimits) {
     auto blank = [](int width, int height, const std::string& file) {
         return RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgb24 -s " +
                           std::to_string(width) + "x" + std::to_string(height) +
                           " -i /dev/zero -frames:v 1 " + Quote(file));
     };
-    const std::string wide = s_dir->File("wide.png");
-    const std::string tall = s_dir->File("tall.png");
-    const std::string large = s_dir->File("large.png");
-    const std::string widest = s_dir->File("widest.png");
-    const std::string largest = s_dir->File("largest.png");
+    const std::string wide = Dir().File("wide.png");
+    const std::string tall = Dir().File("tall.png");
+    const std::string large = Dir().File("large.png");
+    const std::string widest = Dir().File("widest.png");
+    const std::string largest = Dir().File("largest.png");
     ASSERT_TRUE(blank(16385, 1, wide));
     ASSERT_TRUE(blank(1, 16385, tall));
     ASSERT_TRUE(blank(4097, 4096, large));  // 16,781,312 pixels
