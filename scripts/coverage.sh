@@ -14,4 +14,4 @@ ctest --test-dir build/coverage --output-on-failure
 # Branches the compiler adds for exceptions are not decisions of our code.
 gcovr --root . --object-directory build/coverage --filter 'src/' --filter 'host/' \
   --filter 'platform/' --exclude-throw-branches --exclude-unreachable-branches \
-  --print-summary --txt build/coverage/coverage.txt | tail -3
+  --print-summary --txt build/coverage/coverage.txt build/coverage | tail -3

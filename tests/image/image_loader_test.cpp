@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,37 +55,18 @@ Picture TwoTonePicture() {
     return p;
 }
 
-void Put16(std::vector<uint8_t>& out, uint8_t value) {
-    out.push_back(value);  // value * 257 big-endian: both bytes equal
-    out.push_back(value);
-}
-
-// The picture as raw bytes in one of ffmpeg's pixel formats.
+// The picture as raw bytes in one of ffmpeg's pixel formats, described by its
+// channels in order (upper case: 16 bits big-endian, value * 257).
 std::vector<uint8_t> Raw(const Picture& p, const std::string& format) {
+    static const std::map<std::string, std::string> kChannels = {
+        {"rgba", "rgba"}, {"bgra", "bgra"}, {"rgb24", "rgb"},     {"bgr24", "bgr"},
+        {"ya8", "ra"},    {"ya16be", "RA"}, {"rgba64be", "RGBA"}, {"rgb48be", "RGB"}};
     std::vector<uint8_t> out;
     for (const Rgba& c : p.pixels) {
-        if (format == "rgba") {
-            out.insert(out.end(), {c.r, c.g, c.b, c.a});
-        } else if (format == "bgra") {
-            out.insert(out.end(), {c.b, c.g, c.r, c.a});
-        } else if (format == "rgb24") {
-            out.insert(out.end(), {c.r, c.g, c.b});
-        } else if (format == "bgr24") {
-            out.insert(out.end(), {c.b, c.g, c.r});
-        } else if (format == "ya8") {
-            out.insert(out.end(), {c.r, c.a});
-        } else if (format == "ya16be") {
-            Put16(out, c.r);
-            Put16(out, c.a);
-        } else if (format == "rgba64be" || format == "rgb48be") {
-            Put16(out, c.r);
-            Put16(out, c.g);
-            Put16(out, c.b);
-            if (format == "rgba64be") {
-                Put16(out, c.a);
-            }
-        } else {
-            ADD_FAILURE() << "no raw writer for " << format;
+        for (const char channel : kChannels.at(format)) {
+            const char lower = static_cast<char>(std::tolower(channel));
+            const uint8_t v = lower == 'r' ? c.r : lower == 'g' ? c.g : lower == 'b' ? c.b : c.a;
+            out.insert(out.end(), std::isupper(channel) ? 2 : 1, v);
         }
     }
     return out;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -30,22 +31,12 @@ inline bool EncodeRaw(const std::string& raw, const std::string& rawFormat, int 
 
 // "codec,pix_fmt" of the first video stream as ffprobe sees the file.
 inline std::string Probe(const std::string& file) {
-    std::string command =
-        "ffprobe -v error -select_streams v:0 -show_entries "
-        "stream=codec_name,pix_fmt -of csv=p=0 " +
-        Quote(file);
-    std::string result;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char chunk[256];
-        while (fgets(chunk, sizeof chunk, pipe) != nullptr) {
-            result += chunk;
-        }
-        pclose(pipe);
-    }
-    while (!result.empty() && (result.back() == '\n' || result.back() == '\r')) {
-        result.pop_back();
-    }
-    return result;
+    RunCommand(
+        "ffprobe -v error -select_streams v:0 -show_entries stream=codec_name,pix_fmt "
+        "-of csv=p=0 " +
+        Quote(file) + " > " + Quote(file + ".probe"));
+    const std::vector<uint8_t> out = ReadBytes(file + ".probe");
+    return std::string(out.begin(), std::find(out.begin(), out.end(), '\n'));
 }
 
 inline void LoadFile(PixelBuffer& target, const std::string& file) {

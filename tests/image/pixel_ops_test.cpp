@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <initializer_list>
@@ -51,12 +52,9 @@ class Guarded {
                static_cast<size_t>(x) * static_cast<size_t>(view_.bitsPerPixel / 8);
     }
     bool GuardsIntact() const {
-        for (size_t i = 0; i < kGuard; ++i) {
-            if (bytes_[i] != kCanary || bytes_[bytes_.size() - 1 - i] != kCanary) {
-                return false;
-            }
-        }
-        return true;
+        const auto canary = [](uint8_t b) { return b == kCanary; };
+        return std::all_of(bytes_.begin(), bytes_.begin() + kGuard, canary) &&
+               std::all_of(bytes_.end() - kGuard, bytes_.end(), canary);
     }
     std::vector<uint8_t> Picture() const {
         return {bytes_.begin() + kGuard, bytes_.end() - kGuard};
@@ -67,18 +65,14 @@ class Guarded {
     std::vector<uint8_t> bytes_;
 };
 
-TEST(PixelOps, RowStrideAndPackedViews) {
-    EXPECT_EQ(RowStride(3, 24), 12u);
-    EXPECT_EQ(RowStride(5, 24), 16u);
-    EXPECT_EQ(RowStride(7, 32), 28u);
-    EXPECT_EQ(RowStride(0, 32), 0u);
+TEST(PixelOps, StridesAndBuffersThatGrowOnlyAndNeverViewPastTheirBlock) {
+    EXPECT_EQ(std::tuple(RowStride(3, 24), RowStride(5, 24), RowStride(7, 32), RowStride(0, 32)),
+              std::tuple(12u, 16u, 28u, 0u));
     EXPECT_EQ(PackedPicture<uint8_t>(nullptr, 5, 2, 24).strideBytes, 16u);
     // Rows beyond 32-bit arithmetic get stride 0, which every operation refuses.
     EXPECT_EQ(PackedPicture<uint8_t>(nullptr, INT32_MAX, 1, 32).strideBytes, 0u);
     EXPECT_EQ(PackedPicture<uint8_t>(nullptr, -4, 1, 32).strideBytes, 0u);
-}
 
-TEST(PixelOps, PixelBufferGrowsOnlyAndViewsStayInsideTheBlock) {
     PixelBuffer buffer;
     EXPECT_EQ(buffer.View().data, nullptr);
     buffer.Ensure(10, 10, 32);
@@ -161,6 +155,9 @@ TEST(PixelOps, PixelRuleForEachDepthPair) {
     const uint8_t src[4] = {200, 0, 255, 128};
     BlendAt(PackedPicture(dst24, 1, 1, 24), POINT{0, 0}, PackedPicture(src, 1, 1, 32));
     EXPECT_EQ(dst24[2], 129);  // (127 * 3 + 255 * 128) / 255
+    const RECT one = {0, 0, 1, 1};
+    CopyRectPixels(PackedPicture(dst24, 1, 1, 24), one, PackedPicture(src, 1, 1, 32), one);
+    EXPECT_EQ(dst24[2], 255);
 }
 
 // A 30 x 10 opaque source whose pixel (x, row) is (x + 1, row + 1, 0xCC),

@@ -2,6 +2,7 @@
 // no golden, bad input, and rendering while another thread blends.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstring>
@@ -39,7 +40,7 @@ TextStyle Style(int32_t fontSize, uint32_t color) {
 }
 
 struct GoldenCase {
-    const char* name;
+    std::string name;
     const char16_t* text;
     TextStyle style;
 };
@@ -57,10 +58,8 @@ std::vector<GoldenCase> GoldenCases() {
         TextStyle gradient = Style(28, 0xFF0000);
         gradient.fillColor2 = 0x0000FF;
         gradient.fillAngle = angle;
-        const char* names[] = {"gradient_0", "gradient_45", "gradient_90", "gradient_180"};
-        cases.push_back(
-            {names[static_cast<int>(angle) / 45 == 4 ? 3 : static_cast<int>(angle) / 45],
-             u"A wide gradient text line", gradient});
+        cases.push_back({"gradient_" + std::to_string(static_cast<int>(angle)),
+                         u"A wide gradient text line", gradient});
     }
     TextStyle outline = Style(28, 0xFFFFFF);
     outline.fillColor2 = 0xFFCC00;
@@ -143,21 +142,16 @@ TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
 }
 
 TEST(TextRenderer, UnknownAndEmptyFacesLookTheSameAsTheFallback) {
-    TextStyle fallback = Style(20, 0);
-    TextStyle unknown = fallback;
-    const char16_t name[] = u"No Such Face Anywhere";
-    std::memcpy(unknown.faceName, name, sizeof name);
-    TextStyle named = fallback;
-    const char16_t fallbackName[] = u"微软雅黑";
-    std::memcpy(named.faceName, fallbackName, sizeof fallbackName);
-    CTextRenderer a;
-    CTextRenderer b;
-    CTextRenderer c;
-    a.Render(u"Same 字", &fallback);
-    b.Render(u"Same 字", &unknown);
-    c.Render(u"Same 字", &named);
-    EXPECT_EQ(Pixels(a), Pixels(b));
-    EXPECT_EQ(Pixels(a), Pixels(c));
+    std::vector<std::vector<uint8_t>> pictures;
+    for (const std::u16string face : {u"", u"No Such Face Anywhere", u"微软雅黑"}) {
+        TextStyle style = Style(20, 0);
+        std::copy(face.begin(), face.end(), style.faceName);
+        CTextRenderer renderer;
+        renderer.Render(u"Same 字", &style);
+        pictures.push_back(Pixels(renderer));
+    }
+    EXPECT_EQ(pictures[0], pictures[1]);
+    EXPECT_EQ(pictures[0], pictures[2]);
 }
 
 TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
