@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;  // refused, untouched
     }
     Check(target.bitsPerPixel == 24 || target.bitsPerPixel == 32);
-    Check(lumets::PictureSizeAllowed(target.width, target.height));
+    Check(lumets::PicturePixelsAllowed(target.width, target.height));
     const lumets::ConstPictureView picture = std::as_const(target).View();
     Check(picture.data != nullptr);
     const uint64_t needed = uint64_t{picture.strideBytes} * picture.height;

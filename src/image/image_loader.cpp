@@ -1,10 +1,5 @@
 #include "image/image_loader.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
 #include <span>
 #include <string>
@@ -13,6 +8,7 @@
 #include "image/av_handles.h"
 #include "image/picture_limits.h"
 #include "image/resources.h"
+#include "lumets_platform/file.h"
 #include "lumets_platform/utf16.h"
 
 extern "C" {
@@ -216,7 +212,7 @@ AVCodecID SniffCodec(const uint8_t* bytes, size_t size) {
 // Every pixel allocation of a decoder passes here first, so an oversized
 // picture is refused before its memory exists.
 int LimitedGetBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
-    if (!PictureSizeAllowed(context->width, context->height)) {
+    if (!PicturePixelsAllowed(context->width, context->height)) {
         return AVERROR(EINVAL);
     }
     return avcodec_default_get_buffer2(context, frame, flags);
@@ -298,7 +294,7 @@ bool DecodeImage(AVCodecID codecId, const AVPacket& packet, DecodedImage& image)
         avcodec_send_packet(context.get(), nullptr);
         result = avcodec_receive_frame(context.get(), frame.get());
     }
-    if (result < 0 || !PictureSizeAllowed(frame->width, frame->height)) {
+    if (result < 0 || !PicturePixelsAllowed(frame->width, frame->height)) {
         return false;
     }
     const FormatRule* rule = FindRule(codecId, static_cast<AVPixelFormat>(frame->format));
@@ -353,49 +349,14 @@ AvPacketPtr MakePacket(size_t size) {
     return packet;
 }
 
-class CFileDescriptor {
-  public:
-    explicit CFileDescriptor(int fd) : m_fd(fd) {}
-    ~CFileDescriptor() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    CFileDescriptor(const CFileDescriptor&) = delete;
-    CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-    int Get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
-
 // The whole regular file at path in a packet; null for anything else.
 AvPacketPtr ReadFileIntoPacket(const std::string& path) {
-    // Non-blocking so that naming a FIFO cannot hang the caller before the
-    // regular-file test below refuses it.
-    CFileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    struct stat info {};
-    if (file.Get() < 0 || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode) ||
-        info.st_size <= 0 || static_cast<uint64_t>(info.st_size) > kMaxFileBytes) {
-        return nullptr;
-    }
-    const size_t size = static_cast<size_t>(info.st_size);
-    AvPacketPtr packet = MakePacket(size);
-    if (!packet) {
-        return nullptr;
-    }
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t got = read(file.Get(), packet->data + done, size - done);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return nullptr;  // error, or the file shrank while we read it
-        }
-        done += static_cast<size_t>(got);
-    }
-    return packet;
+    AvPacketPtr packet;
+    const bool read = platform::ReadRegularFile(path.c_str(), kMaxFileBytes, [&](size_t size) {
+        packet = MakePacket(size);
+        return packet ? packet->data : nullptr;
+    });
+    return read ? std::move(packet) : nullptr;
 }
 
 }  // namespace
@@ -434,7 +395,7 @@ void LoadImageBytes(PixelBuffer& target, const uint8_t* bytes, size_t size) {
 void CopyImageToBuffer(PixelBuffer& target, const DecodedImage* image) {
     if (image == nullptr || !image->pixels ||
         (image->bitsPerPixel != 24 && image->bitsPerPixel != 32) ||
-        !PictureSizeAllowed(image->width, image->height)) {
+        !PicturePixelsAllowed(image->width, image->height)) {
         return;
     }
     const uint32_t width = image->width;

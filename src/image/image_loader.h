@@ -10,8 +10,8 @@
 // paletted, grey, 16-bit RGB and anything else are refused.
 //
 // A load that fails for any reason (missing or unreadable file, a directory,
-// unknown or corrupt data, a refused format, a picture beyond the limits of
-// picture_limits.h) reports nothing and leaves the
+// unknown or corrupt data, a refused format, a picture of more pixels than
+// kMaxPicturePixels, whatever its shape) reports nothing and leaves the
 // target exactly as it was. Only allocation failure of the target's block
 // propagates (std::bad_alloc, after the old block was freed). Loads may run on
 // any thread; the target must not be used elsewhere during the load.

@@ -23,6 +23,14 @@ constexpr bool PictureSizeAllowed(int64_t width, int64_t height) {
            width * height <= kMaxPicturePixels;
 }
 
+// The memory limit alone: at least one pixel, and no more than
+// kMaxPicturePixels in all, whatever the shape (image files, whose strips may
+// be long).
+constexpr bool PicturePixelsAllowed(int64_t width, int64_t height) {
+    return width > 0 && height > 0 && width <= kMaxPicturePixels && height <= kMaxPicturePixels &&
+           width * height <= kMaxPicturePixels;
+}
+
 // value clamped into the int32 range.
 constexpr int32_t SaturateToInt32(int64_t value) {
     return static_cast<int32_t>(std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(),

@@ -3,8 +3,10 @@
 #include "image/pixel_ops.h"
 
 #include <cstddef>
+#include <cstring>
 #include <initializer_list>
 #include <limits>
+#include <vector>
 
 #include "image/pixel_kernels.h"
 
@@ -106,17 +108,37 @@ void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Pict
         return;
     }
     const RowKernel kernel = PickKernel(kernels, op, d.bytesPerPixel, s.bytesPerPixel);
-    // The pairs are independent, so they run from the lowest addresses up,
-    // which suits the hardware prefetchers better than walking back.
     uint8_t* dRow = dst + static_cast<size_t>(dRect.bottom - rows) * d.stride +
                     static_cast<size_t>(dRect.left) * d.bytesPerPixel;
     const uint8_t* sRow = src + static_cast<size_t>(sRect.bottom - rows) * s.stride +
                           static_cast<size_t>(sRect.left) * s.bytesPerPixel;
+    size_t sStride = s.stride;
+    // When the two byte ranges overlap (one picture, two rectangles), the
+    // source rows are read whole before anything is written, as memmove
+    // would: the rows go through a copy of their own.
+    const size_t sRowBytes = static_cast<size_t>(cols) * s.bytesPerPixel;
+    const auto sBegin = reinterpret_cast<uintptr_t>(sRow);
+    const auto dBegin = reinterpret_cast<uintptr_t>(dRow);
+    const uintptr_t sEnd = sBegin + static_cast<size_t>(rows - 1) * s.stride + sRowBytes;
+    const uintptr_t dEnd = dBegin + static_cast<size_t>(rows - 1) * d.stride +
+                           static_cast<size_t>(cols) * d.bytesPerPixel;
+    std::vector<uint8_t> copy;
+    if (sBegin < dEnd && dBegin < sEnd) {
+        copy.resize(static_cast<size_t>(rows) * sRowBytes);
+        for (int64_t k = 0; k < rows; ++k) {
+            std::memcpy(copy.data() + static_cast<size_t>(k) * sRowBytes,
+                        sRow + static_cast<size_t>(k) * s.stride, sRowBytes);
+        }
+        sRow = copy.data();
+        sStride = sRowBytes;
+    }
+    // The pairs are independent, so they run from the lowest addresses up,
+    // which suits the hardware prefetchers better than walking back.
     for (int64_t k = 0; k < rows; ++k) {
         kernel(dRow, sRow, static_cast<size_t>(cols));
         if (k + 1 < rows) {
             dRow += d.stride;
-            sRow += s.stride;
+            sRow += sStride;
         }
     }
 }

@@ -4,6 +4,10 @@
 // Bad input (depths other than 24/32, null pixels, non-positive or huge sizes,
 // strides narrower than a row, rectangles anywhere) makes an operation do less
 // or nothing; no byte outside either view is ever read or written.
+//
+// Source and destination may share their pixels, rectangles overlapping: every
+// operation then reads the source rectangle whole before it writes, as memmove
+// does, so the result is that of working from a copy of the source.
 #pragma once
 
 #include <cstdint>

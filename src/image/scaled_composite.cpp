@@ -26,6 +26,13 @@ void EnsureScalable(PixelBuffer& buffer, uint32_t width, uint32_t height) {
     buffer.Ensure(width, height + slackRows, 32);
 }
 
+bool HasScalerSlack(const PixelBuffer& buffer) {
+    const ConstPictureView picture = buffer.View();
+    return picture.data != nullptr && picture.bitsPerPixel == 32 &&
+           buffer.Capacity() - picture.strideBytes * static_cast<size_t>(picture.height) >=
+               kScalerSlackBytes;
+}
+
 bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
     if (src.data == nullptr || dst.data == nullptr || src.bitsPerPixel != 32 ||
         dst.bitsPerPixel != 32 || src.width <= 0 || src.height <= 0 || dst.width <= 0 ||
@@ -81,7 +88,7 @@ void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const Pic
 
     ConstPictureView picture = source.View();
     if (source.width != scaled.width || source.height != scaled.height) {
-        if (source.bitsPerPixel != 32) {
+        if (!HasScalerSlack(source)) {
             return;
         }
         if (contextsMade != nullptr) {

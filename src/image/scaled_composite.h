@@ -17,6 +17,10 @@ inline constexpr uint32_t kScalerSlackBytes = 64;
 // Ensure for a 32-bit width x height picture plus the scaler's slack.
 void EnsureScalable(PixelBuffer& buffer, uint32_t width, uint32_t height);
 
+// True when the buffer's block holds its 32-bit picture and the scaler's
+// slack after it; only such a buffer may be handed to ResizePicture32.
+bool HasScalerSlack(const PixelBuffer& buffer);
+
 // Resizes a 32-bit picture into another with a bicubic filter, keeping the
 // channel order and the row order. A new scaling context is made and freed on
 // every call. Both pictures need kScalerSlackBytes after their last row
@@ -28,7 +32,8 @@ bool ResizePicture32(const ConstPictureView& src, const PictureView& dst);
 // the 24-bit bottom-up frame with its top-left at pos, inside clip; pos and
 // clip are top-down coordinates before scaling. A scale that keeps the size
 // blends source directly. Non-positive or non-finite scales draw nothing, and
-// so does a scaled picture over kMaxPicturePixels. contextsMade, when not
+// so do a scaled picture over kMaxPicturePixels and a source to be scaled
+// without the scaler's slack (HasScalerSlack). contextsMade, when not
 // null, counts the scaling contexts made.
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
                        const RECT& clip, POINT pos, float scale, uint32_t* contextsMade);

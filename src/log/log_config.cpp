@@ -9,6 +9,9 @@
 #include <limits>
 #include <memory>
 #include <string_view>
+#include <vector>
+
+#include "lumets_platform/file.h"
 
 namespace lumets {
 namespace {
@@ -94,20 +97,14 @@ int OnValue(void* user, const char* section, const char* name, const char* value
     return 1;
 }
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-// Where the lines come from: a file or a NUL-terminated text.
+// Where the lines come from: a NUL-terminated text, or a file's bytes up to
+// their end (NUL bytes included).
 struct LineSource {
-    std::FILE* file = nullptr;
     const char* text = nullptr;
+    const char* end = nullptr;  // null: the text ends at its NUL
 
     int Next() {
-        if (file != nullptr) {
-            return std::getc(file);
-        }
-        if (text == nullptr || *text == '\0') {
+        if (text == nullptr || (end != nullptr ? text == end : *text == '\0')) {
             return EOF;
         }
         return static_cast<unsigned char>(*text++);
@@ -190,13 +187,17 @@ LogConfig ReadLogConfigFile(const char* path) {
     if (path == nullptr) {
         return LogConfig{};
     }
-    // "e": the descriptor must not leak into processes the host starts.
-    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path, "re"));
-    if (!file) {
+    std::vector<char> bytes;
+    const bool read = platform::ReadRegularFile(path, kMaxConfigBytes, [&](size_t size) {
+        bytes.resize(size);
+        return reinterpret_cast<uint8_t*>(bytes.data());
+    });
+    if (!read) {
         return LogConfig{};
     }
     LineSource source;
-    source.file = file.get();
+    source.text = bytes.data();
+    source.end = bytes.data() + bytes.size();
     return Parse(source);
 }
 

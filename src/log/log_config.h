@@ -5,6 +5,7 @@
 // value is dropped, and indented lines are ordinary lines.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "log/logger.h"
@@ -21,8 +22,12 @@ struct LogConfig {
 // A null text reads as an empty file.
 LogConfig ParseLogConfig(const char* text);
 
-// Reads a "log.ini" from disk. A file that cannot be read gives the defaults,
-// as a file without the keys does.
+// A "log.ini" longer than this is no configuration file.
+inline constexpr size_t kMaxConfigBytes = 65536;
+
+// Reads a "log.ini" from disk. Only a regular file of at most kMaxConfigBytes
+// is read, without ever blocking; anything else gives the defaults, as a file
+// without the keys does.
 LogConfig ReadLogConfigFile(const char* path);
 
 // Profile-integer reading: leading blanks, an optional sign, then decimal

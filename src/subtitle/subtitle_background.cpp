@@ -69,7 +69,10 @@ void CSubtitleBackground::BuildBackground(int32_t textWidth, int32_t textHeight,
     shift.y = SaturateToInt32(shiftY);
     m_offset = shift;
 
-    if (textWidth < 0 || textHeight < 0 || !PictureSizeAllowed(width, height)) {
+    // The limits apply to the text, so the largest text still gets its plate
+    // with the margins around it.
+    if (textWidth < 0 || textHeight < 0 || textWidth > kMaxPictureSide ||
+        textHeight > kMaxPictureSide || int64_t{textWidth} * textHeight > kMaxPicturePixels) {
         // Nothing sensible to draw: an empty plate draws and uploads nothing.
         // The next valid size differs from 0 x 0 and so rebuilds.
         m_plate.width = 0;
@@ -170,7 +173,7 @@ ConstPictureView CSubtitleBackground::GetScaledBackground(float scale) {
     if (w == m_scaledPlate.width && h == m_scaledPlate.height && !m_scaledStale) {
         return std::as_const(m_scaledPlate).View();
     }
-    if (w < 1 || h < 1 || !PictureSizeAllowed(w, h)) {
+    if (w < 1 || h < 1 || !PictureSizeAllowed(w, h) || !HasScalerSlack(m_plate)) {
         return scaled;
     }
     m_scaledStale = false;

@@ -7,8 +7,9 @@
 //
 // Without a mask (resource missing or undecodable) the plate gets its size but
 // never any pixels, and nothing is drawn or uploaded. Negative text sizes,
-// plates beyond 16384 pixels a side or 16 Mi pixels, and scales that are not
-// finite and above 1e-7 draw nothing either.
+// texts beyond the picture limits (the largest text gets its plate, margins
+// included), scaled plates beyond the limits, and scales that are not finite
+// and above 1e-7 draw nothing either.
 //
 // No lock of its own: the owning item calls it under its background lock.
 #pragma once

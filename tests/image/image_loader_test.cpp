@@ -10,6 +10,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "image/image_loader.h"
@@ -247,34 +249,25 @@ TEST(RefusedImages, FilesThatAreNotPictures) {
 
 // Sizes at and just past the limits, as real files: the refusals come from
 // the limits, not from bad data.
-TEST(RefusedImages, PicturesBeyondTheSizeLimits) {
-    auto blank = [](int width, int height, const std::string& file) {
-        return RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgb24 -s " +
-                          std::to_string(width) + "x" + std::to_string(height) +
-                          " -i /dev/zero -frames:v 1 " + Quote(file));
+// Sizes at and just past the pixel limit, as real files: the refusal comes
+// from the limit, not from bad data. Thin strips load whatever their length.
+TEST(RefusedImages, PicturesBeyondThePixelLimit) {
+    auto blank = [](int width, int height) {
+        const std::string file =
+            Dir().File(std::to_string(width) + "x" + std::to_string(height) + ".png");
+        EXPECT_TRUE(RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgb24 -s " +
+                               std::to_string(width) + "x" + std::to_string(height) +
+                               " -i /dev/zero -frames:v 1 " + Quote(file)));
+        return file;
     };
-    const std::string wide = Dir().File("wide.png");
-    const std::string tall = Dir().File("tall.png");
-    const std::string large = Dir().File("large.png");
-    const std::string widest = Dir().File("widest.png");
-    const std::string largest = Dir().File("largest.png");
-    ASSERT_TRUE(blank(16385, 1, wide));
-    ASSERT_TRUE(blank(1, 16385, tall));
-    ASSERT_TRUE(blank(4097, 4096, large));  // 16,781,312 pixels
-    ASSERT_TRUE(blank(16384, 2, widest));
-    ASSERT_TRUE(blank(4096, 4096, largest));  // exactly 16,777,216 pixels
-    ExpectUntouched(wide);
-    ExpectUntouched(tall);
-    ExpectUntouched(large);
-
-    PixelBuffer target;
-    LoadFile(target, widest);
-    EXPECT_EQ(target.width, 16384);
-    EXPECT_EQ(target.height, 2);
-    LoadFile(target, largest);
-    EXPECT_EQ(target.width, 4096);
-    EXPECT_EQ(target.height, 4096);
-    EXPECT_EQ(target.bitsPerPixel, 24);
+    ExpectUntouched(blank(4097, 4096));  // 16,781,312 pixels
+    const std::pair<int, int> loadable[] = {{20000, 2}, {1, 20000}, {4096, 4096}};
+    for (const auto& [width, height] : loadable) {
+        PixelBuffer target;
+        LoadFile(target, blank(width, height));
+        EXPECT_EQ(std::tuple(target.width, target.height, target.bitsPerPixel),
+                  std::tuple(width, height, 24));
+    }
 }
 
 TEST(CopyImageToBuffer, PadsRowsFlipsThemAndKeepsALargeEnoughBlock) {

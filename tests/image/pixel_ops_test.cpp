@@ -10,6 +10,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <new>
+#include <random>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -235,6 +236,37 @@ TEST(PixelOps, RectRowsPairFromLastRowsBackwardsAndHonourStrides) {
             EXPECT_EQ(dst.Pixel(2, row)[0], expected) << "row " << row;
             EXPECT_EQ(dst.Pixel(3, row)[2], expected) << "row " << row;  // two columns wide
             EXPECT_EQ(dst.Pixel(4, row)[0], 0) << "row " << row;
+        }
+    }
+}
+
+// One picture as source and destination, the rectangles overlapping in every
+// direction: the result equals working from a copy of the source.
+TEST(PixelOps, OverlappingRectanglesActAsIfTheSourceWereCopiedFirst) {
+    std::mt19937 rng(7);
+    const POINT shifts[] = {{1, 0}, {-1, 0}, {0, 1}, {0, -1}, {3, 2}, {-2, -3}};
+    for (const PixelKernels* k : AllTables()) {
+        for (int32_t bpp : {24, 32}) {
+            for (const POINT shift : shifts) {
+                for (bool copy : {true, false}) {
+                    std::vector<uint8_t> bytes(RowStride(16, bpp) * 12);
+                    std::generate(bytes.begin(), bytes.end(), [&] { return rng(); });
+                    std::vector<uint8_t> expected = bytes;
+                    const std::vector<uint8_t> source = bytes;
+                    const RECT from{2, 2, 12, 9};
+                    const RECT to{2 + shift.x, 2 + shift.y, 12 + shift.x, 9 + shift.y};
+                    auto run = [&](std::vector<uint8_t>& dst, const uint8_t* src) {
+                        const PictureView d = PackedPicture(dst.data(), 16, 12, bpp);
+                        const ConstPictureView s = PackedPicture(src, 16, 12, bpp);
+                        copy ? CopyRectPixelsWith(*k, d, to, s, from)
+                             : BlendRectWith(*k, d, to, s, from);
+                    };
+                    run(expected, source.data());
+                    run(bytes, bytes.data());
+                    ASSERT_EQ(bytes, expected) << k->name << " " << bpp << " " << shift.x << ","
+                                               << shift.y << (copy ? " copy" : " blend");
+                }
+            }
         }
     }
 }

@@ -3,6 +3,7 @@
 // cut records, whole records from many threads, colours on a terminal.
 #include <poll.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include <tuple>
 #include <vector>
 
+#include "common/scratch_files.h"
 #include "log/log_config.h"
 #include "log/logger.h"
 #include "lumets/time_source.h"
@@ -73,6 +75,27 @@ TEST(LogConfig, ReadsLevelAndMaskAsTheProfileFunctionsWould) {
     for (size_t padding = 100; padding < 400; ++padding) {
         const std::string text = "[LOG]\nmask=" + std::string(padding, 'x') + "level=1\n";
         ASSERT_EQ(ParseLogConfig(text.c_str()).level, LogInfo) << padding;
+    }
+}
+
+// Only a regular file of at most 64 KiB is read, and nothing blocks: a FIFO
+// without a writer, a link to an endless device, a directory or an oversized
+// file all give the defaults.
+TEST(LogConfig, ReadsOnlyBoundedRegularFilesAndNeverBlocks) {
+    test::ScratchDir dir;
+    const std::string good = dir.File("good.ini");
+    const std::string fifo = dir.File("fifo.ini");
+    const std::string zero = dir.File("zero.ini");
+    const std::string big = dir.File("big.ini");
+    test::WriteBytes(good, {'[', 'L', 'O', 'G', ']', '\n', 'l', 'e', 'v', 'e', 'l', '=', '2'});
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::filesystem::create_symlink("/dev/zero", zero);
+    std::vector<uint8_t> padded(kMaxConfigBytes + 1, ' ');
+    std::copy_n("[LOG]\nlevel=2\n", 14, padded.begin());
+    test::WriteBytes(big, padded);
+    EXPECT_EQ(ReadLogConfigFile(good.c_str()).level, 2);
+    for (const std::string& path : {fifo, zero, big, dir.File("")}) {
+        EXPECT_EQ(ReadLogConfigFile(path.c_str()).level, LogInfo) << path;
     }
 }
 

@@ -73,6 +73,10 @@ TEST(SubtitleBackground, PlateSizeShiftAndUploadFromTheMask) {
     EXPECT_EQ(PlateSize(plate), std::pair(252, 47));
     EXPECT_EQ(std::pair(shift.x, shift.y), std::pair(-26, -3));
 
+    // The widest text the renderer makes still gets its margins.
+    plate.BuildBackground(16384, 20, shift);
+    EXPECT_EQ(PlateSize(plate), std::pair(16436, 36));
+
     // Without the minimum height.
     int32_t width = 200;
     int32_t height = -1;
