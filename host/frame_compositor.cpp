@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "image/ffmpeg_quiet.h"
 #include "image/pixel_ops.h"
 
 namespace lumets::host {
@@ -77,6 +78,7 @@ const uint8_t* CScaledFrameCache::Get(const std::shared_ptr<const CMovie>& movie
         return m_pixels.data();
     }
     m_movie.reset();
+    const CQuietFfmpeg quiet;
     // Planar RGB with alpha: libswscale scales it plane by plane with its
     // vector filters and no detour through YUV, about twice as fast as packed
     // B, G, R, A. The (un)packing loops below are plain copies.

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "ffmpeg_util.h"
+#include "image/ffmpeg_quiet.h"
 #include "movie.h"
 
 extern "C" {
@@ -317,6 +318,7 @@ bool AppendTopDownFrame(CMovie& movie, const uint8_t* pixels, size_t strideBytes
 }
 
 std::shared_ptr<const CMovie> DecodeMovie(const std::string& path) {
+    const CQuietFfmpeg quiet;
     if (LooksLikeAnimatedWebP(path)) {
         return DecodeAnimatedWebP(ReadFile(path, kMaxMovieBytes));
     }

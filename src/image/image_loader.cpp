@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "image/av_handles.h"
+#include "image/ffmpeg_quiet.h"
 #include "image/picture_limits.h"
 #include "image/resources.h"
 #include "lumets_platform/file.h"
@@ -332,7 +333,12 @@ void LoadPacket(PixelBuffer& target, const AVPacket& packet) {
         return;
     }
     DecodedImage image;
-    if (DecodeImage(codec, packet, image)) {
+    bool decoded = false;
+    {
+        const CQuietFfmpeg quiet;
+        decoded = DecodeImage(codec, packet, image);
+    }
+    if (decoded) {
         CopyImageToBuffer(target, &image);
     }
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "image/av_handles.h"
+#include "image/ffmpeg_quiet.h"
 #include "image/picture_limits.h"
 #include "image/pixel_ops.h"
 #include "lumets_platform/geometry.h"
@@ -42,6 +43,7 @@ bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
         src.strideBytes > INT32_MAX || dst.strideBytes > INT32_MAX) {
         return false;
     }
+    const CQuietFfmpeg quiet;
     // The buffers hold B, G, R, A; the same four-channel format on both sides
     // keeps the channels in their order.
     SwsContextPtr context(sws_getContext(src.width, src.height, AV_PIX_FMT_RGBA, dst.width,
