@@ -124,16 +124,22 @@ bool JoinsPrevious(gunichar c, gunichar previous) {
            previous == 0x200D || (c >= 0x1F3FB && c <= 0x1F3FF) || (c >= 0xE0020 && c <= 0xE007F);
 }
 
-// One column's text: its characters one per line.
-std::string StackCharacters(const std::string& line) {
-    std::string out;
+// One column's characters, each with the marks and joiners that belong to
+// it. Line and paragraph separators become spaces: in a column they are
+// characters like any other, not breaks.
+std::vector<std::string> StackCharacters(const std::string& line) {
+    std::vector<std::string> out;
     gunichar previous = 0;
     for (const char* p = line.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
         const gunichar c = g_utf8_get_char(p);
-        if (!out.empty() && !JoinsPrevious(c, previous)) {
-            out.push_back('\n');
+        if (out.empty() || !JoinsPrevious(c, previous)) {
+            out.emplace_back();
         }
-        out.append(p, g_utf8_next_char(p) - p);
+        if (c == 0x2028 || c == 0x2029 || c == 0x85) {
+            out.back().push_back(' ');
+        } else {
+            out.back().append(p, g_utf8_next_char(p) - p);
+        }
         previous = c;
     }
     return out;
@@ -202,8 +208,8 @@ StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
             pango_context_get_metrics(m_context.get(), description.get(), nullptr));
         m_columnWidth = pango_font_metrics_get_ascent(metrics.get()) +
                         pango_font_metrics_get_descent(metrics.get());
-        pango_attr_list_insert(attributes.get(), pango_attr_line_height_new_absolute(
-                                                     static_cast<int>(m_emPixels * PANGO_SCALE)));
+        m_lineHeight = static_cast<int>(m_emPixels * PANGO_SCALE);
+        pango_attr_list_insert(attributes.get(), pango_attr_line_height_new_absolute(m_lineHeight));
         pango_layout_set_alignment(layout, PANGO_ALIGN_CENTER);
         pango_layout_set_width(layout, m_columnWidth);
     } else {
@@ -214,17 +220,14 @@ StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
     pango_layout_set_attributes(layout, attributes.get());
 
     if (!m_vertical) {
-        pango_layout_set_text(layout, m_utf8.data(), static_cast<int>(m_utf8.size()));
+        m_blocks = MakeBlocks(m_utf8);
     } else {
         m_columns = MakeColumns(m_utf8);
     }
 }
 
-float StyledLayout::ColumnHeight(PangoLayout* column) const {
-    if (pango_layout_get_character_count(column) == 0) {
-        return 0.0f;
-    }
-    return static_cast<float>(pango_layout_get_line_count(column) * m_emPixels);
+float StyledLayout::ColumnHeight(const Column& column) const {
+    return static_cast<float>(static_cast<double>(column.characters) * m_emPixels);
 }
 
 StyledLayout::LayoutPtr StyledLayout::WithText(const std::string& utf8) const {
@@ -233,35 +236,76 @@ StyledLayout::LayoutPtr StyledLayout::WithText(const std::string& utf8) const {
     return layout;
 }
 
-std::vector<StyledLayout::LayoutPtr> StyledLayout::MakeColumns(const std::string& utf8) const {
-    std::vector<LayoutPtr> columns;
+std::vector<StyledLayout::Block> StyledLayout::MakeBlocks(const std::string& utf8) const {
+    const std::vector<std::string> lines = SplitLines(utf8);
+    std::vector<Block> blocks;
+    // Heights add up in Pango units, as within one layout, so every line lands
+    // where one layout of the whole text would put it.
+    int64_t top = 0;
+    for (size_t first = 0; first < lines.size(); first += kBlockLines) {
+        const size_t end = std::min(lines.size(), first + kBlockLines);
+        std::string text = lines[first];
+        for (size_t i = first + 1; i < end; ++i) {
+            text.append(1, '\n').append(lines[i]);
+        }
+        Block block;
+        block.layout = WithText(text);
+        PangoRectangle logical{};
+        pango_layout_get_extents(block.layout.get(), nullptr, &logical);
+        block.y = static_cast<double>(top) / PANGO_SCALE;
+        block.width = static_cast<double>(logical.width) / PANGO_SCALE;
+        block.height = static_cast<double>(logical.height) / PANGO_SCALE;
+        top += logical.height;
+        blocks.push_back(std::move(block));
+    }
+    return blocks;
+}
+
+std::vector<StyledLayout::Column> StyledLayout::MakeColumns(const std::string& utf8) const {
+    std::vector<Column> columns;
     for (const std::string& line : SplitLines(utf8)) {
-        columns.push_back(WithText(StackCharacters(line)));
+        const std::vector<std::string> characters = StackCharacters(line);
+        Column column;
+        column.characters = characters.size();
+        // Every line is exactly one line height below the one before.
+        for (size_t first = 0; first < characters.size(); first += kBlockLines) {
+            const size_t end = std::min(characters.size(), first + kBlockLines);
+            std::string text = characters[first];
+            for (size_t i = first + 1; i < end; ++i) {
+                text.append(1, '\n').append(characters[i]);
+            }
+            Block block;
+            block.layout = WithText(text);
+            block.y = static_cast<double>(first) * m_lineHeight / PANGO_SCALE;
+            block.height = static_cast<double>(end - first) * m_lineHeight / PANGO_SCALE;
+            column.blocks.push_back(std::move(block));
+        }
+        columns.push_back(std::move(column));
     }
     return columns;
 }
 
-RectF StyledLayout::Box(PangoLayout* layout) {
-    PangoRectangle logical{};
-    pango_layout_get_extents(layout, nullptr, &logical);
-    return RectF{0, 0, static_cast<float>(logical.width) / PANGO_SCALE,
-                 static_cast<float>(logical.height) / PANGO_SCALE};
+RectF StyledLayout::Box(const std::vector<Block>& blocks) {
+    double width = 0;
+    double height = 0;
+    for (const Block& block : blocks) {
+        width = std::max(width, block.width);
+        height = block.y + block.height;
+    }
+    return RectF{0, 0, static_cast<float>(width), static_cast<float>(height)};
 }
 
-RectF StyledLayout::Box(const std::vector<LayoutPtr>& columns) const {
+RectF StyledLayout::Box(const std::vector<Column>& columns) const {
     float height = 0.0f;
-    for (const LayoutPtr& column : columns) {
-        height = std::max(height, ColumnHeight(column.get()));
+    for (const Column& column : columns) {
+        height = std::max(height, ColumnHeight(column));
     }
     const float columnWidth = static_cast<float>(m_columnWidth) / PANGO_SCALE;
     return RectF{0, 0, columnWidth * static_cast<float>(columns.size()), height};
 }
 
 RectF StyledLayout::MeasureText(const std::string& utf8) const {
-    if (!m_vertical) {
-        return Box(WithText(utf8).get());
-    }
-    return Box(MakeColumns(utf8));
+    return m_vertical ? Box(MakeColumns(utf8)) : Box(MakeBlocks(utf8));
 }
 
 RectF StyledLayout::Measure() const {
@@ -269,7 +313,7 @@ RectF StyledLayout::Measure() const {
         return RectF{};
     }
     // The text's own layouts already exist; measure them as they are.
-    return m_vertical ? Box(m_columns) : Box(m_layout.get());
+    return m_vertical ? Box(m_columns) : Box(m_blocks);
 }
 
 void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {
@@ -327,26 +371,49 @@ template <typename Paint>
 void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const {
     const double x = rect.x - m_shift.x;
     const double y = rect.y - m_shift.y;
-    if (!m_vertical) {
+    // Blocks wholly outside what can be drawn are skipped; the margin takes in
+    // glyphs that reach beyond their lines and the outline's pen.
+    double left = 0;
+    double top = 0;
+    double right = 0;
+    double bottom = 0;
+    cairo_clip_extents(cr, &left, &top, &right, &bottom);
+    const double pen = std::isfinite(m_style.outlineWidth) ? std::fabs(m_style.outlineWidth) : 0;
+    const double margin = 2 * m_emPixels + pen;
+    auto paintAt = [&](const Block& block, double blockX, double blockY, double blockWidth) {
+        if (blockY + block.height + margin < top || blockY - margin > bottom ||
+            blockX + blockWidth + margin < left || blockX - margin > right) {
+            return;
+        }
         cairo_save(cr);
-        cairo_translate(cr, x, y);
-        paint(m_layout.get());
+        cairo_translate(cr, blockX, blockY);
+        paint(block.layout.get());
         cairo_restore(cr);
+    };
+    if (!m_vertical) {
+        // Pango aligns a block's lines within the block's widest line; moving
+        // the block by the rest of the widest line of all keeps every line
+        // where one layout of the whole text would put it.
+        const double width = Box(m_blocks).width;
+        const double alignment = m_style.horizontalAlign == 1   ? 0.5
+                                 : m_style.horizontalAlign == 2 ? 1.0
+                                                                : 0.0;
+        for (const Block& block : m_blocks) {
+            paintAt(block, x + (width - block.width) * alignment, y + block.y, width);
+        }
         return;
     }
     const double columnWidth = static_cast<double>(m_columnWidth) / PANGO_SCALE;
-    double right = x + rect.width - m_emptyLine;
-    for (const LayoutPtr& columnPtr : m_columns) {
-        PangoLayout* column = columnPtr.get();
+    double columnRight = x + rect.width - m_emptyLine;
+    for (const Column& column : m_columns) {
         const double slack = rect.height - ColumnHeight(column);
         const double along = m_style.verticalAlign == 1   ? slack / 2
                              : m_style.verticalAlign == 2 ? slack
                                                           : 0.0;
-        cairo_save(cr);
-        cairo_translate(cr, right - columnWidth, y + along);
-        paint(column);
-        cairo_restore(cr);
-        right -= columnWidth;
+        for (const Block& block : column.blocks) {
+            paintAt(block, columnRight - columnWidth, y + along + block.y, columnWidth);
+        }
+        columnRight -= columnWidth;
     }
 }
 

@@ -68,14 +68,31 @@ class StyledLayout {
 
   private:
     using LayoutPtr = GObjectPtr<PangoLayout>;
+    // Pango lays out a text's lines in time that grows with the square of
+    // their count, so texts are cut into blocks of at most this many lines
+    // (horizontal) or characters (a vertical column), stacked.
+    static constexpr size_t kBlockLines = 256;
+    struct Block {
+        LayoutPtr layout;
+        double y = 0;       // pixels from the top of the text or column
+        double width = 0;   // pixels; measured for horizontal text only
+        double height = 0;  // pixels
+    };
+    struct Column {
+        std::vector<Block> blocks;
+        size_t characters = 0;
+    };
+
     // A copy of the prototype layout holding utf8.
     LayoutPtr WithText(const std::string& utf8) const;
-    // Vertical text: one layout per line of utf8, its characters stacked.
-    std::vector<LayoutPtr> MakeColumns(const std::string& utf8) const;
-    static RectF Box(PangoLayout* layout);
-    RectF Box(const std::vector<LayoutPtr>& columns) const;
+    // Horizontal text: utf8's lines in measured blocks.
+    std::vector<Block> MakeBlocks(const std::string& utf8) const;
+    // Vertical text: one column per line of utf8, its characters stacked.
+    std::vector<Column> MakeColumns(const std::string& utf8) const;
+    static RectF Box(const std::vector<Block>& blocks);
+    RectF Box(const std::vector<Column>& columns) const;
     RectF MeasureText(const std::string& utf8) const;
-    float ColumnHeight(PangoLayout* column) const;
+    float ColumnHeight(const Column& column) const;
     template <typename Paint>
     void ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const;
 
@@ -86,9 +103,11 @@ class StyledLayout {
     RectF m_shift;          // the alignment shift Layout applied to the rectangle
     float m_emptyLine = 0;  // what the final empty line adds across lines
     GObjectPtr<PangoContext> m_context;
-    LayoutPtr m_layout;                // the text, or the column prototype
-    std::vector<LayoutPtr> m_columns;  // vertical text: one layout per column
-    int m_columnWidth = 0;             // Pango units
+    LayoutPtr m_layout;              // the prototype every block copies
+    std::vector<Block> m_blocks;     // horizontal text
+    std::vector<Column> m_columns;   // vertical text
+    int m_columnWidth = 0;           // Pango units
+    int m_lineHeight = 0;            // Pango units, vertical text
     std::string m_utf8;
 };
 

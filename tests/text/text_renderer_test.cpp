@@ -154,6 +154,55 @@ TEST(TextRenderer, UnknownAndEmptyFacesLookTheSameAsTheFallback) {
     EXPECT_EQ(pictures[0], pictures[2]);
 }
 
+// Long texts are laid out in blocks of lines; the blocks must stack and align
+// as one layout would: a centred first line centres on the widest line of all,
+// and a column of 300 characters keeps one em between all of them.
+TEST(TextRenderer, LongTextsPlaceEveryLineAsOneLayoutWould) {
+    TextStyle style = Style(12, 0);  // 16 px em
+    style.horizontalAlign = 1;
+    std::u16string lines;
+    for (int i = 0; i < 299; ++i) {
+        lines += u"I\n";
+    }
+    lines += u"WWWWWWWWWWWWWWWWWWWW";
+    CTextRenderer renderer;
+    renderer.Render(lines.c_str(), &style);
+    SIZE size = renderer.GetSize();
+    std::vector<uint8_t> pixels = Pixels(renderer);
+    int first = size.cx;
+    int last = -1;
+    for (int x = 0; x < size.cx; ++x) {  // the first line, top row of the picture: 8 px down
+        if (pixels[(static_cast<size_t>(size.cy - 1 - 8) * size.cx + x) * 4 + 3] > 128) {
+            first = std::min(first, x);
+            last = x;
+        }
+    }
+    EXPECT_NEAR((first + last) / 2.0, size.cx / 2.0, 3.0);
+
+    style.vertical = 1;
+    renderer.Render(std::u16string(300, u'一').c_str(), &style);
+    size = renderer.GetSize();
+    pixels = Pixels(renderer);
+    // Each character's stroke starts in its own em, the last in the 300th.
+    std::vector<int> bandTops;
+    bool inked = false;
+    for (int top = 0; top < size.cy; ++top) {
+        bool any = false;
+        for (int x = 0; x < size.cx; ++x) {
+            any =
+                any || pixels[(static_cast<size_t>(size.cy - 1 - top) * size.cx + x) * 4 + 3] > 128;
+        }
+        if (any && !inked) {
+            bandTops.push_back(top);
+        }
+        inked = any;
+    }
+    ASSERT_EQ(bandTops.size(), 300u);
+    for (int k : {0, 255, 256, 299}) {
+        EXPECT_EQ(bandTops[k] / 16, k) << bandTops[k];
+    }
+}
+
 TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
     CTextRenderer renderer;
     // A whole block of text without a terminator, on the heap so that
