@@ -78,25 +78,20 @@ TEST(LogConfig, ReadsLevelAndMaskAsTheProfileFunctionsWould) {
     }
 }
 
-// Only a regular file of at most 64 KiB is read, and nothing blocks: a FIFO
-// without a writer, a link to an endless device, a directory or an oversized
-// file all give the defaults.
-TEST(LogConfig, ReadsOnlyBoundedRegularFilesAndNeverBlocks) {
+// Only a regular file of at most 64 KiB is read (the FIFO and the endless
+// device are among the hostile-input cases): a directory or an oversized file
+// gives the defaults.
+TEST(LogConfig, ReadsOnlyBoundedRegularFiles) {
     test::ScratchDir dir;
     const std::string good = dir.File("good.ini");
-    const std::string fifo = dir.File("fifo.ini");
-    const std::string zero = dir.File("zero.ini");
     const std::string big = dir.File("big.ini");
     test::WriteBytes(good, {'[', 'L', 'O', 'G', ']', '\n', 'l', 'e', 'v', 'e', 'l', '=', '2'});
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    std::filesystem::create_symlink("/dev/zero", zero);
     std::vector<uint8_t> padded(kMaxConfigBytes + 1, ' ');
     std::copy_n("[LOG]\nlevel=2\n", 14, padded.begin());
     test::WriteBytes(big, padded);
     EXPECT_EQ(ReadLogConfigFile(good.c_str()).level, 2);
-    for (const std::string& path : {fifo, zero, big, dir.File("")}) {
-        EXPECT_EQ(ReadLogConfigFile(path.c_str()).level, LogInfo) << path;
-    }
+    EXPECT_EQ(ReadLogConfigFile(big.c_str()).level, LogInfo);
+    EXPECT_EQ(ReadLogConfigFile(dir.File("").c_str()).level, LogInfo);
 }
 
 class LoggerTest : public ::testing::Test {

@@ -1,0 +1,155 @@
+// Hostile input, as a careless or hostile host passes it: each case runs in a
+// child process that must finish within its CPU time and memory, so a
+// regression fails here instead of stalling the test run.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/scratch_files.h"
+#include "image/image_loader.h"
+#include "image/picture_limits.h"
+#include "image/pixel_ops.h"
+#include "image/scaled_composite.h"
+#include "log/log_config.h"
+#include "lumets_platform/utf16.h"
+#include "subtitle/subtitle_background.h"
+#include "text/text_renderer.h"
+
+namespace lumets {
+namespace {
+
+// The sanitizers slow code down and count their shadow memory as the
+// process's own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr double kSlowdown = 6;
+#else
+constexpr double kSlowdown = 1;
+#endif
+
+struct Case {
+    const char* name;
+    double cpuSeconds;  // at most, without sanitizers
+    long memoryMb;      // largest resident size, at most
+    std::function<bool()> run;
+};
+
+// Runs c in a child process; empty when it finished in its limits and its
+// check held, else what went wrong.
+std::string RunBounded(const Case& c) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(c.run() ? 0 : 1);
+    }
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration<double>(30 * kSlowdown * c.cpuSeconds + 10);
+    int status = 0;
+    rusage usage{};
+    while (wait4(child, &status, WNOHANG, &usage) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(child, SIGKILL);
+            wait4(child, &status, 0, &usage);
+            return "did not finish";
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const double cpu = usage.ru_utime.tv_sec + usage.ru_utime.tv_usec / 1e6 +
+                       usage.ru_stime.tv_sec + usage.ru_stime.tv_usec / 1e6;
+    const long memoryMb = usage.ru_maxrss / 1024;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        return "failed its check or crashed";
+    }
+    if (cpu > c.cpuSeconds * kSlowdown || memoryMb > c.memoryMb * kSlowdown) {
+        return "took " + std::to_string(cpu) + " s and " + std::to_string(memoryMb) + " MB";
+    }
+    return {};
+}
+
+bool RendersInLimits(const std::u16string& text, const TextStyle& style) {
+    CTextRenderer renderer;
+    renderer.Render(text.c_str(), &style);
+    const SIZE size = renderer.GetSize();
+    return size.cx >= 2 && size.cy >= 2 && size.cx <= kMaxPictureSide &&
+           size.cy <= kMaxPictureSide && int64_t{size.cx} * size.cy <= kMaxPicturePixels;
+}
+
+TEST(HostileInput, EveryCaseFinishesInItsLimits) {
+    test::ScratchDir dir;
+    const std::string fifo = dir.File("fifo.ini");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string zero = dir.File("zero.ini");
+    std::filesystem::create_symlink("/dev/zero", zero);
+    const std::string strip = dir.File("strip.png");
+    ASSERT_TRUE(
+        test::RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgb24 -s "
+                         "20000x2 -i /dev/zero -frames:v 1 " +
+                         test::Quote(strip)));
+    TextStyle vertical;
+    vertical.vertical = 1;
+
+    const Case cases[] = {
+        {"65,535 W, vertical", 1.0, 512,
+         [&] { return RendersInLimits(std::u16string(65535, u'W'), vertical); }},
+        {"32,767 lines of W", 1.0, 512,
+         [] {
+             std::u16string text;
+             for (int i = 0; i < 32767; ++i) {
+                 text += u"W\n";
+             }
+             return RendersInLimits(text, TextStyle());
+         }},
+        {"log.ini a FIFO", 0.5, 128,
+         [&] { return ReadLogConfigFile(fifo.c_str()).level == LogInfo; }},
+        {"log.ini a link to /dev/zero", 0.5, 128,
+         [&] { return ReadLogConfigFile(zero.c_str()).level == LogInfo; }},
+        {"copy between overlapping rectangles", 0.5, 128,
+         [] {
+             std::vector<uint8_t> bytes(RowStride(64, 24) * 64, 7);
+             const PictureView view = PackedPicture(bytes.data(), 64, 64, 24);
+             CopyRectPixels(view, RECT{1, 1, 64, 64}, view, RECT{0, 0, 63, 63});
+             return bytes[0] == 7;
+         }},
+        {"scaling a picture without spare bytes", 0.5, 128,
+         [] {
+             PixelBuffer picture;
+             picture.Ensure(40, 20, 32);
+             picture.width = 40;
+             picture.height = 20;
+             PixelBuffer scaled;
+             std::vector<uint8_t> frame(RowStride(100, 24) * 100, 9);
+             BlendScaledInto24(picture, scaled, PackedPicture(frame.data(), 100, 100, 24),
+                               RECT{0, 0, 100, 100}, POINT{0, 0}, 2.0f, nullptr);
+             return frame == std::vector<uint8_t>(frame.size(), 9);
+         }},
+        {"a plate for a 16,370 px text", 1.0, 512,
+         [] {
+             CSubtitleBackground plate;
+             POINT shift{};
+             plate.BuildBackground(16370, 40, shift);
+             return plate.Plate().width == 16370 + 52 && plate.Plate().Data() != nullptr;
+         }},
+        {"a 20000 x 2 PNG", 1.0, 256,
+         [&] {
+             PixelBuffer target;
+             LoadImageFile(target, platform::Utf8ToU16(strip).c_str());
+             return target.width == 20000 && target.height == 2;
+         }},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(RunBounded(c), "") << c.name;
+    }
+}
+
+}  // namespace
+}  // namespace lumets
