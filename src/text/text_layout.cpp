@@ -145,6 +145,25 @@ std::vector<std::string> StackCharacters(const std::string& line) {
     return out;
 }
 
+// A long line cut after every count characters, never before a mark or
+// joiner that belongs to the character before it.
+std::vector<std::string> SplitPieces(const std::string& line, size_t count) {
+    std::vector<std::string> pieces(1);
+    size_t inPiece = 0;
+    gunichar previous = 0;
+    for (const char* p = line.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
+        const gunichar c = g_utf8_get_char(p);
+        if (inPiece >= count && !JoinsPrevious(c, previous)) {
+            pieces.emplace_back();
+            inPiece = 0;
+        }
+        pieces.back().append(p, g_utf8_next_char(p) - p);
+        ++inPiece;
+        previous = c;
+    }
+    return pieces;
+}
+
 std::vector<std::string> SplitLines(const std::string& text) {
     std::vector<std::string> lines;
     size_t begin = 0;
@@ -236,27 +255,60 @@ StyledLayout::LayoutPtr StyledLayout::WithText(const std::string& utf8) const {
     return layout;
 }
 
+size_t StyledLayout::PieceCharacters() const {
+    constexpr double kMaxExtentPixels = 2147483647.0 / PANGO_SCALE;
+    return std::max<size_t>(1, static_cast<size_t>(kMaxExtentPixels / (16 * m_emPixels)));
+}
+
 std::vector<StyledLayout::Block> StyledLayout::MakeBlocks(const std::string& utf8) const {
     const std::vector<std::string> lines = SplitLines(utf8);
+    const size_t pieceCharacters = PieceCharacters();
+    auto isLong = [&](const std::string& line) {
+        return static_cast<size_t>(g_utf8_strlen(line.data(), static_cast<gssize>(line.size()))) >
+               pieceCharacters;
+    };
     std::vector<Block> blocks;
     // Heights add up in Pango units, as within one layout, so every line lands
     // where one layout of the whole text would put it.
     int64_t top = 0;
-    for (size_t first = 0; first < lines.size(); first += kBlockLines) {
-        const size_t end = std::min(lines.size(), first + kBlockLines);
-        std::string text = lines[first];
-        for (size_t i = first + 1; i < end; ++i) {
-            text.append(1, '\n').append(lines[i]);
-        }
+    auto measured = [&](const std::string& text, int64_t x, PangoRectangle* logical) {
         Block block;
         block.layout = WithText(text);
-        PangoRectangle logical{};
-        pango_layout_get_extents(block.layout.get(), nullptr, &logical);
+        pango_layout_get_extents(block.layout.get(), nullptr, logical);
+        block.x = static_cast<double>(x) / PANGO_SCALE;
         block.y = static_cast<double>(top) / PANGO_SCALE;
-        block.width = static_cast<double>(logical.width) / PANGO_SCALE;
-        block.height = static_cast<double>(logical.height) / PANGO_SCALE;
+        block.width = static_cast<double>(logical->width) / PANGO_SCALE;
+        block.height = static_cast<double>(logical->height) / PANGO_SCALE;
+        block.lineWidth = block.width;
+        return block;
+    };
+    for (size_t first = 0; first < lines.size();) {
+        PangoRectangle logical{};
+        if (isLong(lines[first])) {
+            // Pieces side by side make the line; its height is the tallest's.
+            const size_t firstPiece = blocks.size();
+            int64_t x = 0;
+            int64_t height = 0;
+            for (const std::string& piece : SplitPieces(lines[first], pieceCharacters)) {
+                blocks.push_back(measured(piece, x, &logical));
+                x += logical.width;
+                height = std::max<int64_t>(height, logical.height);
+            }
+            for (size_t i = firstPiece; i < blocks.size(); ++i) {
+                blocks[i].lineWidth = static_cast<double>(x) / PANGO_SCALE;
+            }
+            top += height;
+            ++first;
+            continue;
+        }
+        size_t end = first + 1;
+        std::string text = lines[first];
+        for (; end < lines.size() && end - first < kBlockLines && !isLong(lines[end]); ++end) {
+            text.append(1, '\n').append(lines[end]);
+        }
+        blocks.push_back(measured(text, 0, &logical));
         top += logical.height;
-        blocks.push_back(std::move(block));
+        first = end;
     }
     return blocks;
 }
@@ -289,8 +341,8 @@ RectF StyledLayout::Box(const std::vector<Block>& blocks) {
     double width = 0;
     double height = 0;
     for (const Block& block : blocks) {
-        width = std::max(width, block.width);
-        height = block.y + block.height;
+        width = std::max(width, block.lineWidth);
+        height = std::max(height, block.y + block.height);
     }
     return RectF{0, 0, static_cast<float>(width), static_cast<float>(height)};
 }
@@ -393,13 +445,15 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     if (!m_vertical) {
         // Pango aligns a block's lines within the block's widest line; moving
         // the block by the rest of the widest line of all keeps every line
-        // where one layout of the whole text would put it.
+        // where one layout of the whole text would put it. Pieces of a long
+        // line follow each other from where their whole line is placed.
         const double width = Box(m_blocks).width;
         const double alignment = m_style.horizontalAlign == 1   ? 0.5
                                  : m_style.horizontalAlign == 2 ? 1.0
                                                                 : 0.0;
         for (const Block& block : m_blocks) {
-            paintAt(block, x + (width - block.width) * alignment, y + block.y, width);
+            paintAt(block, x + (width - block.lineWidth) * alignment + block.x, y + block.y,
+                    block.width);
         }
         return;
     }

@@ -72,11 +72,15 @@ class StyledLayout {
     // their count, so texts are cut into blocks of at most this many lines
     // (horizontal) or characters (a vertical column), stacked.
     static constexpr size_t kBlockLines = 256;
+    // A block of short lines, or one piece of a long line (horizontal text),
+    // or up to kBlockLines characters of a column (vertical text).
     struct Block {
         LayoutPtr layout;
-        double y = 0;       // pixels from the top of the text or column
-        double width = 0;   // pixels; measured for horizontal text only
-        double height = 0;  // pixels
+        double x = 0;          // pixels from the start of its line (pieces)
+        double y = 0;          // pixels from the top of the text or column
+        double width = 0;      // pixels; measured for horizontal text only
+        double height = 0;     // pixels
+        double lineWidth = 0;  // what alignment sees: the block's, or its whole line's
     };
     struct Column {
         std::vector<Block> blocks;
@@ -85,7 +89,11 @@ class StyledLayout {
 
     // A copy of the prototype layout holding utf8.
     LayoutPtr WithText(const std::string& utf8) const;
-    // Horizontal text: utf8's lines in measured blocks.
+    // Characters in one piece of a long line: few enough that its width stays
+    // within Pango's 32-bit extents even if every glyph were sixteen ems wide.
+    size_t PieceCharacters() const;
+    // Horizontal text: utf8's lines in measured blocks; a line longer than
+    // PieceCharacters is measured and drawn piece by piece.
     std::vector<Block> MakeBlocks(const std::string& utf8) const;
     // Vertical text: one column per line of utf8, its characters stacked.
     std::vector<Column> MakeColumns(const std::string& utf8) const;

@@ -109,6 +109,24 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              }
              return RendersInLimits(text, TextStyle());
          }},
+        {"32,767 colour emoji at 1100 pt", 1.0, 512,
+         [] {
+             std::u16string text;
+             for (int i = 0; i < 32767; ++i) {
+                 text += u"\U0001F600";
+             }
+             TextStyle style;
+             style.fontSize = 1100;
+             return RendersInLimits(text, style);
+         }},
+        {"4,500 W on one line at 400 pt", 1.0, 512,
+         [] {
+             TextStyle style;
+             style.fontSize = 400;
+             CTextRenderer renderer;
+             renderer.Render(std::u16string(4500, u'W').c_str(), &style);
+             return renderer.GetSize().cx == kMaxPictureSide;  // cut, not measured as 0
+         }},
         {"log.ini a FIFO", 0.5, 128,
          [&] { return ReadLogConfigFile(fifo.c_str()).level == LogInfo; }},
         {"log.ini a link to /dev/zero", 0.5, 128,
