@@ -285,19 +285,26 @@ std::vector<StyledLayout::Block> StyledLayout::MakeBlocks(const std::string& utf
     for (size_t first = 0; first < lines.size();) {
         PangoRectangle logical{};
         if (isLong(lines[first])) {
-            // Pieces side by side make the line; its height is the tallest's.
+            // Pieces side by side make the line, on one baseline as within one
+            // layout: the highest ascent above it, the deepest descent below.
             const size_t firstPiece = blocks.size();
+            std::vector<int> baselines;
             int64_t x = 0;
-            int64_t height = 0;
+            int64_t ascent = 0;
+            int64_t descent = 0;
             for (const std::string& piece : SplitPieces(lines[first], pieceCharacters)) {
                 blocks.push_back(measured(piece, x, &logical));
+                baselines.push_back(pango_layout_get_baseline(blocks.back().layout.get()));
                 x += logical.width;
-                height = std::max<int64_t>(height, logical.height);
+                ascent = std::max<int64_t>(ascent, baselines.back());
+                descent = std::max<int64_t>(descent, logical.height - baselines.back());
             }
             for (size_t i = firstPiece; i < blocks.size(); ++i) {
                 blocks[i].lineWidth = static_cast<double>(x) / PANGO_SCALE;
+                blocks[i].y +=
+                    static_cast<double>(ascent - baselines[i - firstPiece]) / PANGO_SCALE;
             }
-            top += height;
+            top += ascent + descent;
             ++first;
             continue;
         }
