@@ -16,8 +16,10 @@ namespace {
 // Glyphs bigger than this are drawn as outlines: a rasterised glyph of a
 // huge font would need more memory than the whole bitmap may have.
 constexpr double kMaxRasterGlyphPixels = 512.0;
-// Ems beyond this could not show a single whole glyph in a bitmap anyway.
-constexpr double kMaxEmPixels = 2.0 * kMaxPictureSide;
+// Ems beyond this could not show a single whole glyph in a bitmap anyway, and
+// a little beyond it (about 17,500 px) Pango's sizes for scaled colour emoji
+// faces overflow.
+constexpr double kMaxEmPixels = kMaxPictureSide;
 
 // Sides saturate at +-2^30, which keeps the even rounding free of overflow.
 int32_t TruncateSide(float value) {

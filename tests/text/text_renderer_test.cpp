@@ -233,7 +233,7 @@ TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
             s.outline = outlineWidth != 0.0f;
             s.outlineWidth = outlineWidth;
             s.fillAngle = outlineWidth;  // odd angles too
-            renderer.Render(u"Big 字", &s);
+            renderer.Render(u"Big 字✨", &s);
             size = renderer.GetSize();
             EXPECT_GE(size.cx, 2);
             EXPECT_GE(size.cy, 2);
