@@ -17,18 +17,18 @@ namespace lumets {
 inline constexpr int32_t kMaxPictureSide = 16384;
 inline constexpr int64_t kMaxPicturePixels = 16777216;
 
-// True for a picture of at least one pixel within both limits.
-constexpr bool PictureSizeAllowed(int64_t width, int64_t height) {
-    return width > 0 && height > 0 && width <= kMaxPictureSide && height <= kMaxPictureSide &&
-           width * height <= kMaxPicturePixels;
-}
-
 // The memory limit alone: at least one pixel, and no more than
 // kMaxPicturePixels in all, whatever the shape (image files, whose strips may
 // be long).
 constexpr bool PicturePixelsAllowed(int64_t width, int64_t height) {
     return width > 0 && height > 0 && width <= kMaxPicturePixels && height <= kMaxPicturePixels &&
            width * height <= kMaxPicturePixels;
+}
+
+// True for a picture of at least one pixel within both limits.
+constexpr bool PictureSizeAllowed(int64_t width, int64_t height) {
+    return PicturePixelsAllowed(width, height) && width <= kMaxPictureSide &&
+           height <= kMaxPictureSide;
 }
 
 // value clamped into the int32 range.

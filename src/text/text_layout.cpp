@@ -166,6 +166,15 @@ std::vector<std::string> SplitPieces(const std::string& line, size_t count) {
     return pieces;
 }
 
+// parts[first, end) joined into one text of lines.
+std::string JoinLines(const std::vector<std::string>& parts, size_t first, size_t end) {
+    std::string text = parts[first];
+    for (size_t i = first + 1; i < end; ++i) {
+        text.append(1, '\n').append(parts[i]);
+    }
+    return text;
+}
+
 std::vector<std::string> SplitLines(const std::string& text) {
     std::vector<std::string> lines;
     size_t begin = 0;
@@ -311,11 +320,10 @@ std::vector<StyledLayout::Block> StyledLayout::MakeBlocks(const std::string& utf
             continue;
         }
         size_t end = first + 1;
-        std::string text = lines[first];
-        for (; end < lines.size() && end - first < kBlockLines && !isLong(lines[end]); ++end) {
-            text.append(1, '\n').append(lines[end]);
+        while (end < lines.size() && end - first < kBlockLines && !isLong(lines[end])) {
+            ++end;
         }
-        blocks.push_back(measured(text, 0, &logical));
+        blocks.push_back(measured(JoinLines(lines, first, end), 0, &logical));
         top += logical.height;
         first = end;
     }
@@ -331,12 +339,8 @@ std::vector<StyledLayout::Column> StyledLayout::MakeColumns(const std::string& u
         // Every line is exactly one line height below the one before.
         for (size_t first = 0; first < characters.size(); first += kBlockLines) {
             const size_t end = std::min(characters.size(), first + kBlockLines);
-            std::string text = characters[first];
-            for (size_t i = first + 1; i < end; ++i) {
-                text.append(1, '\n').append(characters[i]);
-            }
             Block block;
-            block.layout = WithText(text);
+            block.layout = WithText(JoinLines(characters, first, end));
             block.y = static_cast<double>(first) * m_lineHeight / PANGO_SCALE;
             block.height = static_cast<double>(end - first) * m_lineHeight / PANGO_SCALE;
             column.blocks.push_back(std::move(block));
