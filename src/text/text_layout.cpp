@@ -443,7 +443,9 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     double right = 0;
     double bottom = 0;
     cairo_clip_extents(cr, &left, &top, &right, &bottom);
-    const double pen = std::isfinite(m_style.outlineWidth) ? std::fabs(m_style.outlineWidth) : 0;
+    const double pen = std::isfinite(m_style.outlineWidth)
+                           ? std::min<double>(std::fabs(m_style.outlineWidth), m_emPixels)
+                           : 0;
     const double margin = 2 * m_emPixels + pen;
     auto paintAt = [&](const Block& block, double blockX, double blockY, double blockWidth) {
         if (blockY + block.height + margin < top || blockY - margin > bottom ||
@@ -484,13 +486,16 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     }
 }
 
-void StyledLayout::AppendPath(cairo_t* cr, const RectF& rect) const {
+void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
+                               const std::function<void(cairo_t*)>& use) const {
     if (m_layout == nullptr || m_empty) {
         return;
     }
-    ForEachBlock(cr, rect, [cr](PangoLayout* layout) {
+    ForEachBlock(cr, rect, [cr, &use](PangoLayout* layout) {
         pango_cairo_update_layout(cr, layout);
         pango_cairo_layout_path(cr, layout);
+        cairo_identity_matrix(cr);
+        use(cr);
     });
 }
 

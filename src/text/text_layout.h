@@ -7,6 +7,7 @@
 #include <pango/pangocairo.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -61,9 +62,14 @@ class StyledLayout {
     // The layout rectangle (x, y corrected, measured size) and the bitmap size.
     void Layout(RectF* layoutRect, BitmapSize* size);
 
-    // Puts the text's outline into cr's path with its box at rect; for drawing
-    // without outline, ShowIn paints it with the current source, clipped to rect.
-    void AppendPath(cairo_t* cr, const RectF& rect) const;
+    double EmPixels() const { return m_emPixels; }
+
+    // With the text's box at rect, puts the outline of each block of lines that
+    // can reach the clip into cr's path in turn, and calls use(cr) with the
+    // identity matrix to consume it. For drawing without outline, ShowIn paints
+    // the text with the current source, clipped to rect.
+    void ForEachPath(cairo_t* cr, const RectF& rect,
+                     const std::function<void(cairo_t*)>& use) const;
     void ShowIn(cairo_t* cr, const RectF& rect) const;
 
   private:
@@ -111,11 +117,11 @@ class StyledLayout {
     RectF m_shift;          // the alignment shift Layout applied to the rectangle
     float m_emptyLine = 0;  // what the final empty line adds across lines
     GObjectPtr<PangoContext> m_context;
-    LayoutPtr m_layout;              // the prototype every block copies
-    std::vector<Block> m_blocks;     // horizontal text
-    std::vector<Column> m_columns;   // vertical text
-    int m_columnWidth = 0;           // Pango units
-    int m_lineHeight = 0;            // Pango units, vertical text
+    LayoutPtr m_layout;             // the prototype every block copies
+    std::vector<Block> m_blocks;    // horizontal text
+    std::vector<Column> m_columns;  // vertical text
+    int m_columnWidth = 0;          // Pango units
+    int m_lineHeight = 0;           // Pango units, vertical text
     std::string m_utf8;
 };
 

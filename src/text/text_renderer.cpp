@@ -10,6 +10,7 @@
 #include "image/scaled_composite.h"
 #include "text/cairo_handles.h"
 #include "text/font_system.h"
+#include "text/outline_stroke.h"
 #include "text/text_color.h"
 #include "text/text_layout.h"
 
@@ -177,19 +178,22 @@ void CTextRenderer::Draw() {
                 shifted.x += penWidth / 2;
                 shifted.y += penWidth / 2;
             }
-            layout.AppendPath(cr.get(), shifted);
             if (stroke) {
-                // The fill goes over the stroke, so only the outer half of the
-                // pen shows outside the glyphs.
+                // All strokes go under all fills, so only the outer half of the
+                // pen shows outside the glyphs. A pen wider than the em only
+                // buries the text, and its cost grows with its square.
+                COutlineStroker stroker(std::min<double>(penWidth, layout.EmPixels()));
+                cairo_push_group_with_content(cr.get(), CAIRO_CONTENT_ALPHA);
+                layout.ForEachPath(cr.get(), shifted,
+                                   [&stroker](cairo_t* c) { stroker.StrokeAndClear(c); });
+                CairoPatternPtr coverage(cairo_pop_group(cr.get()));
                 SetSourceArgb(cr.get(),
                               ArgbFromStyleColor(m_style.outlineColor, m_style.outlineAlpha));
-                cairo_set_line_width(cr.get(), std::min(penWidth, 2.0f * kMaxPictureSide));
-                cairo_set_line_join(cr.get(), CAIRO_LINE_JOIN_ROUND);
-                cairo_stroke_preserve(cr.get());
+                cairo_mask(cr.get(), coverage.get());
             }
             cairo_set_source(cr.get(), fill.get());
             cairo_set_fill_rule(cr.get(), CAIRO_FILL_RULE_EVEN_ODD);
-            cairo_fill(cr.get());
+            layout.ForEachPath(cr.get(), shifted, [](cairo_t* c) { cairo_fill(c); });
         }
     }
     cr.reset();

@@ -119,6 +119,22 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              style.fontSize = 1100;
              return RendersInLimits(text, style);
          }},
+        {"1,024 lines of 63 W, outline pen 3, 200 and 1000", 1.0 * 3, 512,
+         [] {
+             std::u16string text;
+             for (int i = 0; i < 1024; ++i) {
+                 text += std::u16string(63, u'W') + u'\n';
+             }
+             TextStyle style;
+             style.outline = 1;
+             for (float pen : {3.0f, 200.0f, 1000.0f}) {
+                 style.outlineWidth = pen;
+                 if (!RendersInLimits(text, style)) {
+                     return false;
+                 }
+             }
+             return true;
+         }},
         {"4,500 W on one line at 400 pt", 1.0, 512,
          [] {
              TextStyle style;
