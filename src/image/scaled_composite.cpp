@@ -1,7 +1,9 @@
 #include "image/scaled_composite.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
+#include <numeric>
 
 #include <utility>
 
@@ -19,6 +21,44 @@ int32_t ScaleCoordinate(int32_t value, float scale) {
     return TruncateSaturated(static_cast<double>(static_cast<float>(value) * scale));
 }
 
+// The rectangle of a width x height picture with its top-left at at.
+RECT Placed(POINT at, int64_t width, int64_t height) {
+    return RECT{at.x, at.y, SaturateToInt32(at.x + width), SaturateToInt32(at.y + height)};
+}
+
+// The columns to scale so that scaled columns [first, last) come out as
+// scaling whole rows would give them: where the sampling grid repeats every
+// few source pixels (its period, source / gcd), a part that starts and ends
+// on it samples the very positions the whole row would.
+struct Span {
+    int64_t srcStart = 0;
+    int64_t srcLength = 0;
+    int64_t dstStart = 0;
+    int64_t dstLength = 0;
+};
+
+constexpr int64_t kMaxAlignedPeriod = 256;
+
+bool AlignedSpan(int64_t sourceLength, int64_t scaledLength, int64_t first, int64_t last,
+                 Span* span) {
+    const int64_t g = std::gcd(sourceLength, scaledLength);
+    const int64_t srcPeriod = sourceLength / g;
+    const int64_t dstPeriod = scaledLength / g;
+    if (srcPeriod > kMaxAlignedPeriod) {
+        return false;
+    }
+    const double ratio = static_cast<double>(sourceLength) / static_cast<double>(scaledLength);
+    // The bicubic filter reaches two source pixels each way, widened when
+    // shrinking; one more covers rounding.
+    const double margin = 2 * std::max(1.0, ratio) + 1;
+    const double from = (static_cast<double>(first) * ratio - margin) / srcPeriod;
+    const double to = (static_cast<double>(last) * ratio + margin) / srcPeriod;
+    const int64_t k0 = std::clamp<int64_t>(static_cast<int64_t>(std::floor(from)), 0, g);
+    const int64_t k1 = std::clamp<int64_t>(static_cast<int64_t>(std::ceil(to)), k0, g);
+    *span = Span{k0 * srcPeriod, (k1 - k0) * srcPeriod, k0 * dstPeriod, (k1 - k0) * dstPeriod};
+    return true;
+}
+
 }  // namespace
 
 void EnsureScalable(PixelBuffer& buffer, uint32_t width, uint32_t height) {
@@ -34,30 +74,75 @@ bool HasScalerSlack(const PixelBuffer& buffer) {
                kScalerSlackBytes;
 }
 
-bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
+bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t scaledHeight,
+                  int32_t firstRow) {
     if (src.data == nullptr || dst.data == nullptr || src.bitsPerPixel != 32 ||
         dst.bitsPerPixel != 32 || src.width <= 0 || src.height <= 0 || dst.width <= 0 ||
         dst.height <= 0 || src.width > INT32_MAX / 4 || dst.width > INT32_MAX / 4 ||
         src.strideBytes < size_t{4} * static_cast<uint32_t>(src.width) ||
         dst.strideBytes < size_t{4} * static_cast<uint32_t>(dst.width) ||
-        src.strideBytes > INT32_MAX || dst.strideBytes > INT32_MAX) {
+        src.strideBytes > INT32_MAX || dst.strideBytes > INT32_MAX || firstRow < 0 ||
+        scaledHeight < dst.height || firstRow > scaledHeight - dst.height) {
         return false;
     }
     const CQuietFfmpeg quiet;
     // The buffers hold B, G, R, A; the same four-channel format on both sides
     // keeps the channels in their order.
     SwsContextPtr context(sws_getContext(src.width, src.height, AV_PIX_FMT_RGBA, dst.width,
-                                         dst.height, AV_PIX_FMT_RGBA, SWS_BICUBIC, nullptr, nullptr,
-                                         nullptr));
+                                         scaledHeight, AV_PIX_FMT_RGBA, SWS_BICUBIC, nullptr,
+                                         nullptr, nullptr));
     if (!context) {
         return false;
     }
-    const uint8_t* const srcPlanes[1] = {src.data};
     const int srcStrides[1] = {static_cast<int>(src.strideBytes)};
-    uint8_t* const dstPlanes[1] = {dst.data};
     const int dstStrides[1] = {static_cast<int>(dst.strideBytes)};
-    return sws_scale(context.get(), srcPlanes, srcStrides, 0, src.height, dstPlanes, dstStrides) ==
-           dst.height;
+    if (firstRow == 0 && dst.height == scaledHeight) {
+        const uint8_t* const srcPlanes[1] = {src.data};
+        uint8_t* const dstPlanes[1] = {dst.data};
+        return sws_scale(context.get(), srcPlanes, srcStrides, 0, src.height, dstPlanes,
+                         dstStrides) == dst.height;
+    }
+
+    // Some rows only: the frame interface hands the scaler the whole source
+    // and asks for those rows of the whole result. Both frames borrow the
+    // pictures' memory; the scaler addresses the rows it writes from where
+    // the whole result would start.
+    AvFramePtr in(av_frame_alloc());
+    AvFramePtr out(av_frame_alloc());
+    if (!in || !out) {
+        return false;
+    }
+    auto borrow = [](uint8_t* data, size_t size, int flags) {
+        return av_buffer_create(
+            data, size, [](void*, uint8_t*) {}, nullptr, flags);
+    };
+    in->buf[0] = borrow(const_cast<uint8_t*>(src.data), src.strideBytes * src.height,
+                        AV_BUFFER_FLAG_READONLY);
+    out->buf[0] = borrow(dst.data, dst.strideBytes * dst.height, 0);
+    if (in->buf[0] == nullptr || out->buf[0] == nullptr) {
+        return false;
+    }
+    in->data[0] = const_cast<uint8_t*>(src.data);
+    in->linesize[0] = srcStrides[0];
+    in->width = src.width;
+    in->height = src.height;
+    in->format = AV_PIX_FMT_RGBA;
+    out->data[0] = reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(dst.data) -
+                                              dst.strideBytes * static_cast<size_t>(firstRow));
+    out->linesize[0] = dstStrides[0];
+    out->width = dst.width;
+    out->height = scaledHeight;
+    out->format = AV_PIX_FMT_RGBA;
+    bool done = sws_frame_start(context.get(), out.get(), in.get()) >= 0;
+    done = done && sws_send_slice(context.get(), 0, static_cast<unsigned>(src.height)) >= 0 &&
+           sws_receive_slice(context.get(), static_cast<unsigned>(firstRow),
+                             static_cast<unsigned>(dst.height)) >= 0;
+    sws_frame_end(context.get());
+    return done;
+}
+
+bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
+    return ResizeRows32(src, dst, dst.height, 0);
 }
 
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
@@ -74,59 +159,74 @@ void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const Pic
     if (!(scaledWidth < 4294967296.0f) || !(scaledHeight < 4294967296.0f)) {
         return;
     }
-    const uint32_t sw = static_cast<uint32_t>(scaledWidth);
-    const uint32_t sh = static_cast<uint32_t>(scaledHeight);
+    const int64_t sw = static_cast<int64_t>(scaledWidth);
+    const int64_t sh = static_cast<int64_t>(scaledHeight);
     if (sw == 0 || sh == 0) {
         return;
     }
-    if (static_cast<uint64_t>(sw) * sh > static_cast<uint64_t>(kMaxPicturePixels)) {
-        return;
-    }
 
-    scaled.bitsPerPixel = source.bitsPerPixel;
-    scaled.width = static_cast<int32_t>(sw);
-    scaled.height = static_cast<int32_t>(sh);
-    EnsureScalable(scaled, sw, sh);
-
-    ConstPictureView picture = source.View();
-    if (source.width != scaled.width || source.height != scaled.height) {
-        if (!HasScalerSlack(source)) {
-            return;
-        }
-        if (contextsMade != nullptr) {
-            ++*contextsMade;
-        }
-        // Without a scaling context there is no new picture to show; the
-        // scaled buffer may hold anything, so nothing is blended.
-        if (!ResizePicture32(picture, scaled.View())) {
-            return;
-        }
-        picture = std::as_const(scaled).View();
-    }
-    if (picture.data == nullptr || picture.width == 0 || picture.height == 0) {
-        return;
-    }
-
+    // Where the scaled picture lands, and the part of it that can show.
     const RECT z{ScaleCoordinate(clip.left, scale), ScaleCoordinate(clip.top, scale),
                  ScaleCoordinate(clip.right, scale), ScaleCoordinate(clip.bottom, scale)};
     const POINT p{ScaleCoordinate(pos.x, scale), ScaleCoordinate(pos.y, scale)};
     const RECT frameRect{0, 0, frame.width, frame.height};
+    const RECT whole = Placed(p, sw, sh);
     RECT inFrame{};
-    if (!platform::IntersectRect(&inFrame, &z, &frameRect)) {
+    RECT visible{};
+    if (!platform::IntersectRect(&inFrame, &z, &frameRect) ||
+        !platform::IntersectRect(&visible, &whole, &inFrame)) {
         return;
     }
-    const RECT text{p.x, p.y, SaturateToInt32(int64_t{p.x} + picture.width),
-                    SaturateToInt32(int64_t{p.y} + picture.height)};
-    RECT visible{};
-    if (!platform::IntersectRect(&visible, &text, &inFrame)) {
+
+    ConstPictureView picture = source.View();
+    POINT at = p;
+    if (source.width != sw || source.height != sh) {
+        if (!HasScalerSlack(source)) {
+            return;
+        }
+        // Only the visible rows are scaled (memory rows run bottom-up), and
+        // only the visible columns where the sampling grid allows.
+        const int64_t rows = int64_t{visible.bottom} - visible.top;
+        const int64_t firstRow = sh - (visible.bottom - int64_t{p.y});
+        Span columns{0, source.width, 0, sw};
+        AlignedSpan(source.width, sw, visible.left - int64_t{p.x}, visible.right - int64_t{p.x},
+                    &columns);
+        if (columns.dstLength > kMaxPicturePixels || columns.dstLength * rows > kMaxPicturePixels ||
+            sh > INT32_MAX) {
+            return;
+        }
+        scaled.bitsPerPixel = 32;
+        scaled.width = static_cast<int32_t>(columns.dstLength);
+        scaled.height = static_cast<int32_t>(rows);
+        EnsureScalable(scaled, scaled.width, scaled.height);
+        if (contextsMade != nullptr) {
+            ++*contextsMade;
+        }
+        // The part's rows end where the source's do or before, so the
+        // source's slack serves the part too.
+        const ConstPictureView part{
+            picture.data + size_t{4} * static_cast<size_t>(columns.srcStart),
+            static_cast<int32_t>(columns.srcLength), picture.height, 32, picture.strideBytes};
+        // Without a scaling context there is no new picture to show; the
+        // scaled buffer may hold anything, so nothing is blended.
+        if (!ResizeRows32(part, scaled.View(), static_cast<int32_t>(sh),
+                          static_cast<int32_t>(firstRow))) {
+            return;
+        }
+        picture = std::as_const(scaled).View();
+        at = POINT{SaturateToInt32(p.x + columns.dstStart), visible.top};
+    }
+    const RECT placed = Placed(at, picture.width, picture.height);
+    if (picture.data == nullptr || picture.width == 0 || picture.height == 0 ||
+        !platform::IntersectRect(&visible, &placed, &inFrame)) {
         return;
     }
     // Top-down rows become memory rows: frame row y is height - 1 - y and
     // picture row v is height - 1 - v.
     const RECT dstRect{visible.left, frame.height - visible.bottom, visible.right,
                        frame.height - visible.top};
-    const RECT srcRect{visible.left - p.x, picture.height - (visible.bottom - p.y),
-                       visible.right - p.x, picture.height - (visible.top - p.y)};
+    const RECT srcRect{visible.left - at.x, picture.height - (visible.bottom - at.y),
+                       visible.right - at.x, picture.height - (visible.top - at.y)};
     BlendRect(frame, dstRect, picture, srcRect);
 }
 

@@ -28,11 +28,19 @@ bool HasScalerSlack(const PixelBuffer& buffer);
 // can be made.
 bool ResizePicture32(const ConstPictureView& src, const PictureView& dst);
 
+// ResizePicture32 for the rows [firstRow, firstRow + dst.height) of a result
+// scaledHeight rows high: the rows come out as scaling the whole would give
+// them, while only the source rows they need are scaled.
+bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t scaledHeight,
+                  int32_t firstRow);
+
 // source scaled by scale (through scaled, which only grows) and blended into
 // the 24-bit bottom-up frame with its top-left at pos, inside clip; pos and
-// clip are top-down coordinates before scaling. A scale that keeps the size
+// clip are top-down coordinates before scaling. Only the part that can show
+// is scaled: its rows, and its columns where the sampling grid repeats often
+// enough to cut the rows without changing a pixel. A scale that keeps the size
 // blends source directly. Non-positive or non-finite scales draw nothing, and
-// so do a scaled picture over kMaxPicturePixels and a source to be scaled
+// so do a scaled part over kMaxPicturePixels and a source to be scaled
 // without the scaler's slack (HasScalerSlack). contextsMade, when not
 // null, counts the scaling contexts made.
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,

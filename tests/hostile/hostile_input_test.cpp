@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "common/scratch_files.h"
+#include "image/av_handles.h"
 #include "image/image_loader.h"
 #include "image/picture_limits.h"
 #include "image/pixel_ops.h"
@@ -172,6 +173,35 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              POINT shift{};
              plate.BuildBackground(16370, 40, shift);
              return plate.Plate().width == 16370 + 52 && plate.Plate().Data() != nullptr;
+         }},
+        {"a corrupt PNG keeps FFmpeg quiet, not the host's own messages", 1.0, 256,
+         [&] {
+             std::vector<uint8_t> png = test::ReadBytes(strip);
+             png[20] = 0x70;  // a height in the header that FFmpeg calls invalid
+             const std::string captured = dir.File("stderr.txt");
+             if (std::freopen(captured.c_str(), "w", stderr) == nullptr) {
+                 return false;
+             }
+             PixelBuffer target;
+             LoadImageBytes(target, png.data(), png.size());
+             av_log(nullptr, AV_LOG_ERROR, "the host speaks\n");
+             std::fflush(stderr);
+             const std::vector<uint8_t> text = test::ReadBytes(captured);
+             return target.Data() == nullptr &&
+                    std::string(text.begin(), text.end()) == "the host speaks\n";
+         }},
+        {"a 3000 x 1760 text at scale 2 in a 320 x 200 frame shows its visible part", 1.0, 256,
+         [] {
+             PixelBuffer text;
+             EnsureScalable(text, 3000, 1760);
+             text.width = 3000;
+             text.height = 1760;
+             std::memset(text.Data(), 0xFF, text.Capacity());
+             PixelBuffer scaled;
+             std::vector<uint8_t> frame(RowStride(320, 24) * 200, 9);
+             BlendScaledInto24(text, scaled, PackedPicture(frame.data(), 320, 200, 24),
+                               RECT{0, 0, 320, 200}, POINT{-100, -100}, 2.0f, nullptr);
+             return frame == std::vector<uint8_t>(frame.size(), 0xFF);
          }},
         {"a 20000 x 2 PNG", 1.0, 256,
          [&] {

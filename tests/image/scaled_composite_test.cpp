@@ -2,10 +2,13 @@
 // checked byte for byte.
 #include "image/scaled_composite.h"
 
+#include "image/pixel_ops.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -112,6 +115,51 @@ TEST(ScaledComposite, ScalingTruncatesSizesAndPositions) {
     EXPECT_NE(frame.At(64, 26)[2], 0x11);
     EXPECT_EQ(frame.At(65, 26)[2], 0x11);
     EXPECT_EQ(frame.At(64, 27)[2], 0x11);
+}
+
+// Only the visible part of a picture is scaled, and its pixels are exactly
+// those of scaling the whole picture: for a scale whose sampling grid repeats
+// every source pixel (2), one that never repeats within the row (1.37 of 601),
+// and a shrink.
+TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
+    // Blocks of random colour and opacity: edges everywhere, like text.
+    PixelBuffer source;
+    EnsureScalable(source, 601, 300);
+    source.width = 601;
+    source.height = 300;
+    for (int32_t y = 0; y < 300; ++y) {
+        for (int32_t x = 0; x < 601; ++x) {
+            const uint32_t cell = static_cast<uint32_t>((y / 5) * 1000 + x / 3) * 2654435761u;
+            std::memcpy(source.Data() + (static_cast<size_t>(y) * 601 + x) * 4, &cell, 4);
+        }
+    }
+    for (float scale : {2.0f, 1.37f, 0.61f}) {
+        const POINT pos{-150, -80};
+        Frame frame(200, 120);
+        PixelBuffer scaled;
+        BlendScaledInto24(source, scaled, frame.View(), RECT{-1000, -1000, 1000, 1000}, pos, scale,
+                          nullptr);
+        const int32_t sw = static_cast<int32_t>(601 * scale);
+        const int32_t sh = static_cast<int32_t>(300 * scale);
+        EXPECT_LT(scaled.height, sh) << scale;
+        if (scale == 2.0f) {
+            EXPECT_LT(scaled.width, sw);
+        }
+        PixelBuffer whole;
+        EnsureScalable(whole, sw, sh);
+        whole.width = sw;
+        whole.height = sh;
+        ASSERT_TRUE(ResizePicture32(source.View(), whole.View()));
+        Frame expected(200, 120);
+        const POINT p{static_cast<int32_t>(pos.x * scale), static_cast<int32_t>(pos.y * scale)};
+        const int32_t bottom = std::min(120, p.y + sh);
+        const int32_t right = std::min(200, p.x + sw);
+        BlendRect(expected.View(), RECT{0, 120 - bottom, right, 120}, whole.View(),
+                  RECT{-p.x, sh - (bottom - p.y), right - p.x, sh + p.y});
+
+        EXPECT_EQ(frame.bytes, expected.bytes) << scale;
+        EXPECT_NE(frame.bytes, Frame(200, 120).bytes) << scale;
+    }
 }
 
 TEST(ScaledComposite, NothingHappensForDegenerateInput) {
