@@ -7,6 +7,7 @@
 
 #include "lumets_platform/utf16.h"
 #include "text/cairo_handles.h"
+#include "text/colour_glyphs.h"
 #include "text/font_system.h"
 
 namespace lumets {
@@ -486,16 +487,23 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     }
 }
 
-void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
+void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect, bool colourGlyphs,
                                const std::function<void(cairo_t*)>& use) const {
     if (m_layout == nullptr || m_empty) {
         return;
     }
-    ForEachBlock(cr, rect, [cr, &use](PangoLayout* layout) {
+    ForEachBlock(cr, rect, [&](PangoLayout* layout) {
         pango_cairo_update_layout(cr, layout);
+        CColourGlyphs colour(layout);
         pango_cairo_layout_path(cr, layout);
+        colour.Restore();
+        cairo_save(cr);
         cairo_identity_matrix(cr);
         use(cr);
+        cairo_restore(cr);
+        if (colourGlyphs) {
+            colour.Draw(cr, m_emPixels, kMaxRasterGlyphPixels);
+        }
     });
 }
 
@@ -506,16 +514,14 @@ void StyledLayout::ShowIn(cairo_t* cr, const RectF& rect) const {
     cairo_save(cr);
     cairo_rectangle(cr, rect.x, rect.y, rect.width, rect.height);
     cairo_clip(cr);
-    const bool asPath = m_emPixels > kMaxRasterGlyphPixels;
-    ForEachBlock(cr, rect, [cr, asPath](PangoLayout* layout) {
-        pango_cairo_update_layout(cr, layout);
-        if (asPath) {
-            pango_cairo_layout_path(cr, layout);
-            cairo_fill(cr);
-        } else {
+    if (m_emPixels > kMaxRasterGlyphPixels) {
+        ForEachPath(cr, rect, true, [](cairo_t* c) { cairo_fill(c); });
+    } else {
+        ForEachBlock(cr, rect, [cr](PangoLayout* layout) {
+            pango_cairo_update_layout(cr, layout);
             pango_cairo_show_layout(cr, layout);
-        }
-    });
+        });
+    }
     cairo_restore(cr);
 }
 

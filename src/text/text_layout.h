@@ -66,9 +66,11 @@ class StyledLayout {
 
     // With the text's box at rect, puts the outline of each block of lines that
     // can reach the clip into cr's path in turn, and calls use(cr) with the
-    // identity matrix to consume it. For drawing without outline, ShowIn paints
-    // the text with the current source, clipped to rect.
-    void ForEachPath(cairo_t* cr, const RectF& rect,
+    // identity matrix to consume it. Colour glyphs have no outline: with
+    // colourGlyphs they are drawn as pictures after each block's use, else
+    // left out. For drawing without outline, ShowIn paints the text with the
+    // current source, clipped to rect.
+    void ForEachPath(cairo_t* cr, const RectF& rect, bool colourGlyphs,
                      const std::function<void(cairo_t*)>& use) const;
     void ShowIn(cairo_t* cr, const RectF& rect) const;
 

@@ -184,7 +184,7 @@ void CTextRenderer::Draw() {
                 // buries the text, and its cost grows with its square.
                 COutlineStroker stroker(std::min<double>(penWidth, layout.EmPixels()));
                 cairo_push_group_with_content(cr.get(), CAIRO_CONTENT_ALPHA);
-                layout.ForEachPath(cr.get(), shifted,
+                layout.ForEachPath(cr.get(), shifted, false,
                                    [&stroker](cairo_t* c) { stroker.StrokeAndClear(c); });
                 CairoPatternPtr coverage(cairo_pop_group(cr.get()));
                 SetSourceArgb(cr.get(),
@@ -193,7 +193,7 @@ void CTextRenderer::Draw() {
             }
             cairo_set_source(cr.get(), fill.get());
             cairo_set_fill_rule(cr.get(), CAIRO_FILL_RULE_EVEN_ODD);
-            layout.ForEachPath(cr.get(), shifted, [](cairo_t* c) { cairo_fill(c); });
+            layout.ForEachPath(cr.get(), shifted, true, [](cairo_t* c) { cairo_fill(c); });
         }
     }
     cr.reset();

@@ -136,6 +136,12 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              }
              return true;
          }},
+        {"colour emoji at an 8,192 px em, vertical", 1.0, 512,
+         [&] {
+             TextStyle style = vertical;
+             style.fontSize = -6144;
+             return RendersInLimits(u"ive \u2728\U0001F600", style);
+         }},
         {"4,500 W on one line at 400 pt", 1.0, 512,
          [] {
              TextStyle style;

@@ -203,6 +203,45 @@ TEST(TextRenderer, LongTextsPlaceEveryLineAsOneLayoutWould) {
     }
 }
 
+// Colour emoji keep their colours whether the text is drawn as glyph
+// pictures, as outlines (a pen) or as a path (an em past 512 px), and stay
+// where the glyph pictures put them.
+TEST(TextRenderer, ColourGlyphsKeepTheirColoursInEveryWayOfDrawing) {
+    auto yellowColumns = [](const CTextRenderer& renderer, const std::vector<uint8_t>& pixels,
+                            double* centre) {
+        const SIZE size = renderer.GetSize();
+        int count = 0;
+        double sum = 0;
+        for (int y = 0; y < size.cy; ++y) {
+            for (int x = 0; x < size.cx; ++x) {
+                const uint8_t* p = &pixels[(static_cast<size_t>(y) * size.cx + x) * 4];
+                if (p[3] > 200 && p[2] > 200 && p[1] > 150 && p[0] < 120) {
+                    ++count;
+                    sum += static_cast<double>(x) / size.cx;
+                }
+            }
+        }
+        *centre = count > 0 ? sum / count : 0;
+        return count;
+    };
+    TextStyle style = Style(380, 0x2040FF);  // 507 px em: glyph pictures
+    CTextRenderer renderer;
+    renderer.Render(u"ab\U0001F600", &style);
+    double pictureCentre = 0;
+    ASSERT_GT(yellowColumns(renderer, Pixels(renderer), &pictureCentre), 10000);
+    style.fontSize = 400;  // 533 px em: a path
+    renderer.Render(u"ab\U0001F600", &style);
+    double pathCentre = 0;
+    EXPECT_GT(yellowColumns(renderer, Pixels(renderer), &pathCentre), 10000);
+    EXPECT_NEAR(pathCentre, pictureCentre, 0.02);
+    style.fontSize = 16;
+    style.outline = 1;
+    style.outlineWidth = 2;
+    renderer.Render(u"ab\U0001F600", &style);
+    double outlineCentre = 0;
+    EXPECT_GT(yellowColumns(renderer, Pixels(renderer), &outlineCentre), 50);
+}
+
 TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
     CTextRenderer renderer;
     // A whole block of text without a terminator, on the heap so that
