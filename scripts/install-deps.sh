@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(
   cmake g++ ninja-build pkg-config binutils python3
-  libpango1.0-dev libcairo2-dev libfontconfig-dev
+  libpango1.0-dev libcairo2-dev libfontconfig-dev libfreetype-dev
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libinih-dev libepoxy-dev libegl-dev libegl-mesa0 libgl1-mesa-dri
   fonts-wqy-microhei fonts-noto-color-emoji

@@ -7,8 +7,10 @@
 
 #include "lumets_platform/utf16.h"
 #include "text/cairo_handles.h"
-#include "text/colour_glyphs.h"
 #include "text/font_system.h"
+#include "text/outline_raster.h"
+#include "text/pango_handles.h"
+#include "text/picture_glyphs.h"
 
 namespace lumets {
 
@@ -428,6 +430,13 @@ void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {
     *layoutRect = r;
 }
 
+double StyledLayout::CullMargin() const {
+    const double pen = std::isfinite(m_style.outlineWidth)
+                           ? std::min<double>(std::fabs(m_style.outlineWidth), m_emPixels)
+                           : 0;
+    return 2 * m_emPixels + pen;
+}
+
 // The block of lines always starts at the unshifted top edge (horizontal
 // text) or right edge (vertical text): the alignment shifts of Layout exactly
 // cancel the alignment of a block that is one empty line shorter than the
@@ -444,10 +453,7 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     double right = 0;
     double bottom = 0;
     cairo_clip_extents(cr, &left, &top, &right, &bottom);
-    const double pen = std::isfinite(m_style.outlineWidth)
-                           ? std::min<double>(std::fabs(m_style.outlineWidth), m_emPixels)
-                           : 0;
-    const double margin = 2 * m_emPixels + pen;
+    const double margin = CullMargin();
     auto paintAt = [&](const Block& block, double blockX, double blockY, double blockWidth) {
         if (blockY + block.height + margin < top || blockY - margin > bottom ||
             blockX + blockWidth + margin < left || blockX - margin > right) {
@@ -487,23 +493,55 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     }
 }
 
-void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect, bool colourGlyphs,
+void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
                                const std::function<void(cairo_t*)>& use) const {
     if (m_layout == nullptr || m_empty) {
         return;
     }
     ForEachBlock(cr, rect, [&](PangoLayout* layout) {
         pango_cairo_update_layout(cr, layout);
-        CColourGlyphs colour(layout);
-        pango_cairo_layout_path(cr, layout);
-        colour.Restore();
-        cairo_save(cr);
-        cairo_identity_matrix(cr);
-        use(cr);
-        cairo_restore(cr);
-        if (colourGlyphs) {
-            colour.Draw(cr, m_emPixels, kMaxRasterGlyphPixels);
-        }
+        // Missing glyphs' boxes at a huge em would make huge digit pictures.
+        const CPictureGlyphs pictures(layout, m_emPixels <= kMaxRasterGlyphPixels);
+        // One line at a time keeps the path small; lines outside the clip are
+        // skipped, with the margin for glyphs reaching beyond them.
+        double left = 0;
+        double top = 0;
+        double right = 0;
+        double bottom = 0;
+        cairo_clip_extents(cr, &left, &top, &right, &bottom);
+        const double margin = CullMargin();
+        cairo_matrix_t block;
+        cairo_get_matrix(cr, &block);
+        PangoLayoutIterPtr iter(pango_layout_get_iter(layout));
+        do {
+            PangoRectangle logical{};
+            pango_layout_iter_get_line_extents(iter.get(), nullptr, &logical);
+            const double x = static_cast<double>(logical.x) / PANGO_SCALE;
+            const double y = static_cast<double>(logical.y) / PANGO_SCALE;
+            if (y + logical.height / double{PANGO_SCALE} + margin < top || y - margin > bottom ||
+                x + logical.width / double{PANGO_SCALE} + margin < left || x - margin > right) {
+                continue;
+            }
+            cairo_move_to(
+                cr, x,
+                static_cast<double>(pango_layout_iter_get_baseline(iter.get())) / PANGO_SCALE);
+            pango_cairo_layout_line_path(cr, pango_layout_iter_get_line_readonly(iter.get()));
+            cairo_identity_matrix(cr);
+            use(cr);
+            cairo_set_matrix(cr, &block);
+        } while (pango_layout_iter_next_line(iter.get()));
+    });
+}
+
+void StyledLayout::DrawPictureGlyphs(cairo_t* cr, const RectF& rect) const {
+    if (m_layout == nullptr || m_empty) {
+        return;
+    }
+    ForEachBlock(cr, rect, [&](PangoLayout* layout) {
+        pango_cairo_update_layout(cr, layout);
+        CPictureGlyphs pictures(layout, m_emPixels <= kMaxRasterGlyphPixels);
+        pictures.Restore();
+        pictures.Draw(cr, m_emPixels, kMaxRasterGlyphPixels);
     });
 }
 
@@ -515,7 +553,14 @@ void StyledLayout::ShowIn(cairo_t* cr, const RectF& rect) const {
     cairo_rectangle(cr, rect.x, rect.y, rect.width, rect.height);
     cairo_clip(cr);
     if (m_emPixels > kMaxRasterGlyphPixels) {
-        ForEachPath(cr, rect, true, [](cairo_t* c) { cairo_fill(c); });
+        cairo_surface_t* target = cairo_get_target(cr);
+        COutlineRaster raster(cairo_image_surface_get_width(target),
+                              cairo_image_surface_get_height(target), 0);
+        if (raster.Ready()) {
+            ForEachPath(cr, rect, [&raster](cairo_t* c) { raster.AddAndClear(c); });
+            cairo_mask_surface(cr, raster.Fill(), 0, 0);
+        }
+        DrawPictureGlyphs(cr, rect);
     } else {
         ForEachBlock(cr, rect, [cr](PangoLayout* layout) {
             pango_cairo_update_layout(cr, layout);

@@ -64,14 +64,15 @@ class StyledLayout {
 
     double EmPixels() const { return m_emPixels; }
 
-    // With the text's box at rect, puts the outline of each block of lines that
-    // can reach the clip into cr's path in turn, and calls use(cr) with the
-    // identity matrix to consume it. Colour glyphs have no outline: with
-    // colourGlyphs they are drawn as pictures after each block's use, else
-    // left out. For drawing without outline, ShowIn paints the text with the
-    // current source, clipped to rect.
-    void ForEachPath(cairo_t* cr, const RectF& rect, bool colourGlyphs,
+    // With the text's box at rect, puts the outline of each line that can
+    // reach the clip into cr's path in turn, and calls use(cr) with the
+    // identity matrix to consume it. Glyphs that are pictures (colour glyphs,
+    // boxes for missing glyphs) are left out; DrawPictureGlyphs draws them.
+    // For drawing without outline, ShowIn paints the text with the current
+    // source, clipped to rect.
+    void ForEachPath(cairo_t* cr, const RectF& rect,
                      const std::function<void(cairo_t*)>& use) const;
+    void DrawPictureGlyphs(cairo_t* cr, const RectF& rect) const;
     void ShowIn(cairo_t* cr, const RectF& rect) const;
 
   private:
@@ -109,6 +110,9 @@ class StyledLayout {
     RectF Box(const std::vector<Column>& columns) const;
     RectF MeasureText(const std::string& utf8) const;
     float ColumnHeight(const Column& column) const;
+    // How far beyond its lines' boxes a block or line may draw: glyphs that
+    // reach past them, and the outline's pen.
+    double CullMargin() const;
     template <typename Paint>
     void ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const;
 

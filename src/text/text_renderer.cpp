@@ -10,7 +10,7 @@
 #include "image/scaled_composite.h"
 #include "text/cairo_handles.h"
 #include "text/font_system.h"
-#include "text/outline_stroke.h"
+#include "text/outline_raster.h"
 #include "text/text_color.h"
 #include "text/text_layout.h"
 
@@ -178,22 +178,22 @@ void CTextRenderer::Draw() {
                 shifted.x += penWidth / 2;
                 shifted.y += penWidth / 2;
             }
-            if (stroke) {
-                // All strokes go under all fills, so only the outer half of the
-                // pen shows outside the glyphs. A pen wider than the em only
-                // buries the text, and its cost grows with its square.
-                COutlineStroker stroker(std::min<double>(penWidth, layout.EmPixels()));
-                cairo_push_group_with_content(cr.get(), CAIRO_CONTENT_ALPHA);
-                layout.ForEachPath(cr.get(), shifted, false,
-                                   [&stroker](cairo_t* c) { stroker.StrokeAndClear(c); });
-                CairoPatternPtr coverage(cairo_pop_group(cr.get()));
-                SetSourceArgb(cr.get(),
-                              ArgbFromStyleColor(m_style.outlineColor, m_style.outlineAlpha));
-                cairo_mask(cr.get(), coverage.get());
+            // All strokes go under all fills, so only the outer half of the
+            // pen shows outside the glyphs. A pen wider than the em only
+            // buries the text, and its cost grows with its square.
+            COutlineRaster raster(w, h, stroke ? std::min<double>(penWidth, layout.EmPixels()) : 0);
+            if (raster.Ready()) {
+                layout.ForEachPath(cr.get(), shifted,
+                                   [&raster](cairo_t* c) { raster.AddAndClear(c); });
+                if (stroke) {
+                    SetSourceArgb(cr.get(),
+                                  ArgbFromStyleColor(m_style.outlineColor, m_style.outlineAlpha));
+                    cairo_mask_surface(cr.get(), raster.Stroke(), 0, 0);
+                }
+                cairo_set_source(cr.get(), fill.get());
+                cairo_mask_surface(cr.get(), raster.Fill(), 0, 0);
             }
-            cairo_set_source(cr.get(), fill.get());
-            cairo_set_fill_rule(cr.get(), CAIRO_FILL_RULE_EVEN_ODD);
-            layout.ForEachPath(cr.get(), shifted, true, [](cairo_t* c) { cairo_fill(c); });
+            layout.DrawPictureGlyphs(cr.get(), shifted);
         }
     }
     cr.reset();

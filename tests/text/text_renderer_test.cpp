@@ -242,6 +242,30 @@ TEST(TextRenderer, ColourGlyphsKeepTheirColoursInEveryWayOfDrawing) {
     EXPECT_GT(yellowColumns(renderer, Pixels(renderer), &outlineCentre), 50);
 }
 
+// Outlined text is rasterised glyph by glyph: a glyph's counters stay holes.
+TEST(TextRenderer, OutlinedGlyphsKeepTheirHoles) {
+    TextStyle style = Style(60, 0x2040FF);  // 80 px em
+    style.outline = 1;
+    style.outlineWidth = 2;
+    CTextRenderer renderer;
+    renderer.Render(u"OOOO", &style);
+    const SIZE size = renderer.GetSize();
+    const std::vector<uint8_t> pixels = Pixels(renderer);
+    // Along the middle row, gaps between ink: a counter in each O, and the
+    // three spaces between them.
+    const size_t row = static_cast<size_t>(size.cy / 2) * size.cx;
+    int holes = 0;
+    bool seenInk = false;
+    bool gap = false;
+    for (int x = 0; x < size.cx; ++x) {
+        const bool ink = pixels[(row + x) * 4 + 3] > 128;
+        holes += ink && gap ? 1 : 0;
+        gap = seenInk && !ink;
+        seenInk = seenInk || ink;
+    }
+    EXPECT_EQ(holes, 7);
+}
+
 TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
     CTextRenderer renderer;
     // A whole block of text without a terminator, on the heap so that

@@ -1,4 +1,4 @@
-#include "text/colour_glyphs.h"
+#include "text/picture_glyphs.h"
 
 #include <cairo-ft.h>
 
@@ -30,7 +30,7 @@ bool IsColourFont(PangoFont* font) {
 
 }  // namespace
 
-CColourGlyphs::CColourGlyphs(PangoLayout* layout) {
+CPictureGlyphs::CPictureGlyphs(PangoLayout* layout, bool missingBoxes) {
     PangoLayoutIterPtr iter(pango_layout_get_iter(layout));
     if (!iter) {
         return;
@@ -48,25 +48,35 @@ CColourGlyphs::CColourGlyphs(PangoLayout* layout) {
             fonts.emplace_back(font, IsColourFont(font));
             known = fonts.end() - 1;
         }
-        if (!known->second) {
+        Run aside{font, run->glyphs, known->second, {}, {}, 0, 0};
+        bool any = false;
+        for (int i = 0; i < run->glyphs->num_glyphs; ++i) {
+            PangoGlyph& glyph = run->glyphs->glyphs[i].glyph;
+            const bool picture =
+                known->second || (missingBoxes && (glyph & PANGO_GLYPH_UNKNOWN_FLAG) != 0);
+            aside.saved.push_back(glyph);
+            aside.aside.push_back(picture);
+            if (picture) {
+                glyph = PANGO_GLYPH_EMPTY;
+                any = true;
+            }
+        }
+        if (!any) {
             continue;
         }
         PangoRectangle logical{};
         pango_layout_iter_get_run_extents(iter.get(), nullptr, &logical);
-        Run aside{font, run->glyphs, {}, logical.x, pango_layout_iter_get_baseline(iter.get())};
-        for (int i = 0; i < run->glyphs->num_glyphs; ++i) {
-            aside.saved.push_back(run->glyphs->glyphs[i].glyph);
-            run->glyphs->glyphs[i].glyph = PANGO_GLYPH_EMPTY;
-        }
+        aside.x = logical.x;
+        aside.baseline = pango_layout_iter_get_baseline(iter.get());
         m_runs.push_back(std::move(aside));
     } while (pango_layout_iter_next_run(iter.get()));
 }
 
-CColourGlyphs::~CColourGlyphs() {
+CPictureGlyphs::~CPictureGlyphs() {
     Restore();
 }
 
-void CColourGlyphs::Restore() {
+void CPictureGlyphs::Restore() {
     if (m_restored) {
         return;
     }
@@ -78,21 +88,30 @@ void CColourGlyphs::Restore() {
     }
 }
 
-void CColourGlyphs::Draw(cairo_t* cr, double emPixels, double maxRasterPixels) const {
+void CPictureGlyphs::Draw(cairo_t* cr, double emPixels, double maxRasterPixels) const {
     for (const Run& run : m_runs) {
-        if (emPixels <= maxRasterPixels) {
-            cairo_move_to(cr, static_cast<double>(run.x) / PANGO_SCALE,
-                          static_cast<double>(run.baseline) / PANGO_SCALE);
-            pango_cairo_show_glyph_string(cr, run.font, run.glyphs);
-        } else {
+        if (run.colour && emPixels > maxRasterPixels) {
             DrawScaled(cr, run, emPixels / maxRasterPixels);
+            continue;
+        }
+        // Only the glyphs set aside show; the run is whole again after.
+        for (int i = 0; i < run.glyphs->num_glyphs; ++i) {
+            if (!run.aside[static_cast<size_t>(i)]) {
+                run.glyphs->glyphs[i].glyph = PANGO_GLYPH_EMPTY;
+            }
+        }
+        cairo_move_to(cr, static_cast<double>(run.x) / PANGO_SCALE,
+                      static_cast<double>(run.baseline) / PANGO_SCALE);
+        pango_cairo_show_glyph_string(cr, run.font, run.glyphs);
+        for (int i = 0; i < run.glyphs->num_glyphs; ++i) {
+            run.glyphs->glyphs[i].glyph = run.saved[static_cast<size_t>(i)];
         }
     }
 }
 
 // The run's glyphs at 1/factor of their size, in a picture that covers only
 // what of the run lies in the clip, then scaled up into place.
-void CColourGlyphs::DrawScaled(cairo_t* cr, const Run& run, double factor) const {
+void CPictureGlyphs::DrawScaled(cairo_t* cr, const Run& run, double factor) const {
     PangoRectangle ink{};
     pango_glyph_string_extents(run.glyphs, run.font, &ink, nullptr);
     double left = 0;
