@@ -1,7 +1,8 @@
 // Fuzz target: a style record and a text taken from the bytes, as a host
 // passes them. The first 128 bytes are the TextStyle (shorter inputs pad the
-// default style), the rest UTF-16 units. The picture must stay inside the size limits and its bytes
-// readable; the sanitizers catch every read or write outside a buffer.
+// default style), the rest UTF-16 units. The picture must stay inside the size
+// limits and its bytes readable; the sanitizers catch every read or write
+// outside a buffer.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -13,14 +14,18 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     TextStyle style;
     const size_t styleBytes = size < sizeof(TextStyle) ? size : sizeof(TextStyle);
-    std::memcpy(static_cast<void*>(&style), data, styleBytes);
+    if (styleBytes > 0) {  // an empty input may come as a null pointer
+        std::memcpy(static_cast<void*>(&style), data, styleBytes);
+    }
     const size_t units =
         std::min((size - styleBytes) / 2, size_t{lumets::CTextRenderer::kMaxTextUnits});
     // As in the host's text block: NUL-terminated, or filling all its units
     // without a terminator. On the heap, so a read past the block shows.
     std::vector<char16_t> text(units < lumets::CTextRenderer::kMaxTextUnits ? units + 1 : units,
                                u'\0');
-    std::memcpy(text.data(), data + styleBytes, units * 2);
+    if (units > 0) {
+        std::memcpy(text.data(), data + styleBytes, units * 2);
+    }
 
     lumets::CTextRenderer renderer;
     renderer.Render(text.data(), &style);
