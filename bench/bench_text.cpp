@@ -4,6 +4,7 @@
 #include <pango/pangocairo.h>
 
 #include <cmath>
+#include <string>
 #include <vector>
 
 #include "image/pixel_ops.h"
@@ -38,6 +39,23 @@ void BM_Render(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_Render)->Unit(benchmark::kMicrosecond);
+
+// A hostile outlined text: 1,024 lines of 63 W.
+void BM_RenderManyOutlinedLines(benchmark::State& state) {
+    std::u16string text;
+    for (int i = 0; i < 1024; ++i) {
+        text += std::u16string(63, u'W') + u'\n';
+    }
+    lumets::CTextRenderer renderer;
+    TextStyle style;
+    style.outline = 1;
+    style.outlineWidth = 3.0f;
+    for (auto _ : state) {
+        renderer.Render(text.c_str(), &style);
+        benchmark::DoNotOptimize(renderer.GetSize());
+    }
+}
+BENCHMARK(BM_RenderManyOutlinedLines)->Unit(benchmark::kMillisecond);
 
 // The same text, font, gradient and outline drawn with Pango and Cairo alone
 // into a surface of the renderer's size: the least any renderer must do.
