@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "gl/gl_util.h"
@@ -238,9 +239,7 @@ class CPBO final : public IPBO {
     GLuint m_buffer = 0;
 };
 
-}  // namespace
-
-GLuint CGLObjectFactory::CreateTexture() {
+GLuint RealCreateTexture() {
     if (!GlHasCurrentContext()) {
         return 0;
     }
@@ -266,19 +265,61 @@ GLuint CGLObjectFactory::CreateTexture() {
     return texture;
 }
 
-IPBO* CGLObjectFactory::CreatePBO(EnumPBOType type, uint32_t bitsPerPixel) {
+IPBO* RealCreatePBO(EnumPBOType type, uint32_t bitsPerPixel) {
     if (type != PBOTypeUnpack || bitsPerPixel != 32) {
         return nullptr;
     }
     return new (std::nothrow) CPBO();
 }
 
-void CGLObjectFactory::DestroyPBO(IPBO* pbo) {
+void RealDestroyPBO(IPBO* pbo) {
     if (pbo == nullptr) {
         return;
     }
-    // Every IPBO is one of ours: only this factory makes them.
+    // Every IPBO the real factory is handed is one of its own.
     auto* own = static_cast<CPBO*>(pbo);
     own->DeleteBuffer();
     delete own;
 }
+
+constexpr lumets::host::GLObjectFactory kRealFactory{RealCreateTexture, RealCreatePBO,
+                                                     RealDestroyPBO};
+
+std::mutex g_factoryMutex;
+lumets::host::GLObjectFactory g_factory = kRealFactory;
+
+lumets::host::GLObjectFactory CurrentFactory() {
+    std::lock_guard<std::mutex> lock(g_factoryMutex);
+    return g_factory;
+}
+
+}  // namespace
+
+GLuint CGLObjectFactory::CreateTexture() {
+    return CurrentFactory().createTexture();
+}
+
+IPBO* CGLObjectFactory::CreatePBO(EnumPBOType type, uint32_t bitsPerPixel) {
+    return CurrentFactory().createPBO(type, bitsPerPixel);
+}
+
+void CGLObjectFactory::DestroyPBO(IPBO* pbo) {
+    if (pbo != nullptr) {
+        CurrentFactory().destroyPBO(pbo);
+    }
+}
+
+namespace lumets::host {
+
+GLObjectFactory RealGLObjectFactory() {
+    return kRealFactory;
+}
+
+void SetGLObjectFactory(const GLObjectFactory* factory) {
+    std::lock_guard<std::mutex> lock(g_factoryMutex);
+    const bool restore = factory == nullptr || factory->createTexture == nullptr ||
+                         factory->createPBO == nullptr || factory->destroyPBO == nullptr;
+    g_factory = restore ? kRealFactory : *factory;
+}
+
+}  // namespace lumets::host

@@ -94,6 +94,7 @@ class Scheduler {
     bool AcquireDriver(std::unique_lock<std::mutex>& lk, const Waiter* own);
     void ReleaseDriver();
     bool DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t limitMs);
+    bool DriveUntilWoken(std::unique_lock<std::mutex>& lk, Waiter& w);
 
     std::mutex m_mutex;
     // Host threads: AdvanceBy, WaitUntilSettled, the driver role and the waits of

@@ -121,8 +121,8 @@ bool Scheduler::Wait(std::unique_lock<std::mutex>& lk, WaitQueue* queue,
         w.queue = queue;
     }
     const bool isVirtual = IsVirtual();
-    if (isVirtual && limitMs && !w.library) {
-        return DriveUntil(lk, w, *limitMs);
+    if (isVirtual && !w.library) {
+        return limitMs ? DriveUntil(lk, w, *limitMs) : DriveUntilWoken(lk, w);
     }
     if (w.library) {
         LeaveRunnable();
@@ -202,6 +202,38 @@ bool Scheduler::DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t
     ReleaseDriver();
     if (!w.woken) {
         Unlink(w);
+    }
+    return w.signalled;
+}
+
+// An untimed wait on a host thread in virtual mode (joining a thread that
+// sleeps in steps, say) moves time on too, or it would block for ever. It
+// wakes the due waits one by one until its own is woken; with nothing due and
+// nothing runnable only another host thread can end it, and it leaves time
+// alone until something is due again.
+bool Scheduler::DriveUntilWoken(std::unique_lock<std::mutex>& lk, Waiter& w) {
+    w.cv = &m_hostCv;
+    const auto woken = [&w] { return w.woken; };
+    while (!w.woken) {
+        if (!AcquireDriver(lk, &w)) {
+            if (!IsVirtual()) {
+                w.cv->wait(lk, woken);
+            }
+            continue;
+        }
+        for (;;) {
+            m_hostCv.wait(lk, [&] { return m_runnable <= 0 || !IsVirtual() || w.woken; });
+            if (!IsVirtual() || w.woken || m_timeline.empty()) {
+                break;
+            }
+            Waiter& next = *m_timeline.begin()->second;
+            SetNow(next.deadline);
+            Wake(next, false);
+        }
+        ReleaseDriver();
+        m_hostCv.wait(lk, [&] {
+            return w.woken || !IsVirtual() || m_runnable > 0 || (!m_timeline.empty() && !m_driving);
+        });
     }
     return w.signalled;
 }

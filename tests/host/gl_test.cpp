@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <random>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "common/gl_context.h"
@@ -318,6 +320,39 @@ TEST_F(GlHostTest, RefusesWhatItCannotDo) {
     m_pbo = nullptr;
     ASSERT_TRUE(m_gl.MakeCurrent());
     EXPECT_EQ(m_gl.PixelAt(1, 1), 0x80FF0000u);  // the clear without a context did nothing
+}
+
+// A counting hook sees every texture and pixel-buffer object made and
+// destroyed, and passes on to the real factory; null puts the real one back.
+TEST_F(GlHostTest, TheFactoryHookCountsAndRestores) {
+    static std::atomic<int> textures{0};
+    static std::atomic<int> buffers{0};
+    static const host::GLObjectFactory real = host::RealGLObjectFactory();
+    const host::GLObjectFactory counting{[] {
+                                             ++textures;
+                                             return real.createTexture();
+                                         },
+                                         [](EnumPBOType type, uint32_t bitsPerPixel) {
+                                             ++buffers;
+                                             return real.createPBO(type, bitsPerPixel);
+                                         },
+                                         [](IPBO* pbo) {
+                                             --buffers;
+                                             real.destroyPBO(pbo);
+                                         }};
+    host::SetGLObjectFactory(&counting);
+    const GLuint texture = CGLObjectFactory::CreateTexture();
+    IPBO* pbo = CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32);
+    EXPECT_NE(texture, 0u);
+    EXPECT_NE(pbo, nullptr);
+    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(1, 1));
+    CGLObjectFactory::DestroyPBO(pbo);
+    CGLObjectFactory::DestroyPBO(nullptr);
+    EXPECT_EQ(buffers.load(), 0);
+    host::SetGLObjectFactory(nullptr);
+    CGLObjectFactory::DestroyPBO(CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32));
+    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(1, 0));
+    glDeleteTextures(1, &texture);
 }
 
 }  // namespace

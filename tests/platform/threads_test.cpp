@@ -175,6 +175,29 @@ TEST_F(VirtualTime, HostSleepsAndWaitsDriveTimeThemselves) {
     AdvanceBy(10);
 }
 
+// Joining a thread that sleeps in steps, from a host thread with nobody
+// else advancing time: the untimed wait moves time on to the thread's end.
+// With nothing due, an untimed wait leaves the clock alone.
+TEST_F(VirtualTime, UntimedHostWaitsDriveTimeToo) {
+    std::atomic<bool> stop{false};
+    threads_ = std::vector<Thread>(1);
+    ASSERT_TRUE(threads_[0].Start([&] {
+        while (!stop) {
+            SleepMs(33);
+        }
+    }));
+    AdvanceBy(100);
+    stop = true;
+    EXPECT_TRUE(threads_[0].WaitForEnd(kWaitInfinite));
+    EXPECT_EQ(MonotonicMs(), 132u);
+
+    AutoResetEvent event;
+    std::thread setter([&] { event.Set(); });
+    event.Wait();
+    setter.join();
+    EXPECT_EQ(MonotonicMs(), 132u);
+}
+
 // Ping-pong pairs and spawned children, many times over, to shake out lost
 // wake-ups: any lost one hangs AdvanceBy or breaks an exact count. Every
 // thread has ended by the end of a repetition, so its Thread joins it.

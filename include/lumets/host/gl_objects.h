@@ -56,3 +56,20 @@ class LUMETS_HOST_API CGLObjectFactory {
     // Null is ignored.
     static void DestroyPBO(IPBO* pbo);
 };
+
+namespace lumets::host {
+
+// Test hook: replaces the three functions behind CGLObjectFactory, say to
+// count the textures and pixel-buffer objects made and destroyed. A hook that
+// counts passes on to the real ones. Objects go back to the factory that made
+// them: replace the hook only while none of its objects is alive.
+struct GLObjectFactory {
+    GLuint (*createTexture)();
+    IPBO* (*createPBO)(EnumPBOType type, uint32_t bitsPerPixel);
+    void (*destroyPBO)(IPBO* pbo);
+};
+LUMETS_HOST_API GLObjectFactory RealGLObjectFactory();
+// Null, or a null member, restores the real functions.
+LUMETS_HOST_API void SetGLObjectFactory(const GLObjectFactory* factory);
+
+}  // namespace lumets::host

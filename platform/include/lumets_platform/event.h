@@ -8,7 +8,10 @@
 // time, so it advances time itself exactly as AdvanceBy would up to its limit,
 // and returns as soon as it is signalled. When it runs out of time it returns
 // only after every wait due at its limit has been woken and the library threads
-// have settled, like AdvanceBy. Waits without a limit simply block until Set.
+// have settled, like AdvanceBy. A wait without a limit on a host thread
+// advances time in the same way until it is signalled; with nothing due and
+// no library thread runnable it leaves the clock alone and blocks until Set.
+// On a library thread, a wait without a limit simply blocks until Set.
 #pragma once
 
 #include <cstdint>

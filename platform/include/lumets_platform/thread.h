@@ -29,7 +29,7 @@ class LUMETS_PLATFORM_API Thread {
     // the time source; false when it still runs, in which case it is detached and
     // this object is free for another Start. Without a thread it is true at once;
     // called on the thread itself it does not wait (false, detached). kWaitInfinite
-    // waits without limit. On a host thread in virtual mode a limited wait advances
+    // waits without limit. On a host thread in virtual mode the wait advances
     // time itself (see event.h).
     bool WaitForEnd(uint32_t timeoutMs);
     // True from a successful Start until WaitForEnd has released the thread.
