@@ -116,7 +116,8 @@ void CTextRenderer::Render(const char16_t* text, const TextStyle* style) {
 
 void CTextRenderer::Draw() {
     auto fontLock = FontSystem::Get().Lock();
-    StyledLayout layout(m_text, m_style);
+    auto owned = std::make_unique<StyledLayout>(m_text, m_style);
+    StyledLayout& layout = *owned;
     RectF r;
     BitmapSize size;
     layout.Layout(&r, &size);
@@ -200,6 +201,10 @@ void CTextRenderer::Draw() {
     cairo_surface_flush(surface.get());
     surface.reset();
 
+    // Fonts and layouts are done with; the pixel work below needs only the
+    // picture's own lock, so other texts need not wait for it.
+    owned.reset();
+    fontLock.unlock();
     Unpremultiply(pixels, static_cast<size_t>(w) * h, clearRgb);
     if (!empty) {
         FlipRows(pixels, w, h);
