@@ -122,7 +122,11 @@ void CTextRenderer::Draw() {
     BitmapSize size;
     layout.Layout(&r, &size);
 
+    // The picture's lock ranks before the font lock: the fonts are let go
+    // while it is taken, and the layout is not touched meanwhile.
+    fontLock.unlock();
     CAutoLock lock(&m_lock);
+    fontLock.lock();
     const int32_t w = size.width;
     const int32_t h = size.height;
     m_textBuffer.bitsPerPixel = 32;
