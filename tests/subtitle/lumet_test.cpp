@@ -1,0 +1,294 @@
+// The subtitle item in virtual time, with a scripted movie player installed
+// through the player library's hook: who counts plays, when passes end, how
+// layers move, and what the item draws through a recording combiner.
+#include "subtitle/lumet.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/scratch_files.h"
+#include "lumets/time_source.h"
+
+namespace lumets {
+namespace {
+
+// A movie of 100 x 40 that plays between Play and Pause; the test ends its
+// passes by calling EndPass, as the real player's thread would.
+class ScriptedPlayer : public IFlashPlayer {
+  public:
+    static inline std::atomic<ScriptedPlayer*> last{nullptr};
+
+    void SetEventHandler(CFlashPlayerEventHandler* handler) override { m_handler = handler; }
+    void Open(const char16_t*, int32_t, bool autoPlay) override {
+        m_open = true;
+        m_playing = autoPlay;
+    }
+    void Play() override {
+        m_playing = true;
+        ++plays;
+    }
+    void Pause() override {
+        m_playing = false;
+        ++pauses;
+    }
+    void Stop() override { m_playing = false; }
+    bool IsReady() override { return m_open; }
+    bool IsLoading() override { return false; }
+    bool IsPlaying() override { return m_playing; }
+    double GetFrameRate() override { return 30; }
+    bool GetSize(uint32_t* w, uint32_t* h) override {
+        *w = m_open ? 100 : 0;
+        *h = m_open ? 40 : 0;
+        return m_open;
+    }
+    bool RenderToTexture(GLuint, uint32_t* w, uint32_t* h, IPBO*) override { return GetSize(w, h); }
+    void RenderToFrame(uint8_t*, uint32_t, uint32_t, const RECT*, const POINT*, float) override {}
+
+    void EndPass() { m_handler->OnPlayEnd(FILE_TYPE_SWF); }
+
+    std::atomic<int> plays{0};
+    std::atomic<int> pauses{0};
+
+  private:
+    CFlashPlayerEventHandler* m_handler = nullptr;
+    std::atomic<bool> m_open{false};
+    std::atomic<bool> m_playing{false};
+};
+
+struct Owner : CLumetEventHandler {
+    void OnPlayStarted() override { ++started; }
+    void OnPlayedOnce() override {
+        ++played;
+        playedAt = MonotonicMs();
+    }
+    void OnPlayStopped() override { ++stopped; }
+    std::atomic<int> started{0};
+    std::atomic<int> played{0};
+    std::atomic<int> stopped{0};
+    std::atomic<uint64_t> playedAt{0};
+};
+
+class LumetTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        SetTimeMode(TimeMode::Virtual);
+        host::SetFlashPlayerFactory(
+            [] {
+                auto* player = new ScriptedPlayer;
+                ScriptedPlayer::last = player;
+                return static_cast<IFlashPlayer*>(player);
+            },
+            [](IFlashPlayer* player) { delete player; });
+        ASSERT_TRUE(test::WriteBytes(m_movie, {1, 2, 3}));
+        std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
+        const std::u16string path(m_movie.begin(), m_movie.end());  // the temp folder is ASCII
+        std::copy(path.begin(), path.end(), m_swf.szPath);
+        m_swf.rcClip = RECT{0, 0, 200, 100};
+        m_text = std::make_unique<TextPart>();
+        std::memset(static_cast<void*>(m_text.get()), 0, sizeof(TextPart));
+        m_text->style = TextStyle();
+        std::memcpy(m_text->text, u"Lumets", sizeof(u"Lumets"));
+        m_text->rcClip = RECT{0, 0, 400, 100};
+    }
+    void TearDown() override {
+        m_item.reset();
+        host::SetFlashPlayerFactory(nullptr, nullptr);
+        SetTimeMode(TimeMode::Real);
+    }
+
+    // Starts an item with the parts given and gives it its first turn.
+    bool StartItem(bool swf, bool text, int32_t playCount, bool repeat = false) {
+        ItemDescription desc{};
+        desc.pSwf = swf ? &m_swf : nullptr;
+        desc.pText = text ? m_text.get() : nullptr;
+        desc.nPlayCount = playCount;
+        m_item = std::make_unique<CLumet>();
+        m_item->SetOwner(&m_owner);
+        if (!m_item->Start(&desc, false, repeat)) {
+            return false;
+        }
+        m_item->SignalPlay();
+        WaitUntilSettled();
+        return true;
+    }
+
+    test::ScratchDir m_dir;
+    std::string m_movie = m_dir.File("movie.swf");
+    SwfPart m_swf;
+    std::unique_ptr<TextPart> m_text;
+    Owner m_owner;
+    std::unique_ptr<CLumet> m_item;
+};
+
+TEST(LumetMotion, StepsMovesAndEnds) {
+    EXPECT_FLOAT_EQ(StepFromSpeed(30), 0.99f);
+    EXPECT_FLOAT_EQ(StepFromSpeed(1000), 33.0f);
+    // Speed 30 alone: still in the first step and every hundredth after it.
+    float remainder = 0;
+    int moved = 0;
+    int still = 0;
+    for (int i = 0; i < 100; ++i) {
+        const int32_t n = TakeWholePixels(remainder, 0.99f);
+        moved += n;
+        still += n == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(moved, 99);
+    EXPECT_EQ(still, 1);
+
+    // Leftwards through a 0..400 clip with a 100 px layer.
+    const RECT clip{0, 0, 400, 50};
+    const SIZE extent{100, 20};
+    POINT pos{900, 0};
+    MovePosition(pos, 1, 2, clip, extent, false);
+    EXPECT_EQ(pos.x, 400);  // enters from just outside the right side
+    pos.x = -99;
+    EXPECT_FALSE(IsScrollFinished(pos, 1, 2, clip, extent, false));
+    MovePosition(pos, 1, 2, clip, extent, false);
+    EXPECT_EQ(pos.x, -100);
+    EXPECT_TRUE(IsScrollFinished(pos, 1, 2, clip, extent, false));
+    pos.x = -99;
+    MovePosition(pos, 1, 2, clip, extent, true);
+    EXPECT_EQ(pos.x, 400);  // wraps, and never finishes
+    EXPECT_FALSE(IsScrollFinished(POINT{-500, 0}, 1, 2, clip, extent, true));
+    // Hostile clips saturate instead of overflowing.
+    pos = POINT{INT32_MIN + 1, 0};
+    MovePosition(pos, 50, 2, RECT{INT32_MIN, 0, INT32_MAX, 10}, extent, false);
+    EXPECT_EQ(pos.x, INT32_MIN);
+}
+
+// Only the movie scrolls: the thread counts, and each pass ends when the
+// movie has left its clip: 33 px a step from 0 to 200 is 7 steps.
+TEST_F(LumetTest, AScrollingMovieIsCountedByTheThread) {
+    m_swf.nDirection = 1;
+    m_swf.nSpeed = 1000;
+    ASSERT_TRUE(StartItem(true, false, 2));
+    AdvanceBy(1000);
+    EXPECT_EQ(m_owner.played.load(), 1);
+    EXPECT_EQ(m_owner.playedAt.load(), 13u * 33);  // 14 steps, the first without a wait
+    EXPECT_EQ(m_owner.stopped.load(), 1);          // no repeat: the thread ends
+    EXPECT_EQ(m_item->GetState(), LumetState::Idle);
+}
+
+// Nothing scrolls: the player counts through OnPlayEnd.
+TEST_F(LumetTest, AStillMovieIsCountedByThePlayer) {
+    ASSERT_TRUE(StartItem(true, false, 3, true));
+    ScriptedPlayer* player = ScriptedPlayer::last;
+    ASSERT_NE(player, nullptr);
+    EXPECT_EQ(m_item->GetState(), LumetState::Playing);
+    player->EndPass();
+    player->EndPass();
+    EXPECT_EQ(m_owner.played.load(), 0);
+    player->EndPass();
+    EXPECT_EQ(m_owner.played.load(), 1);
+    EXPECT_EQ(player->pauses.load(), 1);
+    EXPECT_EQ(m_item->GetState(), LumetState::Starting);  // paused: not playing
+    m_item->Stop();
+    EXPECT_EQ(m_owner.stopped.load(), 1);
+    EXPECT_EQ(m_item->GetState(), LumetState::Idle);
+}
+
+TEST_F(LumetTest, CountsAndStops) {
+    // A negative count plays no pass: the thread ends the turn at once.
+    m_swf.nDirection = 1;
+    m_swf.nSpeed = 1000;
+    ASSERT_TRUE(StartItem(true, false, -1));
+    EXPECT_EQ(m_owner.played.load(), 1);
+    EXPECT_EQ(MonotonicMs(), 0u);
+
+    // A count of 0 never runs out: stopped inside a pass.
+    m_owner.played = 0;
+    ASSERT_TRUE(StartItem(true, false, 0));
+    AdvanceBy(5000);
+    EXPECT_EQ(m_owner.played.load(), 0);
+    m_item->Stop();
+    EXPECT_EQ(m_owner.played.load(), 1);  // the stopped turn still reports
+    EXPECT_EQ(m_item->GetState(), LumetState::Idle);
+
+    // Stopped while waiting for its turn.
+    ItemDescription desc{};
+    desc.pSwf = &m_swf;
+    desc.nPlayCount = 1;
+    CLumet waiting;
+    ASSERT_TRUE(waiting.Start(&desc, false, true));
+    waiting.Stop();
+    EXPECT_EQ(waiting.GetState(), LumetState::Idle);
+
+    // A missing movie: false, and no thread.
+    m_swf.szPath[0] = u'?';
+    Owner quiet;
+    CLumet missing;
+    missing.SetOwner(&quiet);
+    EXPECT_FALSE(missing.Start(&desc, false, false));
+    WaitUntilSettled();
+    EXPECT_EQ(quiet.started.load(), 0);
+    EXPECT_TRUE(missing.Start(&desc, false, false));  // Starting already
+}
+
+// What the item draws through the combiner, and the slots it takes: movie,
+// then plate, then text, lazily filled.
+struct RecordingCombiner : IGPUCombiner {
+    bool Init() override { return true; }
+    void Release() override {}
+    void SetOpacity(float) override {}
+    float GetOpacity() const override { return 1; }
+    void Clear(uint32_t) override {}
+    uint32_t GetDrawCount() const override { return 0; }
+    bool DrawTexture(GLuint, int32_t) override {
+        calls += "draw;";
+        return true;
+    }
+    void GetRects(RECT*, RECT*) const override {}
+    bool SetDestination(const RECT* r, int32_t w, int32_t h, int32_t) override {
+        calls += "dst " + std::to_string(r->left) + "," + std::to_string(r->top) + "," +
+                 std::to_string(r->right) + "," + std::to_string(r->bottom) + " in " +
+                 std::to_string(w) + "x" + std::to_string(h) + ";";
+        return true;
+    }
+    bool SetSource(const RECT* r, int32_t, int32_t, int32_t) override {
+        calls += "src " + std::to_string(r->right - r->left) + "x" +
+                 std::to_string(r->bottom - r->top) + ";";
+        return true;
+    }
+    std::string calls;
+};
+
+TEST_F(LumetTest, BoundsHitTestsAndSlots) {
+    m_swf.x = 10;
+    m_swf.y = 5;
+    ASSERT_TRUE(StartItem(true, true, 0));
+    RECT bounds{};
+    ASSERT_TRUE(m_item->GetBounds(&bounds, 1.0f));
+    EXPECT_EQ(bounds.left, 0);  // the text at the clip's corner
+    EXPECT_GE(bounds.right, 110);
+    RECT twice{};
+    ASSERT_TRUE(m_item->GetBounds(&twice, 2.0f));
+    EXPECT_EQ(twice.left, bounds.left);  // sizes double, not positions
+    EXPECT_GT(twice.right, bounds.right);
+    EXPECT_TRUE(m_item->HitTest(50, 20, 1.0f));
+    EXPECT_FALSE(m_item->HitTest(500, 20, 1.0f));
+
+    RecordingCombiner combiner;
+    std::vector<TextureSlot> slots;
+    m_item->RenderToTextures(400, 200, &combiner, &slots, 100, 50, 2.0f);
+    // Without a GL context the text upload fails, so only the movie is drawn.
+    EXPECT_EQ(combiner.calls, "dst 110,55,210,95 in 200x100;src 100x40;draw;");
+    EXPECT_EQ(slots.size(), 2u);
+
+    BackgroundPart plate{0x204080, 80, 1, {}};
+    m_item->UpdateBackground(&plate);
+    combiner.calls.clear();
+    m_item->RenderToTextures(400, 200, &combiner, &slots, 0, 0, 1.0f);
+    EXPECT_EQ(slots.size(), 3u);
+    m_item->RenderToTextures(400, 200, nullptr, &slots, 0, 0, 1.0f);
+    for (TextureSlot& slot : slots) {
+        CGLObjectFactory::DestroyPBO(slot.pbo);
+    }
+}
+
+}  // namespace
+}  // namespace lumets
