@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -71,6 +73,34 @@ struct Owner : CLumetEventHandler {
     std::atomic<int> played{0};
     std::atomic<int> stopped{0};
     std::atomic<uint64_t> playedAt{0};
+};
+
+// What the item draws through the combiner, and the slots it takes: movie,
+// then plate, then text, lazily filled.
+struct RecordingCombiner : IGPUCombiner {
+    bool Init() override { return true; }
+    void Release() override {}
+    void SetOpacity(float) override {}
+    float GetOpacity() const override { return 1; }
+    void Clear(uint32_t) override {}
+    uint32_t GetDrawCount() const override { return 0; }
+    bool DrawTexture(GLuint, int32_t) override {
+        calls += "draw;";
+        return true;
+    }
+    void GetRects(RECT*, RECT*) const override {}
+    bool SetDestination(const RECT* r, int32_t w, int32_t h, int32_t) override {
+        calls += "dst " + std::to_string(r->left) + "," + std::to_string(r->top) + "," +
+                 std::to_string(r->right) + "," + std::to_string(r->bottom) + " in " +
+                 std::to_string(w) + "x" + std::to_string(h) + ";";
+        return true;
+    }
+    bool SetSource(const RECT* r, int32_t, int32_t, int32_t) override {
+        calls += "src " + std::to_string(r->right - r->left) + "x" +
+                 std::to_string(r->bottom - r->top) + ";";
+        return true;
+    }
+    std::string calls;
 };
 
 class LumetTest : public testing::Test {
@@ -229,33 +259,92 @@ TEST_F(LumetTest, CountsAndStops) {
     EXPECT_TRUE(missing.Start(&desc, false, false));  // Starting already
 }
 
-// What the item draws through the combiner, and the slots it takes: movie,
-// then plate, then text, lazily filled.
-struct RecordingCombiner : IGPUCombiner {
-    bool Init() override { return true; }
-    void Release() override {}
-    void SetOpacity(float) override {}
-    float GetOpacity() const override { return 1; }
-    void Clear(uint32_t) override {}
-    uint32_t GetDrawCount() const override { return 0; }
-    bool DrawTexture(GLuint, int32_t) override {
-        calls += "draw;";
-        return true;
+// The rest of the ways plays are counted, and repeat turns.
+TEST_F(LumetTest, WhoCountsWhenTheTextScrollsOrTheMovieEndIsIgnored) {
+    // A movie whose own end is ignored: the thread counts, and with nothing
+    // scrolling its pass never ends; the item plays until stopped.
+    m_swf.bIgnoreMovieEnd = 1;
+    ASSERT_TRUE(StartItem(true, false, 1));
+    ScriptedPlayer::last.load()->EndPass();
+    AdvanceBy(2000);
+    EXPECT_EQ(m_owner.played.load(), 0);
+    m_item->Stop();
+    EXPECT_EQ(m_owner.played.load(), 1);
+
+    // Only the text scrolls, downwards out of its 100 px clip at 33 px a
+    // step: the thread counts, the pass ends after 4 steps, and a repeating
+    // item plays again at its next turn. The first step of a thread does not
+    // wait, so step k comes (k - 2) x 33 ms after the turn begins.
+    m_owner.played = 0;
+    m_owner.stopped = 0;
+    m_swf.bIgnoreMovieEnd = 0;
+    m_text->nDirection = 3;
+    m_text->nSpeed = 1000;
+    const uint64_t turn = MonotonicMs();
+    ASSERT_TRUE(StartItem(false, true, 1, true));
+    AdvanceBy(1000);
+    EXPECT_EQ(m_owner.played.load(), 1);
+    EXPECT_EQ(m_owner.playedAt.load() - turn, 3u * 33);
+    EXPECT_EQ(m_owner.stopped.load(), 0);  // waits for its next turn
+    const uint64_t nextTurn = MonotonicMs();
+    m_item->SignalPlay();
+    AdvanceBy(1000);
+    EXPECT_EQ(m_owner.played.load(), 2);
+    EXPECT_EQ(m_owner.playedAt.load() - nextTurn, 3u * 33);  // no wait at the turn's start
+}
+
+// Both layers in one direction at one speed move as one block and end their
+// pass together; reversed clip sides are put in order.
+TEST_F(LumetTest, LayersInLockStepFinishTogether) {
+    m_swf.rcClip = RECT{200, 100, 0, 0};
+    m_swf.nDirection = m_text->nDirection = 1;
+    m_swf.nSpeed = m_text->nSpeed = 1000;
+    m_text->rcClip = RECT{400, 100, 0, 0};
+    ASSERT_TRUE(StartItem(true, true, 1));
+    RECT bounds{};
+    ASSERT_TRUE(m_item->GetBounds(&bounds, 1.0f));
+    EXPECT_EQ(bounds.left, 66);  // both moved two steps from the clips' corner
+    AdvanceBy(2000);
+    EXPECT_EQ(m_owner.played.load(), 1);
+    // The pass ends when both have left their clips, the text's 400 px one
+    // last: 13 steps.
+    EXPECT_EQ(m_owner.playedAt.load(), 12u * 33);
+}
+
+TEST_F(LumetTest, HostileDescriptionsAndFrames) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    // Unterminated path and text, extreme clips, speeds and directions.
+    std::fill(std::begin(m_swf.szPath), std::end(m_swf.szPath), u'x');
+    std::fill(std::begin(m_text->text), std::end(m_text->text), u'W');
+    m_text->rcClip = RECT{INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX};
+    m_text->x = INT32_MAX;
+    m_text->nDirection = 1;
+    m_text->nSpeed = 0xFFFFFFFFu;
+    ItemDescription none{};
+    CLumet empty;
+    EXPECT_TRUE(empty.Start(&none, false, false));
+    EXPECT_FALSE(CLumet().Start(nullptr, false, false));
+    EXPECT_FALSE(StartItem(true, false, 1));  // no such file
+    ASSERT_TRUE(StartItem(false, true, 1));
+    AdvanceBy(200);
+    std::vector<uint8_t> frame(RowStride(64, 24) * 48, 7);
+    RecordingCombiner combiner;
+    std::vector<TextureSlot> slots;
+    for (float scale : {0.0f, -1.0f, nan, inf, 1e30f, 1.0f}) {
+        RECT r{};
+        m_item->GetBounds(&r, scale);
+        m_item->HitTest(INT32_MAX, INT32_MIN, scale);
+        m_item->CompositeToFrame(frame.data(), 64, 48, INT32_MAX, INT32_MIN, scale);
+        m_item->CompositeToFrame(nullptr, 64, 48, 0, 0, scale);
+        m_item->CompositeToFrame(frame.data(), 0, 48, 0, 0, scale);
+        m_item->RenderToTextures(64, 48, &combiner, &slots, INT32_MIN, INT32_MAX, scale);
     }
-    void GetRects(RECT*, RECT*) const override {}
-    bool SetDestination(const RECT* r, int32_t w, int32_t h, int32_t) override {
-        calls += "dst " + std::to_string(r->left) + "," + std::to_string(r->top) + "," +
-                 std::to_string(r->right) + "," + std::to_string(r->bottom) + " in " +
-                 std::to_string(w) + "x" + std::to_string(h) + ";";
-        return true;
+    for (TextureSlot& slot : slots) {
+        CGLObjectFactory::DestroyPBO(slot.pbo);
     }
-    bool SetSource(const RECT* r, int32_t, int32_t, int32_t) override {
-        calls += "src " + std::to_string(r->right - r->left) + "x" +
-                 std::to_string(r->bottom - r->top) + ";";
-        return true;
-    }
-    std::string calls;
-};
+    m_item->Stop();
+}
 
 TEST_F(LumetTest, BoundsHitTestsAndSlots) {
     m_swf.x = 10;
