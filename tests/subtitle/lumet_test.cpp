@@ -11,6 +11,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/scratch_files.h"
@@ -49,7 +50,14 @@ class ScriptedPlayer : public IFlashPlayer {
         return m_open;
     }
     bool RenderToTexture(GLuint, uint32_t* w, uint32_t* h, IPBO*) override { return GetSize(w, h); }
-    void RenderToFrame(uint8_t*, uint32_t, uint32_t, const RECT*, const POINT*, float) override {}
+    // With endPassWhileDrawing, the end of a pass arrives from inside a
+    // drawing call, which the item makes holding its player lock.
+    void RenderToFrame(uint8_t*, uint32_t, uint32_t, const RECT*, const POINT*, float) override {
+        if (endPassWhileDrawing.exchange(false)) {
+            EndPass();
+        }
+    }
+    std::atomic<bool> endPassWhileDrawing{false};
 
     void EndPass() { m_handler->OnPlayEnd(FILE_TYPE_SWF); }
 
@@ -377,6 +385,60 @@ TEST_F(LumetTest, BoundsHitTestsAndSlots) {
     for (TextureSlot& slot : slots) {
         CGLObjectFactory::DestroyPBO(slot.pbo);
     }
+}
+
+// A render thread draws the item in a loop while the host starts it, updates
+// its text and plate, ends passes and stops it; the end of a pass also
+// arrives from inside a drawing call that holds the player lock.
+TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
+    m_swf.nDirection = 2;
+    m_swf.nSpeed = 3000;
+    m_text->nDirection = 4;
+    m_text->nSpeed = 500;
+    BackgroundPart plate{0x102030, 70, 0, {}};
+    CLumet item;
+    item.SetOwner(&m_owner);
+    std::atomic<bool> done{false};
+    std::thread render([&] {
+        std::vector<uint8_t> frame(RowStride(320, 24) * 200);
+        RecordingCombiner combiner;
+        std::vector<TextureSlot> slots;
+        while (!done) {
+            item.CompositeToFrame(frame.data(), 320, 200, 5, 5, 1.5f);
+            RECT r{};
+            item.GetBounds(&r, 1.0f);
+            item.RenderToTextures(320, 200, &combiner, &slots, 0, 0, 1.0f);
+            (void)item.GetState();
+        }
+        for (TextureSlot& slot : slots) {
+            CGLObjectFactory::DestroyPBO(slot.pbo);
+        }
+    });
+    for (int round = 0; round < 4; ++round) {
+        const bool still = round == 3;  // nothing scrolls: the player counts
+        m_swf.nDirection = still ? 0 : 2;
+        m_text->nDirection = still ? 0 : 4;
+        ItemDescription desc{&m_swf, m_text.get(), &plate, 1, {}};
+        ASSERT_TRUE(item.Start(&desc, false, true));
+        item.SignalPlay();
+        AdvanceBy(100);
+        std::memcpy(m_text->text, round % 2 ? u"odd" : u"even", sizeof(u"even"));
+        item.UpdateText(m_text.get());
+        plate.nOpacity = round % 2 ? 0 : 90;
+        item.UpdateBackground(&plate);
+        const int played = m_owner.played;
+        if (still) {
+            ScriptedPlayer::last.load()->endPassWhileDrawing = true;
+            for (int spin = 0; spin < 10'000'000 && m_owner.played == played; ++spin) {
+                std::this_thread::yield();
+            }
+        }
+        AdvanceBy(500);
+        item.Stop();
+        EXPECT_GT(m_owner.played.load(), played) << round;
+    }
+    done = true;
+    render.join();
 }
 
 }  // namespace
