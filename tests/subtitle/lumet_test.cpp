@@ -422,7 +422,8 @@ TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
         ASSERT_TRUE(item.Start(&desc, false, true));
         item.SignalPlay();
         AdvanceBy(100);
-        std::memcpy(m_text->text, round % 2 ? u"odd" : u"even", sizeof(u"even"));
+        const std::u16string update = round % 2 ? u"odd" : u"even";
+        std::copy(update.c_str(), update.c_str() + update.size() + 1, m_text->text);
         item.UpdateText(m_text.get());
         plate.nOpacity = round % 2 ? 0 : 90;
         item.UpdateBackground(&plate);
