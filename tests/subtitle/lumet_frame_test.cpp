@@ -1,0 +1,155 @@
+// The item's frame drawn for real: a movie played by the host library's
+// media player (an animated PNG made with ffmpeg), the plate and an outlined
+// text. The CPU composite is a golden picture; the GPU layers, drawn through
+// the real combiner on headless OpenGL, must give the same picture.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/gl_context.h"
+#include "common/golden.h"
+#include "common/scratch_files.h"
+#include "image/pixel_ops.h"
+#include "lumets/host/gpu_combiner.h"
+#include "lumets/time_source.h"
+#include "subtitle/lumet.h"
+
+namespace lumets {
+namespace {
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 200;
+constexpr uint8_t kGrey = 0x40;
+
+class LumetFrameTest : public test::GlTest<kWidth, kHeight> {
+  protected:
+    void SetUp() override {
+        test::GlTest<kWidth, kHeight>::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        SetTimeMode(TimeMode::Virtual);
+        const std::string movie = m_dir.File("movie.apng");
+        ASSERT_TRUE(test::RunCommand(
+            "ffmpeg -nostdin -v error -y -f lavfi -i color=c=0x3060C0:s=80x48:d=1:r=10 "
+            "-plays 0 -f apng " +
+            test::Quote(movie)));
+        std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
+        const std::u16string path(movie.begin(), movie.end());  // the temp folder is ASCII
+        std::copy(path.begin(), path.end(), m_swf.szPath);
+        m_swf.rcClip = RECT{0, 0, kWidth, kHeight};
+        m_swf.x = 20;
+        m_swf.y = 20;
+        m_text = std::make_unique<TextPart>();
+        std::memset(static_cast<void*>(m_text.get()), 0, sizeof(TextPart));
+        m_text->style = TextStyle();
+        m_text->style.fontSize = 24;
+        m_text->style.fillColor1 = m_text->style.fillColor2 = 0xFFFFFF;
+        m_text->style.outline = 1;
+        m_text->style.outlineWidth = 2;
+        std::memcpy(m_text->text, u"Lumets 字幕", sizeof(u"Lumets 字幕"));
+        m_text->rcClip = RECT{0, 0, kWidth, kHeight};
+        m_text->x = 40;
+        m_text->y = 120;
+        m_plate = BackgroundPart{0x804020, 80, 0, {}};
+        ItemDescription desc{&m_swf, m_text.get(), &m_plate, 0, {}};
+        ASSERT_TRUE(m_item.Start(&desc, false, false));
+        m_item.SignalPlay();
+        AdvanceBy(100);
+        ASSERT_EQ(m_item.GetState(), LumetState::Playing);
+    }
+    void TearDown() override {
+        m_item.Stop();
+        SetTimeMode(TimeMode::Real);
+    }
+
+    test::ScratchDir m_dir;
+    SwfPart m_swf;
+    std::unique_ptr<TextPart> m_text;
+    BackgroundPart m_plate{};
+    CLumet m_item;
+};
+
+TEST_F(LumetFrameTest, TheGpuLayersGiveTheCpuComposite) {
+    std::vector<uint8_t> frame(static_cast<size_t>(RowStride(kWidth, 24)) * kHeight, kGrey);
+    m_item.CompositeToFrame(frame.data(), kWidth, kHeight, 0, 0, 1.0f);
+    EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/item_frame.png",
+                                    PackedPicture(frame.data(), kWidth, kHeight, 24),
+                                    test::GoldenTolerance{12, 0.01}));
+
+    IGPUCombiner* combiner = CProcessorFactory::CreateCombiner();
+    ASSERT_TRUE(combiner->Init());
+    m_gl.Clear(kGrey, kGrey, kGrey, 255);
+    std::vector<TextureSlot> slots;
+    m_item.RenderToTextures(kWidth, kHeight, combiner, &slots, 0, 0, 1.0f);
+    EXPECT_EQ(slots.size(), 3u);  // movie, plate, text
+    const std::vector<uint8_t> gpu = m_gl.ReadPixels();
+    // Both are bottom-up; the GPU's rows have four bytes a pixel.
+    int differing = 0;
+    for (int y = 0; y < kHeight; ++y) {
+        for (int x = 0; x < kWidth; ++x) {
+            const uint8_t* c = &frame[static_cast<size_t>(RowStride(kWidth, 24)) * y + x * 3];
+            const uint8_t* g = &gpu[(static_cast<size_t>(y) * kWidth + x) * 4];
+            int diff = 0;
+            for (int k = 0; k < 3; ++k) {
+                diff = std::max(diff, std::abs(c[k] - g[k]));
+            }
+            differing += diff > 24 ? 1 : 0;
+        }
+    }
+    EXPECT_LE(differing, kWidth * kHeight / 50);  // 2 %: filtering at the edges
+    for (TextureSlot& slot : slots) {
+        CGLObjectFactory::DestroyPBO(slot.pbo);
+        glDeleteTextures(1, &slot.texture);
+    }
+    CProcessorFactory::DestroyCombiner(combiner);
+}
+
+// The calls the layers make, in order, and the plate's top edge, which stops
+// at the target's top when the plate would start above it.
+struct RecordingCombiner : IGPUCombiner {
+    bool Init() override { return true; }
+    void Release() override {}
+    void SetOpacity(float) override {}
+    float GetOpacity() const override { return 1; }
+    void Clear(uint32_t) override {}
+    uint32_t GetDrawCount() const override { return 0; }
+    bool DrawTexture(GLuint texture, int32_t) override {
+        calls += texture != 0 ? "draw;" : "draw 0;";
+        return true;
+    }
+    void GetRects(RECT*, RECT*) const override {}
+    bool SetDestination(const RECT* r, int32_t, int32_t, int32_t flag) override {
+        calls += "dst" + std::to_string(flag) + ";";
+        tops.push_back(r->top);
+        return true;
+    }
+    bool SetSource(const RECT*, int32_t, int32_t, int32_t) override {
+        calls += "src;";
+        return true;
+    }
+    std::string calls;
+    std::vector<int32_t> tops;
+};
+
+TEST_F(LumetFrameTest, LayersCallTheCombinerInOrder) {
+    RecordingCombiner combiner;
+    std::vector<TextureSlot> slots;
+    m_item.RenderToTextures(kWidth, kHeight, &combiner, &slots, 0, -200, 1.0f);
+    // Moved 200 up, every layer starts above the target: the movie and the
+    // text are placed there as they are, the plate's top stops at 0.
+    EXPECT_EQ(combiner.calls, "dst0;src;draw;dst1;draw;dst0;src;draw;");
+    EXPECT_EQ(combiner.tops, (std::vector<int32_t>{20 - 200, 0, 120 - 200}));
+    EXPECT_EQ(slots.size(), 3u);
+    for (TextureSlot& slot : slots) {
+        CGLObjectFactory::DestroyPBO(slot.pbo);
+        glDeleteTextures(1, &slot.texture);
+    }
+}
+
+}  // namespace
+}  // namespace lumets
