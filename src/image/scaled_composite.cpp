@@ -146,7 +146,8 @@ bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
 }
 
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
-                       const RECT& clip, POINT pos, float scale, uint32_t* contextsMade) {
+                       const RECT& clip, POINT pos, float scale, uint32_t* contextsMade,
+                       ScaledReuse* reuse, int64_t wholeLimit) {
     if (frame.data == nullptr || frame.bitsPerPixel != 24 || frame.width <= 0 ||
         frame.height <= 0) {
         return;
@@ -184,37 +185,58 @@ void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const Pic
         if (!HasScalerSlack(source)) {
             return;
         }
-        // Only the visible rows are scaled (memory rows run bottom-up), and
-        // only the visible columns where the sampling grid allows.
-        const int64_t rows = int64_t{visible.bottom} - visible.top;
-        const int64_t firstRow = sh - (visible.bottom - int64_t{p.y});
+        // While the whole scaled picture stays within wholeLimit it is scaled
+        // whole, so that a text that only moves reuses it; beyond, only the
+        // visible rows (memory rows run bottom-up), and the visible columns
+        // where the sampling grid allows.
+        int64_t rows = sh;
+        int64_t firstRow = 0;
         Span columns{0, source.width, 0, sw};
-        AlignedSpan(source.width, sw, visible.left - int64_t{p.x}, visible.right - int64_t{p.x},
-                    &columns);
+        if (sw > wholeLimit || sh > wholeLimit / sw) {
+            rows = int64_t{visible.bottom} - visible.top;
+            firstRow = sh - (visible.bottom - int64_t{p.y});
+            AlignedSpan(source.width, sw, visible.left - int64_t{p.x}, visible.right - int64_t{p.x},
+                        &columns);
+        }
         if (columns.dstLength > kMaxPicturePixels || columns.dstLength * rows > kMaxPicturePixels ||
             sh > INT32_MAX) {
             return;
         }
-        scaled.bitsPerPixel = 32;
-        scaled.width = static_cast<int32_t>(columns.dstLength);
-        scaled.height = static_cast<int32_t>(rows);
-        EnsureScalable(scaled, scaled.width, scaled.height);
-        if (contextsMade != nullptr) {
-            ++*contextsMade;
-        }
-        // The part's rows end where the source's do or before, so the
-        // source's slack serves the part too.
-        const ConstPictureView part{
-            picture.data + size_t{4} * static_cast<size_t>(columns.srcStart),
-            static_cast<int32_t>(columns.srcLength), picture.height, 32, picture.strideBytes};
-        // Without a scaling context there is no new picture to show; the
-        // scaled buffer may hold anything, so nothing is blended.
-        if (!ResizeRows32(part, scaled.View(), static_cast<int32_t>(sh),
-                          static_cast<int32_t>(firstRow))) {
-            return;
+        const bool reusable = reuse != nullptr && reuse->source != 0 &&
+                              reuse->madeFrom == reuse->source && reuse->scale == scale &&
+                              reuse->columnStart == columns.srcStart &&
+                              reuse->columns == columns.srcLength && reuse->firstRow == firstRow &&
+                              reuse->rows == rows;
+        if (!reusable) {
+            if (reuse != nullptr) {
+                reuse->madeFrom = 0;  // the buffer is about to change
+            }
+            scaled.bitsPerPixel = 32;
+            scaled.width = static_cast<int32_t>(columns.dstLength);
+            scaled.height = static_cast<int32_t>(rows);
+            EnsureScalable(scaled, scaled.width, scaled.height);
+            if (contextsMade != nullptr) {
+                ++*contextsMade;
+            }
+            // The part's rows end where the source's do or before, so the
+            // source's slack serves the part too.
+            const ConstPictureView part{
+                picture.data + size_t{4} * static_cast<size_t>(columns.srcStart),
+                static_cast<int32_t>(columns.srcLength), picture.height, 32, picture.strideBytes};
+            // Without a scaling context there is no new picture to show; the
+            // scaled buffer may hold anything, so nothing is blended.
+            if (!ResizeRows32(part, scaled.View(), static_cast<int32_t>(sh),
+                              static_cast<int32_t>(firstRow))) {
+                return;
+            }
+            if (reuse != nullptr) {
+                *reuse = ScaledReuse{reuse->source,     reuse->source, scale, columns.srcStart,
+                                     columns.srcLength, firstRow,      rows};
+            }
         }
         picture = std::as_const(scaled).View();
-        at = POINT{SaturateToInt32(p.x + columns.dstStart), visible.top};
+        at = POINT{SaturateToInt32(p.x + columns.dstStart),
+                   SaturateToInt32(p.y + (sh - firstRow - rows))};
     }
     const RECT placed = Placed(at, picture.width, picture.height);
     if (picture.data == nullptr || picture.width == 0 || picture.height == 0 ||

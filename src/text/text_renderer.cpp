@@ -129,6 +129,7 @@ void CTextRenderer::Draw() {
     fontLock.lock();
     const int32_t w = size.width;
     const int32_t h = size.height;
+    ++m_version;  // scaled copies of the old picture are stale
     m_textBuffer.bitsPerPixel = 32;
     m_textBuffer.width = w;
     m_textBuffer.height = h;
@@ -235,7 +236,9 @@ void CTextRenderer::BlendInto(const PictureView& frame, POINT pos) {
 void CTextRenderer::BlendScaledInto24(const PictureView& frame, const RECT& clip, POINT pos,
                                       float scale) {
     CAutoLock lock(&m_lock);
-    lumets::BlendScaledInto24(m_textBuffer, m_scaledBuffer, frame, clip, pos, scale, &m_scaleCount);
+    m_scaledReuse.source = m_version;
+    lumets::BlendScaledInto24(m_textBuffer, m_scaledBuffer, frame, clip, pos, scale, &m_scaleCount,
+                              &m_scaledReuse);
 }
 
 }  // namespace lumets

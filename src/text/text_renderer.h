@@ -12,6 +12,7 @@
 #include <string>
 
 #include "image/picture.h"
+#include "image/scaled_composite.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
 #include "lumets_platform/lock.h"
@@ -44,7 +45,8 @@ class CTextRenderer {
 
     // The normalised text of the last render.
     const std::u16string& Text() const { return m_text; }
-    // Number of scaling contexts made so far (each scaled blend makes one).
+    // Number of scaling contexts made so far: one per scaled blend, unless it
+    // reuses the last scaled picture (same picture, scale and part).
     uint32_t ScaleCount() const { return m_scaleCount; }
 
   private:
@@ -56,6 +58,10 @@ class CTextRenderer {
     PixelBuffer m_textBuffer;
     PixelBuffer m_scaledBuffer;
     uint32_t m_scaleCount = 0;
+    // The picture's version, new with each render, and what the scaled
+    // buffer was made from: a text that only moves is scaled once.
+    uint64_t m_version = 0;
+    ScaledReuse m_scaledReuse;
     // Mirrors of the picture's size for GetSize, which takes no lock.
     std::atomic<int32_t> m_width{0};
     std::atomic<int32_t> m_height{0};

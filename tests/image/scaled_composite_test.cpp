@@ -137,8 +137,9 @@ TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
         const POINT pos{-150, -80};
         Frame frame(200, 120);
         PixelBuffer scaled;
+        // A limit of one pixel makes even this picture scale its part only.
         BlendScaledInto24(source, scaled, frame.View(), RECT{-1000, -1000, 1000, 1000}, pos, scale,
-                          nullptr);
+                          nullptr, nullptr, 1);
         const int32_t sw = static_cast<int32_t>(601 * scale);
         const int32_t sh = static_cast<int32_t>(300 * scale);
         EXPECT_LT(scaled.height, sh) << scale;

@@ -266,6 +266,24 @@ TEST(TextRenderer, OutlinedGlyphsKeepTheirHoles) {
     EXPECT_EQ(holes, 7);
 }
 
+// A text that only moves is scaled once per scale: the scaled picture is
+// reused until the text or the scale changes.
+TEST(TextRenderer, AMovingTextIsScaledOnce) {
+    CTextRenderer renderer;
+    const TextStyle style = Style(20, 0xFFFFFF);
+    renderer.Render(u"moving", &style);
+    std::vector<uint8_t> frame(lumets::RowStride(320, 24) * 120, 0);
+    const lumets::PictureView view = lumets::PackedPicture(frame.data(), 320, 120, 24);
+    for (int x = 0; x < 5; ++x) {
+        renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{x * 7, 4}, 1.5f);
+    }
+    EXPECT_EQ(renderer.ScaleCount(), 1u);
+    renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{0, 4}, 2.0f);
+    renderer.Render(u"changed", &style);
+    renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{0, 4}, 2.0f);
+    EXPECT_EQ(renderer.ScaleCount(), 3u);
+}
+
 TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
     CTextRenderer renderer;
     // A whole block of text without a terminator, on the heap so that
