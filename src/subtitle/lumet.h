@@ -30,6 +30,8 @@
 #include "lumets_platform/lock.h"
 #include "lumets_platform/thread.h"
 #include "subtitle/lumet_event_handler.h"
+#include "subtitle/lumet_frame.h"
+#include "subtitle/lumet_thread.h"
 #include "subtitle/subtitle_background.h"
 #include "text/text_renderer.h"
 
@@ -148,23 +150,5 @@ class CLumet : public CFlashPlayerEventHandler {
     bool m_repeat = false;
     std::optional<uint64_t> m_lastFrameMs;  // the playing thread only
 };
-
-// Pure movement rules, shared by the thread and its tests.
-// The pixels per 33 ms frame of a speed in pixels per second.
-float StepFromSpeed(uint32_t speed);
-// Adds step to remainder and takes out its whole pixels.
-int32_t TakeWholePixels(float& remainder, float step);
-// Whether a layer moving by step in direction has left its clip for good.
-bool IsScrollFinished(POINT pos, float step, int32_t direction, const RECT& clip, SIZE extent,
-                      bool wrap);
-// The visible part of a width x height layer at position, clipped to clip:
-// dst in the frame, src in the layer's own pixels. Both are left as they are
-// when nothing shows.
-void ClipLayer(RECT& src, RECT& dst, int32_t width, int32_t height, const RECT& clip,
-               POINT position);
-// Moves pos by n whole pixels in direction, clamped at the near side and
-// wrapped to it when wrap is set.
-void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SIZE extent,
-                  bool wrap);
 
 }  // namespace lumets

@@ -1,6 +1,8 @@
 // The item's frame: its bounds, hit tests, and its three layers drawn bottom
 // to top (movie, plate, text) into the host's frame (CPU) or through the
 // host's combiner (GPU).
+#include "subtitle/lumet_frame.h"
+
 #include <algorithm>
 
 #include "image/picture.h"

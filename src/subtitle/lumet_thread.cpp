@@ -1,6 +1,8 @@
 // The item's playing thread: turns, passes and 33 ms frame steps, and the
 // movie player's end-of-pass callback, which counts the plays when nothing
 // scrolls.
+#include "subtitle/lumet_thread.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>

@@ -334,6 +334,10 @@ TEST_F(LumetTest, HostileDescriptionsAndFrames) {
     EXPECT_TRUE(empty.Start(&none, false, false));
     EXPECT_FALSE(CLumet().Start(nullptr, false, false));
     EXPECT_FALSE(StartItem(true, false, 1));  // no such file
+    m_text->nDirection = 9;                   // stands still
+    ASSERT_TRUE(StartItem(false, true, 1));
+    AdvanceBy(200);
+    m_text->nDirection = 1;
     ASSERT_TRUE(StartItem(false, true, 1));
     AdvanceBy(200);
     std::vector<uint8_t> frame(RowStride(64, 24) * 48, 7);
@@ -382,8 +386,15 @@ TEST_F(LumetTest, BoundsHitTestsAndSlots) {
     m_item->RenderToTextures(400, 200, &combiner, &slots, 0, 0, 1.0f);
     EXPECT_EQ(slots.size(), 3u);
     m_item->RenderToTextures(400, 200, nullptr, &slots, 0, 0, 1.0f);
-    for (TextureSlot& slot : slots) {
-        CGLObjectFactory::DestroyPBO(slot.pbo);
+    // A movie alone takes one slot.
+    ASSERT_TRUE(StartItem(true, false, 0));
+    std::vector<TextureSlot> alone;
+    m_item->RenderToTextures(400, 200, &combiner, &alone, 0, 0, 1.0f);
+    EXPECT_EQ(alone.size(), 1u);
+    for (std::vector<TextureSlot>* used : {&slots, &alone}) {
+        for (TextureSlot& slot : *used) {
+            CGLObjectFactory::DestroyPBO(slot.pbo);
+        }
     }
 }
 
