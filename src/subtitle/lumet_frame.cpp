@@ -75,10 +75,15 @@ bool CLumet::GetBounds(RECT* out, float scale) {
     {
         CAutoLock lock(&m_textLock);
         const SIZE size = m_textRenderer ? m_textRenderer->GetSize() : SIZE{0, 0};
-        if (size.cx >= 1 && size.cy >= 1) {
+        RECT textClip{};
+        {
             CAutoLock posLock(&m_textPosLock);
-            const RECT layer = Placed(m_text.pos, Scaled(size.cx, scale), Scaled(size.cy, scale));
-            platform::IntersectRect(&text, &layer, &m_text.clip);
+            textClip = m_text.clip;
+            if (size.cx >= 1 && size.cy >= 1) {
+                const RECT layer =
+                    Placed(m_text.pos, Scaled(size.cx, scale), Scaled(size.cy, scale));
+                platform::IntersectRect(&text, &layer, &textClip);
+            }
         }
         CAutoLock backgroundLock(&m_backgroundLock);
         if (m_backgroundOpacity != 0 && m_background) {
@@ -86,8 +91,7 @@ bool CLumet::GetBounds(RECT* out, float scale) {
             int32_t ph = 0;
             m_background->GetBackgroundSize(pw, ph, flash.bottom - flash.top);
             if (pw >= 1 && ph >= 1) {
-                CAutoLock posLock(&m_textPosLock);
-                m_background->GetBackgroundRect(&plate, &m_text.clip);
+                m_background->GetBackgroundRect(&plate, &textClip);
             }
         }
     }
