@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "lumet_types.h"
@@ -116,6 +117,8 @@ class CLumet : public CFlashPlayerEventHandler {
     void NotifyPlayedOnce();
     void ReleasePlayer();
 
+    // The text's clip and position moved by the subtitle's offset.
+    std::pair<RECT, POINT> TextPlacement(int32_t offX, int32_t offY);
     void EnsureTextPixels(int32_t width, int32_t height);
     TextureSlot* TakeSlot(std::vector<TextureSlot>* slots, int32_t* index);
 

@@ -4,6 +4,7 @@
 #include "subtitle/lumet_frame.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "image/picture.h"
 #include "image/picture_limits.h"
@@ -45,6 +46,11 @@ void ClipLayer(RECT& src, RECT& dst, int32_t width, int32_t height, const RECT& 
         src = Offset(visible, SaturateToInt32(-int64_t{position.x}),
                      SaturateToInt32(-int64_t{position.y}));
     }
+}
+
+std::pair<RECT, POINT> CLumet::TextPlacement(int32_t offX, int32_t offY) {
+    CAutoLock lock(&m_textPosLock);
+    return {Offset(m_text.clip, offX, offY), Offset(m_text.pos, offX, offY)};
 }
 
 void CLumet::EnsureTextPixels(int32_t width, int32_t height) {
@@ -131,13 +137,7 @@ void CLumet::CompositeToFrame(uint8_t* frame, uint32_t width, uint32_t height, i
             ? PackedPicture(frame, static_cast<int32_t>(width), static_cast<int32_t>(height), 24)
             : PictureView{};
     CAutoLock lock(&m_textLock);
-    RECT textClip{};
-    POINT textPos{};
-    {
-        CAutoLock posLock(&m_textPosLock);
-        textClip = Offset(m_text.clip, offX, offY);
-        textPos = Offset(m_text.pos, offX, offY);
-    }
+    const auto [textClip, textPos] = TextPlacement(offX, offY);
     {
         CAutoLock backgroundLock(&m_backgroundLock);
         if (m_backgroundOpacity != 0 && m_background && m_textRenderer) {
@@ -208,13 +208,7 @@ void CLumet::RenderToTextures(int32_t width, int32_t height, IGPUCombiner* combi
     }
 
     CAutoLock lock(&m_textLock);
-    RECT textClip{};
-    POINT textPos{};
-    {
-        CAutoLock posLock(&m_textPosLock);
-        textClip = Offset(m_text.clip, offX, offY);
-        textPos = Offset(m_text.pos, offX, offY);
-    }
+    const auto [textClip, textPos] = TextPlacement(offX, offY);
     const SIZE size = m_textRenderer ? m_textRenderer->GetSize() : SIZE{0, 0};
     {
         CAutoLock backgroundLock(&m_backgroundLock);

@@ -119,8 +119,8 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
             m_xy.resize(m_xy.size() - 2);
             m_tags.pop_back();
         }
-        const bool visible = c.right + reach >= 0 && c.left - reach <= m_width &&
-                             c.bottom + reach >= 0 && c.top - reach <= m_height;
+        const bool visible = c.box.right + reach >= 0 && c.box.left - reach <= m_width &&
+                             c.box.bottom + reach >= 0 && c.box.top - reach <= m_height;
         if (m_tags.size() - c.first < 2 || !visible) {  // not finite is not visible
             m_xy.resize(2 * c.first);
             m_tags.resize(c.first);
@@ -131,10 +131,7 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
         Contour& c = contours.back();
         const double x = point.point.x;
         const double y = point.point.y;
-        c.left = std::min(c.left, x);
-        c.right = std::max(c.right, x);
-        c.top = std::min(c.top, y);
-        c.bottom = std::max(c.bottom, y);
+        c.box.Add(x, y);
         m_xy.push_back(x);
         m_xy.push_back(y);
         m_tags.push_back(tag);
@@ -144,8 +141,7 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
         switch (p->header.type) {
             case CAIRO_PATH_MOVE_TO:
                 finish();
-                contours.push_back(
-                    Contour{m_tags.size(), INFINITY, INFINITY, -INFINITY, -INFINITY});
+                contours.push_back(Contour{m_tags.size(), Box{}});
                 open = true;
                 add(p[1], FT_CURVE_TAG_ON);
                 break;
@@ -192,12 +188,10 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
     for (size_t i = 1; i <= contours.size(); ++i) {
         if (i < contours.size()) {
             const Contour& next = contours[i];
-            const bool inside = std::any_of(
-                contours.begin() + static_cast<std::ptrdiff_t>(glyph),
-                contours.begin() + static_cast<std::ptrdiff_t>(i), [&next](const Contour& c) {
-                    return next.left >= c.left && next.right <= c.right && next.top >= c.top &&
-                           next.bottom <= c.bottom;
-                });
+            const bool inside =
+                std::any_of(contours.begin() + static_cast<std::ptrdiff_t>(glyph),
+                            contours.begin() + static_cast<std::ptrdiff_t>(i),
+                            [&next](const Contour& c) { return c.box.Holds(next.box); });
             if (inside) {
                 continue;
             }
@@ -212,18 +206,12 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
 void COutlineRaster::AddGlyph(const std::vector<Contour>& contours, size_t begin, size_t end) {
     const size_t first = contours[begin].first;
     const size_t last = end < contours.size() ? contours[end].first : m_tags.size();
-    double left = INFINITY;
-    double top = INFINITY;
-    double right = -INFINITY;
-    double bottom = -INFINITY;
+    Box box;
     for (size_t i = begin; i < end; ++i) {
-        left = std::min(left, contours[i].left);
-        top = std::min(top, contours[i].top);
-        right = std::max(right, contours[i].right);
-        bottom = std::max(bottom, contours[i].bottom);
+        box.Add(contours[i].box);
     }
-    if (last - first > kMaxGlyphPoints || !(right - left < kMaxGlyphExtent) ||
-        !(bottom - top < kMaxGlyphExtent)) {
+    if (last - first > kMaxGlyphPoints || !(box.right - box.left < kMaxGlyphExtent) ||
+        !(box.bottom - box.top < kMaxGlyphExtent)) {
         return;
     }
     // The key: the start's phase, then the contours' sizes, tags and points
@@ -287,21 +275,15 @@ bool COutlineRaster::Rasterise(const std::vector<Contour>& contours, size_t begi
                                Coverage* coverage) {
     const size_t first = contours[begin].first;
     const size_t last = end < contours.size() ? contours[end].first : m_tags.size();
-    double left = INFINITY;
-    double top = INFINITY;
-    double right = -INFINITY;
-    double bottom = -INFINITY;
+    Box box;
     for (size_t i = first; i < last; ++i) {
-        left = std::min(left, m_xy[2 * i]);
-        right = std::max(right, m_xy[2 * i]);
-        top = std::min(top, m_xy[2 * i + 1]);
-        bottom = std::max(bottom, m_xy[2 * i + 1]);
+        box.Add(m_xy[2 * i], m_xy[2 * i + 1]);
     }
     const double reach = m_pen / 2 + 1;
-    coverage->x = static_cast<int32_t>(std::floor(left - reach));
-    coverage->y = static_cast<int32_t>(std::floor(top - reach));
-    coverage->width = static_cast<int32_t>(std::ceil(right + reach)) - coverage->x;
-    coverage->height = static_cast<int32_t>(std::ceil(bottom + reach)) - coverage->y;
+    coverage->x = static_cast<int32_t>(std::floor(box.left - reach));
+    coverage->y = static_cast<int32_t>(std::floor(box.top - reach));
+    coverage->width = static_cast<int32_t>(std::ceil(box.right + reach)) - coverage->x;
+    coverage->height = static_cast<int32_t>(std::ceil(box.bottom + reach)) - coverage->y;
     // FreeType's y runs up from the bitmap's bottom edge.
     std::vector<FT_Vector> points;
     points.reserve(last - first);

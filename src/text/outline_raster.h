@@ -10,6 +10,8 @@
 
 #include <cairo.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -38,12 +40,29 @@ class COutlineRaster {
     cairo_surface_t* Stroke() const { return m_stroke.get(); }  // empty without a pen
 
   private:
+    // A box that grows to hold points and boxes; empty (inverted) at first.
+    struct Box {
+        double left = INFINITY;
+        double top = INFINITY;
+        double right = -INFINITY;
+        double bottom = -INFINITY;
+        void Add(double x, double y) {
+            left = std::min(left, x);
+            top = std::min(top, y);
+            right = std::max(right, x);
+            bottom = std::max(bottom, y);
+        }
+        void Add(const Box& box) {
+            Add(box.left, box.top);
+            Add(box.right, box.bottom);
+        }
+        bool Holds(const Box& box) const {
+            return box.left >= left && box.right <= right && box.top >= top && box.bottom <= bottom;
+        }
+    };
     struct Contour {
         size_t first = 0;  // its first point in m_xy
-        double left = 0;
-        double top = 0;
-        double right = 0;
-        double bottom = 0;
+        Box box;
     };
     // A glyph's coverage, offset from its whole-pixel anchor.
     struct Coverage {

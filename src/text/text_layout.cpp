@@ -430,11 +430,14 @@ void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {
     *layoutRect = r;
 }
 
-double StyledLayout::CullMargin() const {
+StyledLayout::CullBox StyledLayout::Drawable(cairo_t* cr) const {
+    CullBox box;
+    cairo_clip_extents(cr, &box.left, &box.top, &box.right, &box.bottom);
     const double pen = std::isfinite(m_style.outlineWidth)
                            ? std::min<double>(std::fabs(m_style.outlineWidth), m_emPixels)
                            : 0;
-    return 2 * m_emPixels + pen;
+    box.margin = 2 * m_emPixels + pen;
+    return box;
 }
 
 // The block of lines always starts at the unshifted top edge (horizontal
@@ -446,17 +449,10 @@ template <typename Paint>
 void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const {
     const double x = rect.x - m_shift.x;
     const double y = rect.y - m_shift.y;
-    // Blocks wholly outside what can be drawn are skipped; the margin takes in
-    // glyphs that reach beyond their lines and the outline's pen.
-    double left = 0;
-    double top = 0;
-    double right = 0;
-    double bottom = 0;
-    cairo_clip_extents(cr, &left, &top, &right, &bottom);
-    const double margin = CullMargin();
+    // Blocks wholly outside what can be drawn are skipped.
+    const CullBox drawable = Drawable(cr);
     auto paintAt = [&](const Block& block, double blockX, double blockY, double blockWidth) {
-        if (blockY + block.height + margin < top || blockY - margin > bottom ||
-            blockX + blockWidth + margin < left || blockX - margin > right) {
+        if (drawable.Misses(blockX, blockY, blockWidth, block.height)) {
             return;
         }
         cairo_save(cr);
@@ -503,13 +499,8 @@ void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
         // Missing glyphs' boxes at a huge em would make huge digit pictures.
         const CPictureGlyphs pictures(layout, m_emPixels <= kMaxRasterGlyphPixels);
         // One line at a time keeps the path small; lines outside the clip are
-        // skipped, with the margin for glyphs reaching beyond them.
-        double left = 0;
-        double top = 0;
-        double right = 0;
-        double bottom = 0;
-        cairo_clip_extents(cr, &left, &top, &right, &bottom);
-        const double margin = CullMargin();
+        // skipped.
+        const CullBox drawable = Drawable(cr);
         cairo_matrix_t block;
         cairo_get_matrix(cr, &block);
         PangoLayoutIterPtr iter(pango_layout_get_iter(layout));
@@ -518,8 +509,8 @@ void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
             pango_layout_iter_get_line_extents(iter.get(), nullptr, &logical);
             const double x = static_cast<double>(logical.x) / PANGO_SCALE;
             const double y = static_cast<double>(logical.y) / PANGO_SCALE;
-            if (y + logical.height / double{PANGO_SCALE} + margin < top || y - margin > bottom ||
-                x + logical.width / double{PANGO_SCALE} + margin < left || x - margin > right) {
+            if (drawable.Misses(x, y, logical.width / double{PANGO_SCALE},
+                                logical.height / double{PANGO_SCALE})) {
                 continue;
             }
             cairo_move_to(

@@ -110,9 +110,20 @@ class StyledLayout {
     RectF Box(const std::vector<Column>& columns) const;
     RectF MeasureText(const std::string& utf8) const;
     float ColumnHeight(const Column& column) const;
-    // How far beyond its lines' boxes a block or line may draw: glyphs that
-    // reach past them, and the outline's pen.
-    double CullMargin() const;
+    // What can be drawn in cr (its clip), with the margin by which a block or
+    // line may draw beyond its box: glyphs that reach past it, and the pen.
+    struct CullBox {
+        double left = 0;
+        double top = 0;
+        double right = 0;
+        double bottom = 0;
+        double margin = 0;
+        bool Misses(double x, double y, double width, double height) const {
+            return y + height + margin < top || y - margin > bottom || x + width + margin < left ||
+                   x - margin > right;
+        }
+    };
+    CullBox Drawable(cairo_t* cr) const;
     template <typename Paint>
     void ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const;
 

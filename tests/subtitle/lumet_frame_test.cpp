@@ -12,6 +12,7 @@
 
 #include "common/gl_context.h"
 #include "common/golden.h"
+#include "common/recording_combiner.h"
 #include "common/scratch_files.h"
 #include "image/pixel_ops.h"
 #include "lumets/host/gpu_combiner.h"
@@ -111,39 +112,18 @@ TEST_F(LumetFrameTest, TheGpuLayersGiveTheCpuComposite) {
 
 // The calls the layers make, in order, and the plate's top edge, which stops
 // at the target's top when the plate would start above it.
-struct RecordingCombiner : IGPUCombiner {
-    bool Init() override { return true; }
-    void Release() override {}
-    void SetOpacity(float) override {}
-    float GetOpacity() const override { return 1; }
-    void Clear(uint32_t) override {}
-    uint32_t GetDrawCount() const override { return 0; }
-    bool DrawTexture(GLuint texture, int32_t) override {
-        calls += texture != 0 ? "draw;" : "draw 0;";
-        return true;
-    }
-    void GetRects(RECT*, RECT*) const override {}
-    bool SetDestination(const RECT* r, int32_t, int32_t, int32_t flag) override {
-        calls += "dst" + std::to_string(flag) + ";";
-        tops.push_back(r->top);
-        return true;
-    }
-    bool SetSource(const RECT*, int32_t, int32_t, int32_t) override {
-        calls += "src;";
-        return true;
-    }
-    std::string calls;
-    std::vector<int32_t> tops;
-};
-
 TEST_F(LumetFrameTest, LayersCallTheCombinerInOrder) {
-    RecordingCombiner combiner;
+    test::RecordingCombiner combiner;
     std::vector<TextureSlot> slots;
     m_item.RenderToTextures(kWidth, kHeight, &combiner, &slots, 0, -200, 1.0f);
     // Moved 200 up, every layer starts above the target: the movie and the
     // text are placed there as they are, the plate's top stops at 0.
     EXPECT_EQ(combiner.calls, "dst0;src;draw;dst1;draw;dst0;src;draw;");
-    EXPECT_EQ(combiner.tops, (std::vector<int32_t>{20 - 200, 0, 120 - 200}));
+    std::vector<int32_t> tops;
+    for (const RECT& dst : combiner.destinations) {
+        tops.push_back(dst.top);
+    }
+    EXPECT_EQ(tops, (std::vector<int32_t>{20 - 200, 0, 120 - 200}));
     EXPECT_EQ(slots.size(), 3u);
     for (TextureSlot& slot : slots) {
         CGLObjectFactory::DestroyPBO(slot.pbo);

@@ -12,8 +12,11 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
+#include "common/recording_combiner.h"
 #include "common/scratch_files.h"
 #include "lumets/time_source.h"
 
@@ -81,34 +84,6 @@ struct Owner : CLumetEventHandler {
     std::atomic<int> played{0};
     std::atomic<int> stopped{0};
     std::atomic<uint64_t> playedAt{0};
-};
-
-// What the item draws through the combiner, and the slots it takes: movie,
-// then plate, then text, lazily filled.
-struct RecordingCombiner : IGPUCombiner {
-    bool Init() override { return true; }
-    void Release() override {}
-    void SetOpacity(float) override {}
-    float GetOpacity() const override { return 1; }
-    void Clear(uint32_t) override {}
-    uint32_t GetDrawCount() const override { return 0; }
-    bool DrawTexture(GLuint, int32_t) override {
-        calls += "draw;";
-        return true;
-    }
-    void GetRects(RECT*, RECT*) const override {}
-    bool SetDestination(const RECT* r, int32_t w, int32_t h, int32_t) override {
-        calls += "dst " + std::to_string(r->left) + "," + std::to_string(r->top) + "," +
-                 std::to_string(r->right) + "," + std::to_string(r->bottom) + " in " +
-                 std::to_string(w) + "x" + std::to_string(h) + ";";
-        return true;
-    }
-    bool SetSource(const RECT* r, int32_t, int32_t, int32_t) override {
-        calls += "src " + std::to_string(r->right - r->left) + "x" +
-                 std::to_string(r->bottom - r->top) + ";";
-        return true;
-    }
-    std::string calls;
 };
 
 class LumetTest : public testing::Test {
@@ -341,7 +316,7 @@ TEST_F(LumetTest, HostileDescriptionsAndFrames) {
     ASSERT_TRUE(StartItem(false, true, 1));
     AdvanceBy(200);
     std::vector<uint8_t> frame(RowStride(64, 24) * 48, 7);
-    RecordingCombiner combiner;
+    test::RecordingCombiner combiner;
     std::vector<TextureSlot> slots;
     for (float scale : {0.0f, -1.0f, nan, inf, 1e30f, 1.0f}) {
         RECT r{};
@@ -373,11 +348,16 @@ TEST_F(LumetTest, BoundsHitTestsAndSlots) {
     EXPECT_TRUE(m_item->HitTest(50, 20, 1.0f));
     EXPECT_FALSE(m_item->HitTest(500, 20, 1.0f));
 
-    RecordingCombiner combiner;
+    test::RecordingCombiner combiner;
     std::vector<TextureSlot> slots;
     m_item->RenderToTextures(400, 200, &combiner, &slots, 100, 50, 2.0f);
     // Without a GL context the text upload fails, so only the movie is drawn.
-    EXPECT_EQ(combiner.calls, "dst 110,55,210,95 in 200x100;src 100x40;draw;");
+    EXPECT_EQ(combiner.calls, "dst0;src;draw;");
+    ASSERT_EQ(combiner.destinations.size(), 1u);
+    const RECT& dst = combiner.destinations[0];
+    EXPECT_EQ(std::tuple(dst.left, dst.top, dst.right, dst.bottom), std::tuple(110, 55, 210, 95));
+    EXPECT_EQ(std::pair(combiner.targets[0].cx, combiner.targets[0].cy), std::pair(200, 100));
+    EXPECT_EQ(combiner.sources[0].right - combiner.sources[0].left, 100);
     EXPECT_EQ(slots.size(), 2u);
 
     BackgroundPart plate{0x204080, 80, 1, {}};
@@ -412,7 +392,7 @@ TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
     std::atomic<bool> done{false};
     std::thread render([&] {
         std::vector<uint8_t> frame(RowStride(320, 24) * 200);
-        RecordingCombiner combiner;
+        test::RecordingCombiner combiner;
         std::vector<TextureSlot> slots;
         while (!done) {
             item.CompositeToFrame(frame.data(), 320, 200, 5, 5, 1.5f);
