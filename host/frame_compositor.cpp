@@ -82,10 +82,16 @@ const uint8_t* CScaledFrameCache::Get(const std::shared_ptr<const CMovie>& movie
     // Planar RGB with alpha: libswscale scales it plane by plane with its
     // vector filters and no detour through YUV, about twice as fast as packed
     // B, G, R, A. The (un)packing loops below are plain copies.
-    SwsContext* scaler = sws_getCachedContext(m_scaler.release(), movie->width, movie->height,
-                                              AV_PIX_FMT_GBRAP, width, height, AV_PIX_FMT_GBRAP,
-                                              SWS_BICUBIC, nullptr, nullptr, nullptr);
-    m_scaler.reset(scaler);
+    // One context per pair of sizes. Not sws_getCachedContext: the scaler
+    // adds flags of its own at set-up (full chroma for RGB), so its cache
+    // never matches and it would make a new context for every frame.
+    const int32_t sizes[4] = {movie->width, movie->height, width, height};
+    if (!m_scaler || !std::equal(sizes, sizes + 4, m_scalerSizes)) {
+        m_scaler.reset(sws_getContext(movie->width, movie->height, AV_PIX_FMT_GBRAP, width, height,
+                                      AV_PIX_FMT_GBRAP, SWS_BICUBIC, nullptr, nullptr, nullptr));
+        std::copy(sizes, sizes + 4, m_scalerSizes);
+    }
+    SwsContext* scaler = m_scaler.get();
     if (scaler == nullptr) {
         return nullptr;
     }

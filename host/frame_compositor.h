@@ -54,6 +54,7 @@ class CScaledFrameCache {
     std::vector<uint8_t> m_sourcePlanes;
     std::vector<uint8_t> m_scaledPlanes;
     SwsContextPtr m_scaler;
+    int32_t m_scalerSizes[4] = {};  // source and scaled width and height
 };
 
 }  // namespace lumets::host
