@@ -166,7 +166,7 @@ void CLumet::Stop() {
 
 LumetState CLumet::GetState() {
     CAutoLock lock(&m_playerLock);
-    const LumetState state = m_state.load(std::memory_order_relaxed);
+    const LumetState state = m_state.load(std::memory_order_acquire);
     if (!m_player) {
         return state;
     }

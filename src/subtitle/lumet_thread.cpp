@@ -350,7 +350,7 @@ void CLumet::PlayingLumetProc() {
         CAutoLock lock(&m_textLock);
         m_textRenderer.reset();
     }
-    m_state.store(LumetState::Idle, std::memory_order_relaxed);
+    m_state.store(LumetState::Idle, std::memory_order_release);  // seen Idle, all the thread did is seen
     if (m_owner != nullptr) {
         m_owner->OnPlayStopped();
     }

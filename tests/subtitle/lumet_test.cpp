@@ -18,60 +18,11 @@
 
 #include "common/recording_combiner.h"
 #include "common/scratch_files.h"
+#include "common/scripted_player.h"
 #include "lumets/time_source.h"
 
 namespace lumets {
 namespace {
-
-// A movie of 100 x 40 that plays between Play and Pause; the test ends its
-// passes by calling EndPass, as the real player's thread would.
-class ScriptedPlayer : public IFlashPlayer {
-  public:
-    static inline std::atomic<ScriptedPlayer*> last{nullptr};
-
-    void SetEventHandler(CFlashPlayerEventHandler* handler) override { m_handler = handler; }
-    void Open(const char16_t*, int32_t, bool autoPlay) override {
-        m_open = true;
-        m_playing = autoPlay;
-    }
-    void Play() override {
-        m_playing = true;
-        ++plays;
-    }
-    void Pause() override {
-        m_playing = false;
-        ++pauses;
-    }
-    void Stop() override { m_playing = false; }
-    bool IsReady() override { return m_open; }
-    bool IsLoading() override { return false; }
-    bool IsPlaying() override { return m_playing; }
-    double GetFrameRate() override { return 30; }
-    bool GetSize(uint32_t* w, uint32_t* h) override {
-        *w = m_open ? 100 : 0;
-        *h = m_open ? 40 : 0;
-        return m_open;
-    }
-    bool RenderToTexture(GLuint, uint32_t* w, uint32_t* h, IPBO*) override { return GetSize(w, h); }
-    // With endPassWhileDrawing, the end of a pass arrives from inside a
-    // drawing call, which the item makes holding its player lock.
-    void RenderToFrame(uint8_t*, uint32_t, uint32_t, const RECT*, const POINT*, float) override {
-        if (endPassWhileDrawing.exchange(false)) {
-            EndPass();
-        }
-    }
-    std::atomic<bool> endPassWhileDrawing{false};
-
-    void EndPass() { m_handler->OnPlayEnd(FILE_TYPE_SWF); }
-
-    std::atomic<int> plays{0};
-    std::atomic<int> pauses{0};
-
-  private:
-    CFlashPlayerEventHandler* m_handler = nullptr;
-    std::atomic<bool> m_open{false};
-    std::atomic<bool> m_playing{false};
-};
 
 struct Owner : CLumetEventHandler {
     void OnPlayStarted() override { ++started; }
@@ -90,13 +41,7 @@ class LumetTest : public testing::Test {
   protected:
     void SetUp() override {
         SetTimeMode(TimeMode::Virtual);
-        host::SetFlashPlayerFactory(
-            [] {
-                auto* player = new ScriptedPlayer;
-                ScriptedPlayer::last = player;
-                return static_cast<IFlashPlayer*>(player);
-            },
-            [](IFlashPlayer* player) { delete player; });
+        test::ScriptedPlayer::Install(true);
         ASSERT_TRUE(test::WriteBytes(m_movie, {1, 2, 3}));
         std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
         const std::u16string path(m_movie.begin(), m_movie.end());  // the temp folder is ASCII
@@ -110,7 +55,7 @@ class LumetTest : public testing::Test {
     }
     void TearDown() override {
         m_item.reset();
-        host::SetFlashPlayerFactory(nullptr, nullptr);
+        test::ScriptedPlayer::Install(false);
         SetTimeMode(TimeMode::Real);
     }
 
@@ -190,7 +135,7 @@ TEST_F(LumetTest, AScrollingMovieIsCountedByTheThread) {
 // Nothing scrolls: the player counts through OnPlayEnd.
 TEST_F(LumetTest, AStillMovieIsCountedByThePlayer) {
     ASSERT_TRUE(StartItem(true, false, 3, true));
-    ScriptedPlayer* player = ScriptedPlayer::last;
+    test::ScriptedPlayer* player = test::ScriptedPlayer::last;
     ASSERT_NE(player, nullptr);
     EXPECT_EQ(m_item->GetState(), LumetState::Playing);
     player->EndPass();
@@ -248,7 +193,7 @@ TEST_F(LumetTest, WhoCountsWhenTheTextScrollsOrTheMovieEndIsIgnored) {
     // scrolling its pass never ends; the item plays until stopped.
     m_swf.bIgnoreMovieEnd = 1;
     ASSERT_TRUE(StartItem(true, false, 1));
-    ScriptedPlayer::last.load()->EndPass();
+    test::ScriptedPlayer::last.load()->EndPass();
     AdvanceBy(2000);
     EXPECT_EQ(m_owner.played.load(), 0);
     m_item->Stop();
@@ -420,7 +365,7 @@ TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
         item.UpdateBackground(&plate);
         const int played = m_owner.played;
         if (still) {
-            ScriptedPlayer::last.load()->endPassWhileDrawing = true;
+            test::ScriptedPlayer::last.load()->endPassWhileDrawing = true;
             for (int spin = 0; spin < 10'000'000 && m_owner.played == played; ++spin) {
                 std::this_thread::yield();
             }

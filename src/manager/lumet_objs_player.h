@@ -1,0 +1,84 @@
+// CLumetObjsPlayer: the play queue of one subtitle id. It holds its own deep
+// copies of the host's item descriptions and plays them one after another,
+// each as a CLumet on its own playing thread; after the last it ends or, when
+// looping, pauses for its interval and starts again at the first. It keeps
+// the subtitle's position and answers the manager's geometry for whatever
+// item is current.
+//
+// The manager calls every operation under its lock. OnPlayedOnce, and with it
+// PlayAt, runs on item threads (or the movie player's thread) without it, so
+// the fields those threads share with the host's are atomics. Items are
+// destroyed only by Stop and the destructor, after their threads have ended.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "lumets/records.h"
+#include "lumets_platform/lock.h"
+#include "subtitle/lumet.h"
+
+namespace lumets {
+
+// A description with parts of its own (copies of the host's).
+struct OwnedDescription {
+    std::unique_ptr<SwfPart> swf;
+    std::unique_ptr<TextPart> text;
+    std::unique_ptr<BackgroundPart> background;
+    int32_t playCount = 0;
+
+    ItemDescription View() const;
+};
+
+class CLumetObjsPlayer final : public CLumetEventHandler {
+  public:
+    static constexpr size_t kGroupUnits = 260;
+
+    CLumetObjsPlayer() = default;
+    ~CLumetObjsPlayer() override;
+
+    void Setup(const char16_t* group, const ItemDescription* items, uint32_t count, int32_t x,
+               int32_t y, bool loop, int32_t intervalMs);
+    void Stop();
+    void PlayAt(uint32_t index);
+    void SetItems(const ItemDescription* items, uint32_t count);
+    void OnPlayedOnce() override;
+
+    bool IsInGroup(const char16_t* group) const;
+    LumetState GetState();
+    int64_t GetStartTime();
+    void DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale);
+    void DrawToTarget(int32_t width, int32_t height, IGPUCombiner* combiner,
+                      std::vector<TextureSlot>* slots, float scale);
+    bool HitTest(int32_t x, int32_t y, float scale);
+    bool GetRect(RECT* rect, float scale);
+    bool GetPosition(POINT* position) const;
+    void MoveTo(int32_t x, int32_t y);
+    void UpdateText(const TextPart* part);
+    void UpdateBackground(const BackgroundPart* part);
+
+  private:
+    // The repeat pause before position 0 comes round again.
+    void Pause();
+
+    std::atomic<bool> m_stopping{false};
+    char16_t m_group[kGroupUnits] = {};
+    CLock m_lock;
+    std::vector<OwnedDescription> m_descs;
+    POINT m_position{};  // the host's thread only
+    std::atomic<bool> m_loop{false};
+    std::atomic<int32_t> m_intervalMs{0};
+    std::atomic<uint32_t> m_currentIndex{0};
+    std::atomic<CLumet*> m_current{nullptr};
+    std::vector<std::unique_ptr<CLumet>> m_items;
+    POINT m_dragAnchor{};
+    POINT m_dragOrigin{};
+    // Set while a looping queue pauses and brings position 0 round again:
+    // the queue counts as busy then, so a Setup cannot give position 0 a
+    // second turn beside it.
+    std::atomic<bool> m_cycling{false};
+};
+
+}  // namespace lumets
