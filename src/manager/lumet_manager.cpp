@@ -1,73 +1,251 @@
 #include "manager/lumet_manager.h"
 
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <set>
+
+#include "lumets_platform/utf16.h"
+
 namespace lumets {
+
+namespace {
+
+constexpr size_t kIdUnits = 260;
+
+void CopyId(char16_t* dst, const std::u16string& id) {
+    platform::U16CopyTruncate(dst, kIdUnits, id.c_str(), id.size() + 1);
+}
+
+}  // namespace
 
 CLumetManager::~CLumetManager() {
     RemoveAllSubtitles();
 }
 
-void CLumetManager::AddSubtitle(const char16_t*, const char16_t*, const ItemDescription*, uint32_t,
-                                int32_t, int32_t, bool, int32_t) {
-    CAutoLock lock(&m_lock);
+CLumetObjsPlayer* CLumetManager::Find(const char16_t* id) {
+    if (id == nullptr) {
+        return nullptr;
+    }
+    auto found = m_players.find(std::u16string(id));
+    return found != m_players.end() ? found->second.get() : nullptr;
 }
 
-void CLumetManager::RemoveSubtitle(const char16_t*) {
+std::vector<CLumetManager::Entry> CLumetManager::ByStartTime(const char16_t* group, bool playing) {
+    std::vector<std::pair<int64_t, Entry>> timed;
+    for (const auto& [id, player] : m_players) {
+        if ((group != nullptr && !player->IsInGroup(group)) ||
+            (playing && player->GetState() != LumetState::Playing)) {
+            continue;
+        }
+        timed.push_back({player->GetStartTime(), Entry{id, player.get()}});
+    }
+    std::sort(timed.begin(), timed.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<Entry> entries;
+    entries.reserve(timed.size());
+    for (auto& [time, entry] : timed) {
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+void CLumetManager::AddSubtitle(const char16_t* id, const char16_t* group,
+                                const ItemDescription* items, uint32_t count, int32_t x, int32_t y,
+                                bool loop, int32_t intervalMs) {
+    // A null group has no name to copy: nothing is added.
+    if (id == nullptr || group == nullptr) {
+        return;
+    }
     CAutoLock lock(&m_lock);
+    std::unique_ptr<CLumetObjsPlayer>& player = m_players[std::u16string(id)];
+    if (!player) {
+        player = std::make_unique<CLumetObjsPlayer>();
+    }
+    player->Setup(group, items, count, x, y, loop, intervalMs);
+}
+
+void CLumetManager::RemoveSubtitle(const char16_t* id) {
+    if (id == nullptr || id[0] == u'\0') {
+        return;
+    }
+    CAutoLock lock(&m_lock);
+    auto found = m_players.find(std::u16string(id));
+    if (found != m_players.end()) {
+        found->second->Stop();
+        m_players.erase(found);
+    }
 }
 
 void CLumetManager::RemoveAllSubtitles() {
     CAutoLock lock(&m_lock);
+    m_players.clear();
 }
 
-void CLumetManager::TrimGroup(const char16_t*, uint32_t) {
+void CLumetManager::TrimGroup(const char16_t* group, uint32_t keep) {
+    if (group == nullptr) {
+        return;
+    }
     CAutoLock lock(&m_lock);
+    const std::vector<Entry> members = ByStartTime(group, false);
+    for (size_t i = 0; i + keep < members.size(); ++i) {
+        RemoveSubtitle(members[i].first.c_str());
+    }
 }
 
-bool CLumetManager::GetPlayingInGroup(const char16_t*, SubtitleRectEntry*, uint32_t*) {
+bool CLumetManager::GetPlayingInGroup(const char16_t* group, SubtitleRectEntry* entries,
+                                      uint32_t* count) {
+    if (group == nullptr) {
+        return false;
+    }
     CAutoLock lock(&m_lock);
-    return false;
+    const std::vector<Entry> playing = ByStartTime(group, true);
+    if (playing.empty() || entries == nullptr || count == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i < playing.size(); ++i) {
+        CopyId(entries[i].id, playing[i].first);
+        playing[i].second->GetRect(&entries[i].rect, 1.0f);
+    }
+    *count = static_cast<uint32_t>(playing.size());
+    return true;
 }
 
-bool CLumetManager::HitTestGroup(const char16_t*, int32_t, int32_t, char16_t*, RECT*) {
+bool CLumetManager::HitTestGroup(const char16_t* group, int32_t x, int32_t y, char16_t* id,
+                                 RECT* rect) {
+    if (group == nullptr) {
+        return false;
+    }
     CAutoLock lock(&m_lock);
-    return false;
+    std::vector<Entry> hits = ByStartTime(group, true);
+    hits.erase(std::remove_if(hits.begin(), hits.end(),
+                              [&](const Entry& e) { return !e.second->HitTest(x, y, 1.0f); }),
+               hits.end());
+    if (hits.empty()) {
+        return false;
+    }
+    const Entry& newest = hits.back();
+    if (id != nullptr) {
+        CopyId(id, newest.first);
+    }
+    if (rect != nullptr) {
+        newest.second->GetRect(rect, 1.0f);
+    }
+    return true;
 }
 
-bool CLumetManager::GetSubtitleRect(const char16_t*, RECT*) {
+bool CLumetManager::GetSubtitleRect(const char16_t* id, RECT* rect) {
     CAutoLock lock(&m_lock);
-    return false;
+    CLumetObjsPlayer* player = Find(id);
+    if (player == nullptr) {
+        return false;
+    }
+    player->GetRect(rect, 1.0f);
+    return true;
 }
 
-bool CLumetManager::GetSubtitlePosition(const char16_t*, POINT* position) {
+bool CLumetManager::GetSubtitlePosition(const char16_t* id, POINT* position) {
     if (position != nullptr) {
         *position = POINT{0, 0};
     }
     CAutoLock lock(&m_lock);
-    return false;
+    CLumetObjsPlayer* player = Find(id);
+    if (player == nullptr) {
+        return false;
+    }
+    player->GetPosition(position);
+    return true;
 }
 
-void CLumetManager::MoveSubtitle(const char16_t*, int32_t, int32_t) {
+void CLumetManager::MoveSubtitle(const char16_t* id, int32_t x, int32_t y) {
     CAutoLock lock(&m_lock);
+    if (CLumetObjsPlayer* player = Find(id)) {
+        player->MoveTo(x, y);
+    }
 }
 
-void CLumetManager::UpdateSubtitleText(const char16_t*, const TextPart*) {
+void CLumetManager::UpdateSubtitleText(const char16_t* id, const TextPart* text) {
     CAutoLock lock(&m_lock);
+    if (CLumetObjsPlayer* player = Find(id)) {
+        player->UpdateText(text);
+    }
 }
 
-void CLumetManager::UpdateSubtitleBackground(const char16_t*, const BackgroundPart*) {
+void CLumetManager::UpdateSubtitleBackground(const char16_t* id, const BackgroundPart* background) {
     CAutoLock lock(&m_lock);
+    if (CLumetObjsPlayer* player = Find(id)) {
+        player->UpdateBackground(background);
+    }
 }
 
-void CLumetManager::DrawToBuffer(uint8_t*, uint32_t, uint32_t, float) {
+void CLumetManager::DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale) {
     CAutoLock lock(&m_lock);
+    for (const Entry& entry : ByStartTime(nullptr, false)) {
+        entry.second->DrawToBuffer(frame, width, height, scale);
+    }
 }
 
-void CLumetManager::DrawToTarget(int32_t, int32_t, float) {
-    CAutoLock lock(&m_lock);
+void CLumetManager::Release(const std::vector<TextureSlot>& slots, std::vector<GLuint>* names) {
+    for (const TextureSlot& slot : slots) {
+        if (slot.texture != 0) {
+            names->push_back(slot.texture);
+        }
+        CGLObjectFactory::DestroyPBO(slot.pbo);
+    }
 }
 
-// Deliberately without the lock: the host calls it on its GL thread while
-// other threads may hold the lock.
-void CLumetManager::ReleaseGpuResources() {}
+// Several calls when there are more names than one batch holds.
+void CLumetManager::DeleteTextures(const std::vector<GLuint>& names) {
+    for (size_t first = 0; first < names.size(); first += kDeleteBatch) {
+        const size_t n = std::min(kDeleteBatch, names.size() - first);
+        glDeleteTextures(static_cast<GLsizei>(n), names.data() + first);
+    }
+}
+
+void CLumetManager::DrawToTarget(int32_t width, int32_t height, float scale) {
+    if (m_combiner == nullptr) {
+        m_combiner = CProcessorFactory::CreateCombiner();
+        if (m_combiner != nullptr) {
+            m_combiner->Init();
+        }
+    }
+    std::set<std::u16string> stale;
+    {
+        CAutoLock lock(&m_lock);
+        for (const auto& [id, slots] : m_textureSlots) {
+            stale.insert(id);
+        }
+        for (const Entry& entry : ByStartTime(nullptr, false)) {
+            std::vector<TextureSlot> copy = m_textureSlots[entry.first];
+            entry.second->DrawToTarget(width, height, m_combiner, &copy, scale);
+            m_textureSlots[entry.first] = std::move(copy);
+            stale.erase(entry.first);
+        }
+    }
+    std::vector<GLuint> names;
+    for (const std::u16string& id : stale) {
+        auto found = m_textureSlots.find(id);
+        if (found != m_textureSlots.end()) {
+            Release(found->second, &names);
+            m_textureSlots.erase(found);
+        }
+    }
+    DeleteTextures(names);
+}
+
+// Deliberately without the lock: the host calls it on its GL thread, which
+// alone touches the GPU state, while other threads may hold the lock.
+void CLumetManager::ReleaseGpuResources() {
+    if (m_combiner != nullptr) {
+        CProcessorFactory::DestroyCombiner(m_combiner);
+        m_combiner = nullptr;
+    }
+    std::vector<GLuint> names;
+    for (const auto& [id, slots] : m_textureSlots) {
+        Release(slots, &names);
+    }
+    DeleteTextures(names);
+    m_textureSlots.clear();
+}
 
 }  // namespace lumets

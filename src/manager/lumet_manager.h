@@ -1,16 +1,31 @@
-// CLumetManager: the registry of SWF subtitles by id.
+// CLumetManager: the registry of SWF subtitles by id. Each id owns one play
+// queue (CLumetObjsPlayer); the manager answers the host's geometry, passes
+// on updates, and composites every subtitle, oldest first, into the host's
+// frame in memory or on the GPU.
+//
+// m_lock serialises every operation but ReleaseGpuResources, and is held
+// across calls into the queues and items, the joins of item threads
+// included; item threads never take it. The GPU state (combiner and texture
+// slots) belongs to the host's GL thread alone.
 #pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "lumets/lumet_manager.h"
 #include "lumets_platform/lock.h"
+#include "manager/lumet_objs_player.h"
 
 namespace lumets {
 
-// Placeholder until the play queue and the subtitle items exist: every
-// operation takes the lock and does nothing; the queries report false and
-// write nothing (GetSubtitlePosition still clears its output).
 class CLumetManager final : public ILumetManager {
   public:
+    // At most this many texture names go to one glDeleteTextures call.
+    static constexpr size_t kDeleteBatch = 2048;
+
     CLumetManager() = default;
     ~CLumetManager() override;
 
@@ -33,7 +48,19 @@ class CLumetManager final : public ILumetManager {
     void ReleaseGpuResources() override;
 
   private:
+    using Entry = std::pair<std::u16string, CLumetObjsPlayer*>;
+    // The registered subtitles ordered by start time, oldest first; with a
+    // group, only its members (and with playing, only those that play).
+    std::vector<Entry> ByStartTime(const char16_t* group, bool playing);
+    CLumetObjsPlayer* Find(const char16_t* id);
+    // Deletes the textures of the slots and destroys their buffer objects.
+    static void Release(const std::vector<TextureSlot>& slots, std::vector<GLuint>* names);
+    static void DeleteTextures(const std::vector<GLuint>& names);
+
     CLock m_lock;
+    std::map<std::u16string, std::unique_ptr<CLumetObjsPlayer>> m_players;
+    IGPUCombiner* m_combiner = nullptr;
+    std::map<std::u16string, std::vector<TextureSlot>> m_textureSlots;
 };
 
 }  // namespace lumets

@@ -1,0 +1,166 @@
+// The subtitle manager with scripted players in virtual time: the registry,
+// groups, start-time order, mouse geometry, and the GPU objects it keeps per
+// id.
+#include "manager/lumet_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/gl_context.h"
+#include "common/scratch_files.h"
+#include "common/scripted_player.h"
+#include "lumets/time_source.h"
+
+namespace lumets {
+namespace {
+
+class ManagerTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        SetTimeMode(TimeMode::Virtual);
+        test::ScriptedPlayer::Install(true);
+        ASSERT_TRUE(test::WriteBytes(m_movie, {1}));
+        std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
+        const std::u16string path(m_movie.begin(), m_movie.end());
+        std::copy(path.begin(), path.end(), m_swf.szPath);
+        m_swf.rcClip = RECT{0, 0, 200, 100};  // a still 100 x 40 movie at (0, 0)
+    }
+    void TearDown() override {
+        m_manager.reset();
+        test::ScriptedPlayer::Install(false);
+        SetTimeMode(TimeMode::Real);
+    }
+    // Adds a subtitle that plays until removed, a second after the last one.
+    void Add(const char16_t* id, const char16_t* group, int32_t x, int32_t y) {
+        AdvanceBy(1000);
+        ItemDescription item{&m_swf, nullptr, nullptr, 0, {}};
+        m_manager->AddSubtitle(id, group, &item, 1, x, y, false, 0);
+        WaitUntilSettled();
+    }
+    uint32_t Playing(const char16_t* group) {
+        std::vector<SubtitleRectEntry> entries(8);
+        uint32_t count = 99;
+        return m_manager->GetPlayingInGroup(group, entries.data(), &count) ? count : 0;
+    }
+
+    test::ScratchDir m_dir;
+    std::string m_movie = m_dir.File("movie.swf");
+    SwfPart m_swf;
+    std::unique_ptr<CLumetManager> m_manager = std::make_unique<CLumetManager>();
+};
+
+TEST_F(ManagerTest, RegistryGroupsAndOrder) {
+    Add(u"a", u"Chat", 0, 0);
+    Add(u"b", u"CHAT", 50, 0);
+    Add(u"A", u"chat", 100, 0);  // ids are case-sensitive, groups are not
+    EXPECT_EQ(Playing(u"chat"), 3u);
+    // The same id again while it plays changes nothing.
+    Add(u"a", u"other", 500, 500);
+    POINT position{};
+    ASSERT_TRUE(m_manager->GetSubtitlePosition(u"a", &position));
+    EXPECT_EQ(position.x, 0);
+    // Nothing to play: registered, idle, never listed.
+    m_manager->AddSubtitle(u"empty", u"chat", nullptr, 0, 0, 0, false, 0);
+    EXPECT_EQ(Playing(u"chat"), 3u);
+    std::vector<SubtitleRectEntry> entries(8);
+    uint32_t count = 99;
+    EXPECT_FALSE(m_manager->GetPlayingInGroup(u"none", entries.data(), &count));
+    EXPECT_EQ(count, 99u);  // left alone
+    // The newest wins a hit test where all three overlap.
+    char16_t id[260] = {};
+    RECT rect{};
+    ASSERT_TRUE(m_manager->HitTestGroup(u"chat", 120, 10, id, &rect));
+    EXPECT_EQ(std::u16string(id), u"A");
+    // Dragging: the reported rectangle's corner goes where the mouse is.
+    m_manager->MoveSubtitle(u"A", 300, 200);
+    ASSERT_TRUE(m_manager->GetSubtitleRect(u"A", &rect));
+    EXPECT_EQ(std::pair(rect.left, rect.top), std::pair(300, 200));
+    // Unknown and empty ids.
+    EXPECT_FALSE(m_manager->GetSubtitlePosition(u"zz", &position));
+    EXPECT_EQ(std::pair(position.x, position.y), std::pair(0, 0));
+    EXPECT_FALSE(m_manager->GetSubtitleRect(nullptr, &rect));
+    m_manager->AddSubtitle(u"", u"chat", nullptr, 0, 0, 0, false, 0);
+    m_manager->RemoveSubtitle(u"");
+    EXPECT_TRUE(m_manager->GetSubtitlePosition(u"", &position));
+    // Trimming keeps the newest: the idle "empty" and "" (start time 0) and
+    // the oldest "a" go first.
+    m_manager->TrimGroup(u"chat", 5);
+    EXPECT_EQ(Playing(u"chat"), 3u);
+    m_manager->TrimGroup(u"CHAT", 2);
+    EXPECT_FALSE(m_manager->GetSubtitlePosition(u"empty", &position));
+    EXPECT_TRUE(m_manager->GetSubtitlePosition(u"", &position));  // not removable by id
+    EXPECT_EQ(Playing(u"chat"), 2u);
+    EXPECT_FALSE(m_manager->GetSubtitlePosition(u"a", &position));
+    m_manager->TrimGroup(u"chat", 0);
+    EXPECT_EQ(Playing(u"chat"), 0u);
+    // Two managers share nothing.
+    CLumetManager other;
+    EXPECT_FALSE(other.GetSubtitlePosition(u"", &position));
+}
+
+// The GPU objects of an id live as long as the id: a removed id's textures
+// and buffer objects go at the next DrawToTarget, the others stay.
+class ManagerGpuTest : public test::GlTest<320, 200> {
+  protected:
+    void SetUp() override {
+        test::GlTest<320, 200>::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        static const host::GLObjectFactory real = host::RealGLObjectFactory();
+        static const host::GLObjectFactory counting{[] {
+                                                        ++textures;
+                                                        return real.createTexture();
+                                                    },
+                                                    [](EnumPBOType type, uint32_t bits) {
+                                                        ++buffers;
+                                                        return real.createPBO(type, bits);
+                                                    },
+                                                    [](IPBO* pbo) {
+                                                        --buffers;
+                                                        real.destroyPBO(pbo);
+                                                    }};
+        host::SetGLObjectFactory(&counting);
+        buffers = 0;
+        textures = 0;
+        m_queue.SetUp();
+    }
+    void TearDown() override {
+        m_queue.TearDown();
+        host::SetGLObjectFactory(nullptr);
+    }
+
+    static inline std::atomic<int> textures{0};
+    static inline std::atomic<int> buffers{0};
+    struct Queue : ManagerTest {
+        void TestBody() override {}
+        using ManagerTest::Add;
+        using ManagerTest::m_manager;
+        using ManagerTest::SetUp;
+        using ManagerTest::TearDown;
+    } m_queue;
+};
+
+TEST_F(ManagerGpuTest, ARemovedIdsObjectsGoAtTheNextDraw) {
+    m_queue.Add(u"one", u"g", 0, 0);
+    m_queue.Add(u"two", u"g", 50, 50);
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(2, 2));  // a movie each
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    EXPECT_EQ(textures.load(), 2);  // reused
+    m_queue.m_manager->RemoveSubtitle(u"one");
+    EXPECT_EQ(buffers.load(), 2);  // not yet
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    EXPECT_EQ(buffers.load(), 1);
+    m_queue.m_manager->ReleaseGpuResources();
+    m_queue.m_manager->ReleaseGpuResources();
+    EXPECT_EQ(buffers.load(), 0);
+}
+
+}  // namespace
+}  // namespace lumets
