@@ -194,8 +194,7 @@ void CLumetManager::Release(const std::vector<TextureSlot>& slots, std::vector<G
     }
 }
 
-// Several calls when there are more names than one batch holds.
-void CLumetManager::DeleteTextures(const std::vector<GLuint>& names) {
+void DeleteTexturesInBatches(const std::vector<GLuint>& names) {
     for (size_t first = 0; first < names.size(); first += kDeleteBatch) {
         const size_t n = std::min(kDeleteBatch, names.size() - first);
         glDeleteTextures(static_cast<GLsizei>(n), names.data() + first);
@@ -230,7 +229,7 @@ void CLumetManager::DrawToTarget(int32_t width, int32_t height, float scale) {
             m_textureSlots.erase(found);
         }
     }
-    DeleteTextures(names);
+    DeleteTexturesInBatches(names);
 }
 
 // Deliberately without the lock: the host calls it on its GL thread, which
@@ -244,7 +243,7 @@ void CLumetManager::ReleaseGpuResources() {
     for (const auto& [id, slots] : m_textureSlots) {
         Release(slots, &names);
     }
-    DeleteTextures(names);
+    DeleteTexturesInBatches(names);
     m_textureSlots.clear();
 }
 

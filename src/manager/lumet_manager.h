@@ -21,11 +21,13 @@
 
 namespace lumets {
 
+// Deletes the textures, at most kDeleteBatch names to a glDeleteTextures
+// call. Needs the GL context current.
+inline constexpr size_t kDeleteBatch = 2048;
+void DeleteTexturesInBatches(const std::vector<GLuint>& names);
+
 class CLumetManager final : public ILumetManager {
   public:
-    // At most this many texture names go to one glDeleteTextures call.
-    static constexpr size_t kDeleteBatch = 2048;
-
     CLumetManager() = default;
     ~CLumetManager() override;
 
@@ -55,7 +57,6 @@ class CLumetManager final : public ILumetManager {
     CLumetObjsPlayer* Find(const char16_t* id);
     // Deletes the textures of the slots and destroys their buffer objects.
     static void Release(const std::vector<TextureSlot>& slots, std::vector<GLuint>* names);
-    static void DeleteTextures(const std::vector<GLuint>& names);
 
     CLock m_lock;
     std::map<std::u16string, std::unique_ptr<CLumetObjsPlayer>> m_players;

@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "common/gl_context.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
+#include "image/pixel_ops.h"
 #include "lumets/time_source.h"
 
 namespace lumets {
@@ -103,6 +107,43 @@ TEST_F(ManagerTest, RegistryGroupsAndOrder) {
     EXPECT_FALSE(other.GetSubtitlePosition(u"", &position));
 }
 
+TEST_F(ManagerTest, HostileCalls) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    const std::u16string longId(100000, u'x');
+    Add(longId.c_str(), u"g", 0, 0);
+    char16_t id[260];
+    std::fill(std::begin(id), std::end(id), u'?');
+    ASSERT_TRUE(m_manager->HitTestGroup(u"g", 10, 10, id, nullptr));
+    EXPECT_EQ(std::u16string(id), longId.substr(0, 259));  // truncated, terminated
+    ItemDescription item{&m_swf, nullptr, nullptr, 0, {}};
+    m_manager->AddSubtitle(nullptr, u"g", &item, 1, 0, 0, false, 0);
+    m_manager->AddSubtitle(u"x", nullptr, &item, 1, 0, 0, false, 0);
+    m_manager->RemoveSubtitle(nullptr);
+    m_manager->TrimGroup(nullptr, 0);
+    EXPECT_FALSE(m_manager->GetPlayingInGroup(nullptr, nullptr, nullptr));
+    EXPECT_FALSE(m_manager->GetPlayingInGroup(u"g", nullptr, nullptr));
+    EXPECT_FALSE(m_manager->HitTestGroup(nullptr, 0, 0, nullptr, nullptr));
+    EXPECT_TRUE(m_manager->HitTestGroup(u"g", 10, 10, nullptr, nullptr));
+    EXPECT_TRUE(m_manager->GetSubtitleRect(longId.c_str(), nullptr));
+    EXPECT_TRUE(m_manager->GetSubtitlePosition(longId.c_str(), nullptr));
+    m_manager->MoveSubtitle(nullptr, 1, 1);
+    m_manager->MoveSubtitle(longId.c_str(), INT32_MIN, INT32_MAX);
+    m_manager->UpdateSubtitleText(longId.c_str(), nullptr);
+    m_manager->UpdateSubtitleBackground(nullptr, nullptr);
+    std::vector<uint8_t> frame(RowStride(64, 24) * 48, 7);
+    for (float scale : {0.0f, -1.0f, nan, inf, 1.0f}) {
+        m_manager->DrawToBuffer(nullptr, 64, 48, scale);
+        m_manager->DrawToBuffer(frame.data(), 0, 0, scale);
+        m_manager->DrawToBuffer(frame.data(), 64, 48, scale);
+        m_manager->DrawToTarget(0, 0, scale);
+        m_manager->DrawToTarget(-5, -5, scale);
+    }
+    m_manager->ReleaseGpuResources();
+    m_manager->RemoveSubtitle(longId.c_str());
+    EXPECT_FALSE(m_manager->GetSubtitlePosition(longId.c_str(), nullptr));
+}
+
 // The GPU objects of an id live as long as the id: a removed id's textures
 // and buffer objects go at the next DrawToTarget, the others stay.
 class ManagerGpuTest : public test::GlTest<320, 200> {
@@ -160,6 +201,18 @@ TEST_F(ManagerGpuTest, ARemovedIdsObjectsGoAtTheNextDraw) {
     m_queue.m_manager->ReleaseGpuResources();
     m_queue.m_manager->ReleaseGpuResources();
     EXPECT_EQ(buffers.load(), 0);
+}
+
+TEST_F(ManagerGpuTest, MoreTexturesThanOneBatchAreAllDeleted) {
+    std::vector<GLuint> names(kDeleteBatch + 100);
+    glGenTextures(static_cast<GLsizei>(names.size()), names.data());
+    for (GLuint name : names) {
+        glBindTexture(GL_TEXTURE_2D, name);  // a name becomes a texture when bound
+    }
+    glBindTexture(GL_TEXTURE_2D, 0);
+    DeleteTexturesInBatches(names);
+    EXPECT_EQ(std::count_if(names.begin(), names.end(), [](GLuint n) { return glIsTexture(n); }),
+              0);
 }
 
 }  // namespace
