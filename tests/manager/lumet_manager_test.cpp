@@ -12,9 +12,11 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/gl_context.h"
+#include "common/golden.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
 #include "image/pixel_ops.h"
@@ -213,6 +215,56 @@ TEST_F(ManagerGpuTest, MoreTexturesThanOneBatchAreAllDeleted) {
     DeleteTexturesInBatches(names);
     EXPECT_EQ(std::count_if(names.begin(), names.end(), [](GLuint n) { return glIsTexture(n); }),
               0);
+}
+
+// Two overlapping subtitles: the newer is painted over the older, on the CPU
+// (a golden picture) and on the GPU (the same picture within 24 per channel
+// on at most 2 % of the pixels).
+TEST_F(ManagerGpuTest, TheNewerSubtitleIsPaintedOverTheOlder) {
+    auto text = std::make_unique<TextPart>();
+    std::memset(static_cast<void*>(text.get()), 0, sizeof(TextPart));
+    text->style = TextStyle();
+    text->style.fontSize = 20;
+    text->style.fillColor1 = text->style.fillColor2 = 0xFFFFFF;
+    text->rcClip = RECT{0, 0, 320, 200};
+    BackgroundPart plate{0xC02020, 100, 0, {}};
+    for (const auto& [id, colour, at] :
+         {std::tuple(u"older", 0xC02020u, POINT{20, 20}), {u"newer", 0x2040C0u, POINT{60, 40}}}) {
+        const std::u16string words = std::u16string(u"subtitle ") + id;
+        std::copy(words.c_str(), words.c_str() + words.size() + 1, text->text);
+        plate.crColor = colour;
+        ItemDescription item{nullptr, text.get(), &plate, 0, {}};
+        AdvanceBy(1000);
+        m_queue.m_manager->AddSubtitle(id, u"g", &item, 1, at.x, at.y, false, 0);
+    }
+    WaitUntilSettled();
+    std::vector<uint8_t> cpu(RowStride(320, 24) * 200, 0x30);
+    m_queue.m_manager->DrawToBuffer(cpu.data(), 320, 200, 1.0f);
+    EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/two_subtitles.png",
+                                    PackedPicture(cpu.data(), 320, 200, 24),
+                                    test::GoldenTolerance{12, 0.01}));
+    // Where the plates overlap, the newer one's blue shows.
+    const uint8_t* overlap =
+        &cpu[static_cast<size_t>(RowStride(320, 24)) * (200 - 1 - 48) + 200 * 3];
+    EXPECT_GT(overlap[0], overlap[2]);
+    m_gl.Clear(0x30, 0x30, 0x30, 255);
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    const std::vector<uint8_t> gpu = m_gl.ReadPixels();
+    int differing = 0;
+    for (int y = 0; y < 200; ++y) {
+        for (int x = 0; x < 320; ++x) {
+            const uint8_t* c = &cpu[static_cast<size_t>(RowStride(320, 24)) * y + x * 3];
+            const uint8_t* g = &gpu[(static_cast<size_t>(y) * 320 + x) * 4];
+            for (int k = 0; k < 3; ++k) {
+                if (std::abs(c[k] - g[k]) > 24) {
+                    ++differing;
+                    break;
+                }
+            }
+        }
+    }
+    EXPECT_LE(differing, 320 * 200 / 50);
+    m_queue.m_manager->ReleaseGpuResources();
 }
 
 }  // namespace
