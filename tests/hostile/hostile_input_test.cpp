@@ -25,6 +25,7 @@
 #include "image/scaled_composite.h"
 #include "log/log_config.h"
 #include "lumets_platform/utf16.h"
+#include "manager/lumet_manager.h"
 #include "subtitle/subtitle_background.h"
 #include "text/text_renderer.h"
 
@@ -208,6 +209,17 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              BlendScaledInto24(text, scaled, PackedPicture(frame.data(), 320, 200, 24),
                                RECT{0, 0, 320, 200}, POINT{-100, -100}, 2.0f, nullptr);
              return frame == std::vector<uint8_t>(frame.size(), 0xFF);
+         }},
+        {"a subtitle of 10,000 items", 2.0, 512,
+         [] {
+             // Every item of a queue starts its thread up front.
+             std::vector<ItemDescription> items(10000,
+                                                ItemDescription{nullptr, nullptr, nullptr, 1, {}});
+             CLumetManager manager;
+             manager.AddSubtitle(u"x", u"g", items.data(), 10000, 0, 0, true, 0);
+             manager.RemoveSubtitle(u"x");
+             POINT position{};
+             return !manager.GetSubtitlePosition(u"x", &position);
          }},
         {"a 20000 x 2 PNG", 1.0, 256,
          [&] {
