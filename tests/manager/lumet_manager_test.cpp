@@ -7,11 +7,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -265,6 +270,100 @@ TEST_F(ManagerGpuTest, TheNewerSubtitleIsPaintedOverTheOlder) {
     }
     EXPECT_LE(differing, 320 * 200 / 50);
     m_queue.m_manager->ReleaseGpuResources();
+}
+
+// Bounded, in real time: four host threads add, remove, trim, hit-test, move
+// and update 50 ids at random while a fifth draws to a buffer and a GL thread
+// draws to a target. A watchdog fails the run on a deadlock.
+TEST(ManagerStress, ManyThreadsAtOnce) {
+    test::ScriptedPlayer::Install(true);
+    test::ScratchDir dir;
+    const std::string movie = dir.File("movie.swf");
+    ASSERT_TRUE(test::WriteBytes(movie, {1}));
+    SwfPart swf{};
+    const std::u16string path(movie.begin(), movie.end());
+    std::copy(path.begin(), path.end(), swf.szPath);
+    swf.rcClip = RECT{0, 0, 200, 100};
+    swf.nDirection = 1;
+    swf.nSpeed = 2000;
+    CLumetManager manager;
+    std::atomic<bool> done{false};
+    std::atomic<bool> finished{false};
+    std::thread watchdog([&] {
+        for (int tick = 0; tick < 6000 && !finished; ++tick) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (!finished) {
+            std::fprintf(stderr, "the manager deadlocked\n");
+            std::abort();
+        }
+    });
+    auto host = [&](uint32_t seed) {
+        std::minstd_rand random(seed);
+        BackgroundPart plate{0x204080, 60, 0, {}};
+        for (int i = 0; i < 150; ++i) {
+            const std::u16string id = u"id" + std::u16string(1, u'A' + random() % 50);
+            const char16_t* group = random() % 2 ? u"one" : u"TWO";
+            ItemDescription items[2] = {{&swf, nullptr, &plate, 1, {}},
+                                        {&swf, nullptr, nullptr, 2, {}}};
+            RECT rect{};
+            switch (random() % 7) {
+                case 0:
+                case 1:
+                    manager.AddSubtitle(id.c_str(), group, items, 1 + random() % 2, random() % 300,
+                                        random() % 200, random() % 2, random() % 200);
+                    break;
+                case 2:
+                    manager.RemoveSubtitle(id.c_str());
+                    break;
+                case 3:
+                    manager.TrimGroup(group, random() % 5);
+                    break;
+                case 4:
+                    manager.HitTestGroup(group, random() % 300, random() % 200, nullptr, &rect);
+                    break;
+                case 5:
+                    manager.GetSubtitleRect(id.c_str(), &rect);
+                    manager.MoveSubtitle(id.c_str(), random() % 300, random() % 200);
+                    break;
+                default:
+                    plate.nOpacity = random() % 100;
+                    manager.UpdateSubtitleBackground(id.c_str(), &plate);
+                    break;
+            }
+        }
+    };
+    std::vector<std::thread> threads;
+    for (uint32_t seed = 1; seed <= 4; ++seed) {
+        threads.emplace_back(host, seed);
+    }
+    std::thread drawer([&] {
+        std::vector<uint8_t> frame(RowStride(320, 24) * 200);
+        while (!done) {
+            manager.DrawToBuffer(frame.data(), 320, 200, 1.5f);
+        }
+    });
+    std::thread gl([&] {
+        host::CHeadlessGl context;
+        const bool ok =
+            context.OpenDisplay() && context.CreateContext() && context.CreateFramebuffer(320, 200);
+        while (ok && !done) {
+            manager.DrawToTarget(320, 200, 1.0f);
+        }
+        if (ok) {
+            manager.ReleaseGpuResources();
+        }
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    done = true;
+    drawer.join();
+    gl.join();
+    manager.RemoveAllSubtitles();
+    finished = true;
+    watchdog.join();
+    test::ScriptedPlayer::Install(false);
 }
 
 }  // namespace
