@@ -5,7 +5,6 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -13,57 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "alloc_counter.h"
 #include "image/pixel_ops.h"
 #include "subtitle/lumet.h"
-
-namespace {
-
-thread_local bool t_counting = false;
-std::atomic<uint64_t> g_allocations{0};
-
-}  // namespace
-
-// Counts every heap allocation of the thread that asks for it, the C
-// libraries' included: the executable's malloc family stands in for the C
-// library's in every shared library of the process.
-#define LUMETS_EXPORTED __attribute__((visibility("default")))
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* p, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* p);
-
-static void Count() {
-    if (t_counting) {
-        g_allocations.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-LUMETS_EXPORTED void* malloc(size_t size) {
-    Count();
-    return __libc_malloc(size);
-}
-LUMETS_EXPORTED void* calloc(size_t count, size_t size) {
-    Count();
-    return __libc_calloc(count, size);
-}
-LUMETS_EXPORTED void* realloc(void* p, size_t size) {
-    Count();
-    return __libc_realloc(p, size);
-}
-LUMETS_EXPORTED int posix_memalign(void** out, size_t alignment, size_t size) {
-    Count();
-    *out = __libc_memalign(alignment, size);
-    return *out != nullptr || size == 0 ? 0 : ENOMEM;
-}
-LUMETS_EXPORTED void* aligned_alloc(size_t alignment, size_t size) {
-    Count();
-    return __libc_memalign(alignment, size);
-}
-LUMETS_EXPORTED void free(void* p) {
-    __libc_free(p);
-}
-}
 
 namespace {
 
@@ -123,15 +74,13 @@ void BM_CompositeToFrame(benchmark::State& state) {
     for (int i = 0; i < 30; ++i) {  // warm-up: buffers and caches grow
         scene.item.CompositeToFrame(frame.data(), 1920, 1080, 0, 0, scale);
     }
-    g_allocations = 0;
-    t_counting = true;
+    lumets::bench::StartCounting();
     for (auto _ : state) {
         scene.item.CompositeToFrame(frame.data(), 1920, 1080, 0, 0, scale);
         benchmark::DoNotOptimize(frame.data());
     }
-    t_counting = false;
-    state.counters["allocations_per_frame"] =
-        static_cast<double>(g_allocations.load()) / static_cast<double>(state.iterations());
+    state.counters["allocations_per_frame"] = static_cast<double>(lumets::bench::StopCounting()) /
+                                              static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_CompositeToFrame)->Arg(10)->Arg(15)->Unit(benchmark::kMicrosecond);
 

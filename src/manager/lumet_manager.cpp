@@ -3,7 +3,6 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
-#include <set>
 
 #include "lumets_platform/utf16.h"
 
@@ -31,23 +30,19 @@ CLumetObjsPlayer* CLumetManager::Find(const char16_t* id) {
     return found != m_players.end() ? found->second.get() : nullptr;
 }
 
-std::vector<CLumetManager::Entry> CLumetManager::ByStartTime(const char16_t* group, bool playing) {
-    std::vector<std::pair<int64_t, Entry>> timed;
+const std::vector<CLumetManager::Entry>& CLumetManager::ByStartTime(const char16_t* group,
+                                                                    bool playing) {
+    m_order.clear();
     for (const auto& [id, player] : m_players) {
         if ((group != nullptr && !player->IsInGroup(group)) ||
             (playing && player->GetState() != LumetState::Playing)) {
             continue;
         }
-        timed.push_back({player->GetStartTime(), Entry{id, player.get()}});
+        m_order.push_back(Entry{player->GetStartTime(), &id, player.get()});
     }
-    std::sort(timed.begin(), timed.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<Entry> entries;
-    entries.reserve(timed.size());
-    for (auto& [time, entry] : timed) {
-        entries.push_back(std::move(entry));
-    }
-    return entries;
+    std::sort(m_order.begin(), m_order.end(),
+              [](const Entry& a, const Entry& b) { return a.startTime < b.startTime; });
+    return m_order;
 }
 
 void CLumetManager::AddSubtitle(const char16_t* id, const char16_t* group,
@@ -87,9 +82,14 @@ void CLumetManager::TrimGroup(const char16_t* group, uint32_t keep) {
         return;
     }
     CAutoLock lock(&m_lock);
-    const std::vector<Entry> members = ByStartTime(group, false);
+    // The ids are copied: removing changes the registry the order points into.
+    std::vector<std::u16string> oldest;
+    const std::vector<Entry>& members = ByStartTime(group, false);
     for (size_t i = 0; i + keep < members.size(); ++i) {
-        RemoveSubtitle(members[i].first.c_str());
+        oldest.push_back(*members[i].id);
+    }
+    for (const std::u16string& id : oldest) {
+        RemoveSubtitle(id.c_str());
     }
 }
 
@@ -99,13 +99,13 @@ bool CLumetManager::GetPlayingInGroup(const char16_t* group, SubtitleRectEntry* 
         return false;
     }
     CAutoLock lock(&m_lock);
-    const std::vector<Entry> playing = ByStartTime(group, true);
+    const std::vector<Entry>& playing = ByStartTime(group, true);
     if (playing.empty() || entries == nullptr || count == nullptr) {
         return false;
     }
     for (size_t i = 0; i < playing.size(); ++i) {
-        CopyId(entries[i].id, playing[i].first);
-        playing[i].second->GetRect(&entries[i].rect, 1.0f);
+        CopyId(entries[i].id, *playing[i].id);
+        playing[i].player->GetRect(&entries[i].rect, 1.0f);
     }
     *count = static_cast<uint32_t>(playing.size());
     return true;
@@ -117,19 +117,20 @@ bool CLumetManager::HitTestGroup(const char16_t* group, int32_t x, int32_t y, ch
         return false;
     }
     CAutoLock lock(&m_lock);
-    std::vector<Entry> hits = ByStartTime(group, true);
-    hits.erase(std::remove_if(hits.begin(), hits.end(),
-                              [&](const Entry& e) { return !e.second->HitTest(x, y, 1.0f); }),
-               hits.end());
-    if (hits.empty()) {
+    const Entry* newest = nullptr;
+    for (const Entry& entry : ByStartTime(group, true)) {
+        if (entry.player->HitTest(x, y, 1.0f)) {
+            newest = &entry;  // a later one started later
+        }
+    }
+    if (newest == nullptr) {
         return false;
     }
-    const Entry& newest = hits.back();
     if (id != nullptr) {
-        CopyId(id, newest.first);
+        CopyId(id, *newest->id);
     }
     if (rect != nullptr) {
-        newest.second->GetRect(rect, 1.0f);
+        newest->player->GetRect(rect, 1.0f);
     }
     return true;
 }
@@ -181,7 +182,7 @@ void CLumetManager::UpdateSubtitleBackground(const char16_t* id, const Backgroun
 void CLumetManager::DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale) {
     CAutoLock lock(&m_lock);
     for (const Entry& entry : ByStartTime(nullptr, false)) {
-        entry.second->DrawToBuffer(frame, width, height, scale);
+        entry.player->DrawToBuffer(frame, width, height, scale);
     }
 }
 
@@ -208,28 +209,35 @@ void CLumetManager::DrawToTarget(int32_t width, int32_t height, float scale) {
             m_combiner->Init();
         }
     }
-    std::set<std::u16string> stale;
+    m_stale.clear();
     {
         CAutoLock lock(&m_lock);
-        for (const auto& [id, slots] : m_textureSlots) {
-            stale.insert(id);
-        }
+        // Every registered subtitle draws, into its own slots (made on its
+        // first draw); the ids with slots that are no longer registered are
+        // the stale ones. Both maps run in key order.
         for (const Entry& entry : ByStartTime(nullptr, false)) {
-            std::vector<TextureSlot> copy = m_textureSlots[entry.first];
-            entry.second->DrawToTarget(width, height, m_combiner, &copy, scale);
-            m_textureSlots[entry.first] = std::move(copy);
-            stale.erase(entry.first);
+            entry.player->DrawToTarget(width, height, m_combiner, &m_textureSlots[*entry.id],
+                                       scale);
+        }
+        auto player = m_players.begin();
+        for (const auto& [id, slots] : m_textureSlots) {
+            while (player != m_players.end() && player->first < id) {
+                ++player;
+            }
+            if (player == m_players.end() || player->first != id) {
+                m_stale.push_back(id);
+            }
         }
     }
-    std::vector<GLuint> names;
-    for (const std::u16string& id : stale) {
+    m_names.clear();
+    for (const std::u16string& id : m_stale) {
         auto found = m_textureSlots.find(id);
         if (found != m_textureSlots.end()) {
-            Release(found->second, &names);
+            Release(found->second, &m_names);
             m_textureSlots.erase(found);
         }
     }
-    DeleteTexturesInBatches(names);
+    DeleteTexturesInBatches(m_names);
 }
 
 // Deliberately without the lock: the host calls it on its GL thread, which
@@ -239,11 +247,11 @@ void CLumetManager::ReleaseGpuResources() {
         CProcessorFactory::DestroyCombiner(m_combiner);
         m_combiner = nullptr;
     }
-    std::vector<GLuint> names;
+    m_names.clear();
     for (const auto& [id, slots] : m_textureSlots) {
-        Release(slots, &names);
+        Release(slots, &m_names);
     }
-    DeleteTexturesInBatches(names);
+    DeleteTexturesInBatches(m_names);
     m_textureSlots.clear();
 }
 

@@ -50,18 +50,29 @@ class CLumetManager final : public ILumetManager {
     void ReleaseGpuResources() override;
 
   private:
-    using Entry = std::pair<std::u16string, CLumetObjsPlayer*>;
+    struct Entry {
+        int64_t startTime;
+        const std::u16string* id;  // the registry's key
+        CLumetObjsPlayer* player;
+    };
     // The registered subtitles ordered by start time, oldest first; with a
-    // group, only its members (and with playing, only those that play).
-    std::vector<Entry> ByStartTime(const char16_t* group, bool playing);
+    // group, only its members (and with playing, only those that play). The
+    // list is kept for the next call, so drawing allocates nothing; it is
+    // valid until the registry changes.
+    const std::vector<Entry>& ByStartTime(const char16_t* group, bool playing);
     CLumetObjsPlayer* Find(const char16_t* id);
     // Deletes the textures of the slots and destroys their buffer objects.
     static void Release(const std::vector<TextureSlot>& slots, std::vector<GLuint>* names);
 
     CLock m_lock;
     std::map<std::u16string, std::unique_ptr<CLumetObjsPlayer>> m_players;
+    std::vector<Entry> m_order;
     IGPUCombiner* m_combiner = nullptr;
     std::map<std::u16string, std::vector<TextureSlot>> m_textureSlots;
+    // Kept from frame to frame: the ids whose subtitle has gone, and the
+    // texture names to delete.
+    std::vector<std::u16string> m_stale;
+    std::vector<GLuint> m_names;
 };
 
 }  // namespace lumets
