@@ -4,7 +4,9 @@
 #include "manager/lumet_objs_player.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -146,6 +148,22 @@ TEST_F(PlayQueueTest, UpdatesReachTheFirstTextAndDragsFollowTheMouse) {
     RECT moved{};
     ASSERT_TRUE(m_queue->GetRect(&moved, 1.0f));
     EXPECT_EQ(std::pair(moved.left, moved.top), std::pair(500, 400));
+}
+
+// Each finished turn leaves its record, with the next position.
+TEST_F(PlayQueueTest, ATurnLeavesItsLogRecord) {
+    const std::string captured = m_dir.File("stdout.txt");
+    std::fflush(stdout);
+    const int saved = dup(1);
+    ASSERT_NE(std::freopen(captured.c_str(), "w", stdout), nullptr);
+    Start(1, true, 250);
+    AdvanceBy(300);
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    const std::vector<uint8_t> bytes = test::ReadBytes(captured);
+    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_NE(text.find("Lumet Played one time, next=1"), std::string::npos) << text;
 }
 
 }  // namespace
