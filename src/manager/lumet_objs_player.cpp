@@ -218,34 +218,31 @@ void CLumetObjsPlayer::MoveTo(int32_t x, int32_t y) {
         POINT{Add(m_dragOrigin.x, x, m_dragAnchor.x), Add(m_dragOrigin.y, y, m_dragAnchor.y)};
 }
 
-void CLumetObjsPlayer::UpdateText(const TextPart* part) {
+// The part goes to the first position that has one of its kind: into the
+// description (for later turns) and to that position's item, if made.
+template <typename Part>
+void CLumetObjsPlayer::UpdateFirst(std::unique_ptr<Part> OwnedDescription::*member,
+                                   const Part* part, void (CLumet::*apply)(const Part*)) {
     if (part == nullptr) {
         return;
     }
     for (size_t i = 0; i < m_descs.size(); ++i) {
-        if (m_descs[i].text) {
-            *m_descs[i].text = *part;
+        if (m_descs[i].*member) {
+            *(m_descs[i].*member) = *part;
             if (i < m_items.size()) {
-                m_items[i]->UpdateText(part);
+                (m_items[i].get()->*apply)(part);
             }
             return;
         }
     }
 }
 
+void CLumetObjsPlayer::UpdateText(const TextPart* part) {
+    UpdateFirst(&OwnedDescription::text, part, &CLumet::UpdateText);
+}
+
 void CLumetObjsPlayer::UpdateBackground(const BackgroundPart* part) {
-    if (part == nullptr) {
-        return;
-    }
-    for (size_t i = 0; i < m_descs.size(); ++i) {
-        if (m_descs[i].background) {
-            *m_descs[i].background = *part;
-            if (i < m_items.size()) {
-                m_items[i]->UpdateBackground(part);
-            }
-            return;
-        }
-    }
+    UpdateFirst(&OwnedDescription::background, part, &CLumet::UpdateBackground);
 }
 
 }  // namespace lumets

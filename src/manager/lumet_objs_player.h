@@ -62,6 +62,9 @@ class CLumetObjsPlayer final : public CLumetEventHandler {
   private:
     // The repeat pause before position 0 comes round again.
     void Pause();
+    template <typename Part>
+    void UpdateFirst(std::unique_ptr<Part> OwnedDescription::*member, const Part* part,
+                     void (CLumet::*apply)(const Part*));
 
     std::atomic<bool> m_stopping{false};
     char16_t m_group[kGroupUnits] = {};
