@@ -299,6 +299,7 @@ void CLumet::PlayingLumetProc() {
         if (IFlashPlayer* player = m_callbackPlayer.load(std::memory_order_acquire)) {
             player->Play();
         }
+        bool stepped = false;
         while (!stopped() && HasPlaysLeft()) {
             {
                 CAutoLock lock(&m_flashLock);
@@ -309,6 +310,7 @@ void CLumet::PlayingLumetProc() {
                 m_text.pos = m_text.origin;
             }
             while (!stopped() && HasPlaysLeft()) {
+                stepped = true;
                 StepFlashLayer();
                 StepTextLayer();
                 // The pace follows the time source's clock; the first step of a
@@ -336,6 +338,12 @@ void CLumet::PlayingLumetProc() {
             }
         }
         if (!IsCountedByPlayer()) {
+            // A turn without a single step (a count below 0) still lasts one
+            // frame: a looping queue of such items without a pause would
+            // otherwise hand the turn round for ever without time passing.
+            if (!stepped && !stopped()) {
+                SleepMs(static_cast<uint32_t>(kFrameMs));
+            }
             {
                 CAutoLock lock(&m_playerLock);
                 if (m_player) {
@@ -350,7 +358,8 @@ void CLumet::PlayingLumetProc() {
         CAutoLock lock(&m_textLock);
         m_textRenderer.reset();
     }
-    m_state.store(LumetState::Idle, std::memory_order_release);  // seen Idle, all the thread did is seen
+    m_state.store(LumetState::Idle,
+                  std::memory_order_release);  // seen Idle, all the thread did is seen
     if (m_owner != nullptr) {
         m_owner->OnPlayStopped();
     }

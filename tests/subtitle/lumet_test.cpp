@@ -151,12 +151,15 @@ TEST_F(LumetTest, AStillMovieIsCountedByThePlayer) {
 }
 
 TEST_F(LumetTest, CountsAndStops) {
-    // A negative count plays no pass: the thread ends the turn at once.
+    // A negative count plays no pass: the thread ends the turn after one
+    // frame's wait.
     m_swf.nDirection = 1;
     m_swf.nSpeed = 1000;
     ASSERT_TRUE(StartItem(true, false, -1));
+    EXPECT_EQ(m_owner.played.load(), 0);
+    AdvanceBy(33);
     EXPECT_EQ(m_owner.played.load(), 1);
-    EXPECT_EQ(MonotonicMs(), 0u);
+    EXPECT_EQ(m_owner.playedAt.load(), 33u);
 
     // A count of 0 never runs out: stopped inside a pass.
     m_owner.played = 0;
