@@ -1,14 +1,9 @@
-// Image loading and the subtitle plate.
+// Image loading.
 //
 // Loads: the 40 x 36 mask resource, and 1920 x 1080 pictures (ffmpeg's
 // testsrc2 pattern) as RGBA PNG, RGB PNG and 4:2:0 JPEG, made with ffmpeg at
 // start-up. The target buffer is reused, as a banner reloading its image
-// would.
-//
-// Plate: DrawOnFrame of a steady plate (text 600 x 40, plate 652 x 47) into
-// a 1920 x 1080 24-bit frame at scale 1 and 1.5; after the first frame
-// nothing is rebuilt or rescaled (the counters show it). For comparison, the same draw with the
-// colour changing every frame, which rebuilds and rescales each time.
+// would. The plate drawn at two scales is in bench_scale.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
@@ -19,15 +14,10 @@
 #include <vector>
 
 #include "image/image_loader.h"
-#include "image/pixel_ops.h"
 #include "lumets_platform/utf16.h"
-#include "subtitle/subtitle_background.h"
 
 namespace lumets {
 namespace {
-
-constexpr int32_t kFrameW = 1920;
-constexpr int32_t kFrameH = 1080;
 
 std::string g_dir;
 
@@ -72,23 +62,6 @@ void BM_LoadMaskResource(benchmark::State& state) {
 }
 BENCHMARK(BM_LoadMaskResource)->Unit(benchmark::kMicrosecond);
 
-void BM_DrawPlate(benchmark::State& state, float scale, bool changeEveryFrame) {
-    std::vector<uint8_t> frame(size_t{RowStride(kFrameW, 24)} * kFrameH, 90);
-    CSubtitleBackground plate;
-    const RECT text{400, 500, 1000, 540};  // inside the frame at both scales
-    uint32_t colour = 0x3366CC;
-    for (auto _ : state) {
-        if (changeEveryFrame) {
-            colour ^= 1;
-        }
-        plate.DrawOnFrame(PackedPicture(frame.data(), kFrameW, kFrameH, 24), &text, 40, colour,
-                          0.7f, scale);
-        benchmark::ClobberMemory();
-    }
-    state.counters["rebuilds"] = plate.BuildCount();
-    state.counters["rescales"] = plate.ScaleCount();
-}
-
 }  // namespace
 }  // namespace lumets
 
@@ -109,14 +82,6 @@ int main(int argc, char** argv) {
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("BM_LoadJpeg1080p", LoadFileBenchmark, jpeg)
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("BM_DrawPlateSteady/scale:1.0", BM_DrawPlate, 1.0f, false)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("BM_DrawPlateSteady/scale:1.5", BM_DrawPlate, 1.5f, false)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("BM_DrawPlateColourChanging/scale:1.0", BM_DrawPlate, 1.0f, true)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("BM_DrawPlateColourChanging/scale:1.5", BM_DrawPlate, 1.5f, true)
-        ->Unit(benchmark::kMicrosecond);
 
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

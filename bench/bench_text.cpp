@@ -1,5 +1,5 @@
 // Text rendering: the renderer against a bare Pango/Cairo render of the same
-// layout (the floor), and the scaled composite into a full HD frame.
+// layout (the floor). The scaled composite is in bench_scale.
 #include <benchmark/benchmark.h>
 #include <pango/pangocairo.h>
 
@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "image/pixel_ops.h"
 #include "text/cairo_handles.h"
 #include "text/font_system.h"
 #include "text/pango_handles.h"
@@ -98,25 +97,6 @@ void BM_BarePangoCairoFloor(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_BarePangoCairoFloor)->Unit(benchmark::kMicrosecond);
-
-void BM_BlendScaledInto24(benchmark::State& state) {
-    const float scale = static_cast<float>(state.range(0)) / 10.0f;
-    lumets::CTextRenderer renderer;
-    const TextStyle style = BenchStyle();
-    renderer.Render(kLine, &style);
-    std::vector<uint8_t> frame(static_cast<size_t>(lumets::RowStride(1920, 24)) * 1080, 40);
-    const RECT clip{0, 0, 1920, 1080};
-    const POINT pos{100, 600};
-    const uint32_t before = renderer.ScaleCount();
-    for (auto _ : state) {
-        renderer.BlendScaledInto24(lumets::PackedPicture(frame.data(), 1920, 1080, 24), clip, pos,
-                                   scale);
-        benchmark::DoNotOptimize(frame.data());
-    }
-    state.counters["contexts_per_call"] = static_cast<double>(renderer.ScaleCount() - before) /
-                                          static_cast<double>(state.iterations());
-}
-BENCHMARK(BM_BlendScaledInto24)->Arg(10)->Arg(15)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -4,6 +4,7 @@
 
 #include "image/ffmpeg_quiet.h"
 #include "image/pixel_ops.h"
+#include "image/scaled_composite.h"
 
 namespace lumets::host {
 namespace {
@@ -11,6 +12,34 @@ namespace {
 // At most 32 Mi pixels after scaling: a host asking for more gets nothing
 // rather than an allocation of gigabytes.
 constexpr int64_t kMaxScaledPixels = int64_t{1} << 25;
+
+// GBRAP keeps its planes in the order G, B, R, A. One plain loop per
+// direction, with the planes apart: the compiler turns each into shuffles.
+void ToPlanes(const uint8_t* __restrict packed, size_t pixels, uint8_t* __restrict planes) {
+    uint8_t* __restrict g = planes;
+    uint8_t* __restrict b = planes + pixels;
+    uint8_t* __restrict r = planes + 2 * pixels;
+    uint8_t* __restrict a = planes + 3 * pixels;
+    for (size_t i = 0; i < pixels; ++i) {
+        b[i] = packed[4 * i];
+        g[i] = packed[4 * i + 1];
+        r[i] = packed[4 * i + 2];
+        a[i] = packed[4 * i + 3];
+    }
+}
+
+void FromPlanes(const uint8_t* __restrict planes, size_t pixels, uint8_t* __restrict packed) {
+    const uint8_t* __restrict g = planes;
+    const uint8_t* __restrict b = planes + pixels;
+    const uint8_t* __restrict r = planes + 2 * pixels;
+    const uint8_t* __restrict a = planes + 3 * pixels;
+    for (size_t i = 0; i < pixels; ++i) {
+        packed[4 * i] = b[i];
+        packed[4 * i + 1] = g[i];
+        packed[4 * i + 2] = r[i];
+        packed[4 * i + 3] = a[i];
+    }
+}
 
 }  // namespace
 
@@ -81,17 +110,8 @@ const uint8_t* CScaledFrameCache::Get(const std::shared_ptr<const CMovie>& movie
     const CQuietFfmpeg quiet;
     // Planar RGB with alpha: libswscale scales it plane by plane with its
     // vector filters and no detour through YUV, about twice as fast as packed
-    // B, G, R, A. The (un)packing loops below are plain copies.
-    // One context per pair of sizes. Not sws_getCachedContext: the scaler
-    // adds flags of its own at set-up (full chroma for RGB), so its cache
-    // never matches and it would make a new context for every frame.
-    const int32_t sizes[4] = {movie->width, movie->height, width, height};
-    if (!m_scaler || !std::equal(sizes, sizes + 4, m_scalerSizes)) {
-        m_scaler.reset(sws_getContext(movie->width, movie->height, AV_PIX_FMT_GBRAP, width, height,
-                                      AV_PIX_FMT_GBRAP, SWS_BICUBIC, nullptr, nullptr, nullptr));
-        std::copy(sizes, sizes + 4, m_scalerSizes);
-    }
-    SwsContext* scaler = m_scaler.get();
+    // B, G, R, A; the (un)packing around it is plain copies.
+    SwsContext* scaler = m_scaler.Get(movie->width, movie->height, width, height, AV_PIX_FMT_GBRAP);
     if (scaler == nullptr) {
         return nullptr;
     }
@@ -101,14 +121,7 @@ const uint8_t* CScaledFrameCache::Get(const std::shared_ptr<const CMovie>& movie
     m_sourcePlanes.resize(sourcePixels * 4);
     m_scaledPlanes.resize(scaledPixels * 4);
     m_pixels.resize(scaledPixels * 4);
-    // GBRAP plane order: G, B, R, A; from B, G, R, A channel c goes to plane kPlaneOf[c].
-    constexpr size_t kPlaneOf[4] = {1, 0, 2, 3};
-    const uint8_t* packed = source.data();
-    for (size_t i = 0; i < sourcePixels; ++i, packed += 4) {
-        for (size_t c = 0; c < 4; ++c) {
-            m_sourcePlanes[kPlaneOf[c] * sourcePixels + i] = packed[c];
-        }
-    }
+    ToPlanes(source.data(), sourcePixels, m_sourcePlanes.data());
     // Bottom-up in, bottom-up out: scaling does not care which way rows run.
     const uint8_t* srcPlanes[4];
     uint8_t* dstPlanes[4];
@@ -124,12 +137,7 @@ const uint8_t* CScaledFrameCache::Get(const std::shared_ptr<const CMovie>& movie
         height) {
         return nullptr;
     }
-    uint8_t* out = m_pixels.data();
-    for (size_t i = 0; i < scaledPixels; ++i, out += 4) {
-        for (size_t c = 0; c < 4; ++c) {
-            out[c] = m_scaledPlanes[kPlaneOf[c] * scaledPixels + i];
-        }
-    }
+    FromPlanes(m_scaledPlanes.data(), scaledPixels, m_pixels.data());
     m_movie = movie;
     m_frameIndex = frameIndex;
     m_width = width;

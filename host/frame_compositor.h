@@ -9,6 +9,7 @@
 
 #include "ffmpeg_util.h"
 #include "image/picture.h"
+#include "image/scaled_composite.h"
 #include "lumets/win_types.h"
 #include "movie.h"
 
@@ -32,6 +33,8 @@ class CScaledFrameCache {
   public:
     // Calls draw with the frame's pixels at the requested size (scaled with
     // SWS_BICUBIC when it differs from the movie's), under the cache's lock.
+    // A frame is scaled once per frame index and size, with a context kept
+    // while the sizes stay.
     template <typename Draw>
     void WithFrame(const std::shared_ptr<const CMovie>& movie, size_t frameIndex, int32_t width,
                    int32_t height, Draw&& draw) {
@@ -39,6 +42,12 @@ class CScaledFrameCache {
         if (const uint8_t* pixels = Get(movie, frameIndex, width, height)) {
             draw(pixels);
         }
+    }
+
+    // For tests: the scaling contexts made so far.
+    uint32_t ContextCount() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_scaler.ContextsMade();
     }
 
   private:
@@ -53,8 +62,7 @@ class CScaledFrameCache {
     std::vector<uint8_t> m_pixels;  // the scaled frame, B, G, R, A
     std::vector<uint8_t> m_sourcePlanes;
     std::vector<uint8_t> m_scaledPlanes;
-    SwsContextPtr m_scaler;
-    int32_t m_scalerSizes[4] = {};  // source and scaled width and height
+    CScalerCache m_scaler;
 };
 
 }  // namespace lumets::host

@@ -74,8 +74,21 @@ bool HasScalerSlack(const PixelBuffer& buffer) {
                kScalerSlackBytes;
 }
 
+SwsContext* CScalerCache::Get(int32_t srcWidth, int32_t srcHeight, int32_t dstWidth,
+                              int32_t dstHeight, AVPixelFormat format) {
+    const int32_t key[5] = {srcWidth, srcHeight, dstWidth, dstHeight, static_cast<int32_t>(format)};
+    if (!m_context || !std::equal(key, key + 5, m_key)) {
+        const CQuietFfmpeg quiet;
+        m_context.reset(sws_getContext(srcWidth, srcHeight, format, dstWidth, dstHeight, format,
+                                       SWS_BICUBIC, nullptr, nullptr, nullptr));
+        std::copy(key, key + 5, m_key);
+        ++m_made;
+    }
+    return m_context.get();
+}
+
 bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t scaledHeight,
-                  int32_t firstRow) {
+                  int32_t firstRow, CScalerCache* scaler) {
     if (src.data == nullptr || dst.data == nullptr || src.bitsPerPixel != 32 ||
         dst.bitsPerPixel != 32 || src.width <= 0 || src.height <= 0 || dst.width <= 0 ||
         dst.height <= 0 || src.width > INT32_MAX / 4 || dst.width > INT32_MAX / 4 ||
@@ -86,12 +99,13 @@ bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t s
         return false;
     }
     const CQuietFfmpeg quiet;
+    CScalerCache once;
     // The buffers hold B, G, R, A; the same four-channel format on both sides
     // keeps the channels in their order.
-    SwsContextPtr context(sws_getContext(src.width, src.height, AV_PIX_FMT_RGBA, dst.width,
-                                         scaledHeight, AV_PIX_FMT_RGBA, SWS_BICUBIC, nullptr,
-                                         nullptr, nullptr));
-    if (!context) {
+    SwsContext* const context =
+        (scaler != nullptr ? scaler : &once)
+            ->Get(src.width, src.height, dst.width, scaledHeight, AV_PIX_FMT_RGBA);
+    if (context == nullptr) {
         return false;
     }
     const int srcStrides[1] = {static_cast<int>(src.strideBytes)};
@@ -99,8 +113,8 @@ bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t s
     if (firstRow == 0 && dst.height == scaledHeight) {
         const uint8_t* const srcPlanes[1] = {src.data};
         uint8_t* const dstPlanes[1] = {dst.data};
-        return sws_scale(context.get(), srcPlanes, srcStrides, 0, src.height, dstPlanes,
-                         dstStrides) == dst.height;
+        return sws_scale(context, srcPlanes, srcStrides, 0, src.height, dstPlanes, dstStrides) ==
+               dst.height;
     }
 
     // Some rows only: the frame interface hands the scaler the whole source
@@ -133,20 +147,20 @@ bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t s
     out->width = dst.width;
     out->height = scaledHeight;
     out->format = AV_PIX_FMT_RGBA;
-    bool done = sws_frame_start(context.get(), out.get(), in.get()) >= 0;
-    done = done && sws_send_slice(context.get(), 0, static_cast<unsigned>(src.height)) >= 0 &&
-           sws_receive_slice(context.get(), static_cast<unsigned>(firstRow),
+    bool done = sws_frame_start(context, out.get(), in.get()) >= 0;
+    done = done && sws_send_slice(context, 0, static_cast<unsigned>(src.height)) >= 0 &&
+           sws_receive_slice(context, static_cast<unsigned>(firstRow),
                              static_cast<unsigned>(dst.height)) >= 0;
-    sws_frame_end(context.get());
+    sws_frame_end(context);
     return done;
 }
 
-bool ResizePicture32(const ConstPictureView& src, const PictureView& dst) {
-    return ResizeRows32(src, dst, dst.height, 0);
+bool ResizePicture32(const ConstPictureView& src, const PictureView& dst, CScalerCache* scaler) {
+    return ResizeRows32(src, dst, dst.height, 0, scaler);
 }
 
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
-                       const RECT& clip, POINT pos, float scale, uint32_t* contextsMade,
+                       const RECT& clip, POINT pos, float scale, uint32_t* rescales,
                        ScaledReuse* reuse, int64_t wholeLimit) {
     if (frame.data == nullptr || frame.bitsPerPixel != 24 || frame.width <= 0 ||
         frame.height <= 0) {
@@ -215,8 +229,8 @@ void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const Pic
             scaled.width = static_cast<int32_t>(columns.dstLength);
             scaled.height = static_cast<int32_t>(rows);
             EnsureScalable(scaled, scaled.width, scaled.height);
-            if (contextsMade != nullptr) {
-                ++*contextsMade;
+            if (rescales != nullptr) {
+                ++*rescales;
             }
             // The part's rows end where the source's do or before, so the
             // source's slack serves the part too.
@@ -226,12 +240,17 @@ void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const Pic
             // Without a scaling context there is no new picture to show; the
             // scaled buffer may hold anything, so nothing is blended.
             if (!ResizeRows32(part, scaled.View(), static_cast<int32_t>(sh),
-                              static_cast<int32_t>(firstRow))) {
+                              static_cast<int32_t>(firstRow),
+                              reuse != nullptr ? &reuse->scaler : nullptr)) {
                 return;
             }
             if (reuse != nullptr) {
-                *reuse = ScaledReuse{reuse->source,     reuse->source, scale, columns.srcStart,
-                                     columns.srcLength, firstRow,      rows};
+                reuse->madeFrom = reuse->source;
+                reuse->scale = scale;
+                reuse->columnStart = columns.srcStart;
+                reuse->columns = columns.srcLength;
+                reuse->firstRow = firstRow;
+                reuse->rows = rows;
             }
         }
         picture = std::as_const(scaled).View();

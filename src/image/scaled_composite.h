@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "image/av_handles.h"
 #include "image/picture.h"
 #include "image/picture_limits.h"
 #include "lumets/win_types.h"
@@ -22,23 +23,47 @@ void EnsureScalable(PixelBuffer& buffer, uint32_t width, uint32_t height);
 // slack after it; only such a buffer may be handed to ResizePicture32.
 bool HasScalerSlack(const PixelBuffer& buffer);
 
+// One bicubic scaling context kept for a pair of sizes and a pixel format:
+// making a context costs far more than most scales, so a picture rescaled at
+// the same sizes keeps its context, and another pair replaces it. Not
+// sws_getCachedContext: libswscale adds flags of its own at set-up (full
+// chroma for RGB), so its cache never matches and would make a context on
+// every call. A context holds no state between scales that could change a
+// pixel, so a kept one scales exactly as a new one would.
+class CScalerCache {
+  public:
+    // The context for these sizes, made when they differ from the last ones;
+    // null when libswscale refuses them.
+    SwsContext* Get(int32_t srcWidth, int32_t srcHeight, int32_t dstWidth, int32_t dstHeight,
+                    AVPixelFormat format);
+    uint32_t ContextsMade() const { return m_made; }
+
+  private:
+    SwsContextPtr m_context;
+    int32_t m_key[5] = {};
+    uint32_t m_made = 0;
+};
+
 // Resizes a 32-bit picture into another with a bicubic filter, keeping the
-// channel order and the row order. A new scaling context is made and freed on
-// every call. Both pictures need kScalerSlackBytes after their last row
-// (EnsureScalable). False when either is not a 32-bit picture or no context
-// can be made.
-bool ResizePicture32(const ConstPictureView& src, const PictureView& dst);
+// channel order and the row order, with scaler's kept context (a new one for
+// this call when scaler is null). Both pictures need kScalerSlackBytes after
+// their last row (EnsureScalable). False when either is not a 32-bit picture
+// or no context can be made.
+bool ResizePicture32(const ConstPictureView& src, const PictureView& dst,
+                     CScalerCache* scaler = nullptr);
 
 // ResizePicture32 for the rows [firstRow, firstRow + dst.height) of a result
 // scaledHeight rows high: the rows come out as scaling the whole would give
 // them, while only the source rows they need are scaled.
 bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t scaledHeight,
-                  int32_t firstRow);
+                  int32_t firstRow, CScalerCache* scaler = nullptr);
 
-// Lets repeats of one scaling reuse the scaled picture. The caller sets
-// source to its picture's version before each call (a new, non-zero one
-// whenever the picture changes); the call keeps the rest.
+// Lets repeats of one scaling reuse the scaled picture, and rescales at the
+// same sizes reuse the scaling context. The caller sets source to its
+// picture's version before each call (a new, non-zero one whenever the
+// picture changes); the call keeps the rest.
 struct ScaledReuse {
+    CScalerCache scaler;
     uint64_t source = 0;
     uint64_t madeFrom = 0;  // 0: the scaled buffer holds nothing to reuse
     float scale = 0.0f;
@@ -57,10 +82,10 @@ struct ScaledReuse {
 // the rows without changing a pixel. A scale that keeps the size blends
 // source directly. Non-positive or non-finite scales draw nothing, and so do
 // a scaled part over kMaxPicturePixels and a source to be scaled without the
-// scaler's slack (HasScalerSlack). contextsMade, when not null, counts the
-// scaling contexts made.
+// scaler's slack (HasScalerSlack). rescales, when not null, counts the
+// scales done.
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
-                       const RECT& clip, POINT pos, float scale, uint32_t* contextsMade,
+                       const RECT& clip, POINT pos, float scale, uint32_t* rescales,
                        ScaledReuse* reuse = nullptr, int64_t wholeLimit = kMaxPicturePixels);
 
 }  // namespace lumets

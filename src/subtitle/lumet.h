@@ -88,6 +88,8 @@ class CLumet : public CFlashPlayerEventHandler {
                           int32_t offY, float scale);
     void RenderToTextures(int32_t width, int32_t height, IGPUCombiner* combiner,
                           std::vector<TextureSlot>* slots, int32_t offX, int32_t offY, float scale);
+    // For tests: how often the text and the plate were scaled for a frame.
+    std::pair<uint32_t, uint32_t> ScaleCounts();
 
     // The movie player's end of a pass (its own thread).
     void OnPlayEnd(ENUM_FILE_TYPE type) override;

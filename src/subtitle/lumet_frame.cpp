@@ -152,6 +152,13 @@ void CLumet::CompositeToFrame(uint8_t* frame, uint32_t width, uint32_t height, i
     }
 }
 
+std::pair<uint32_t, uint32_t> CLumet::ScaleCounts() {
+    CAutoLock lock(&m_textLock);
+    CAutoLock backgroundLock(&m_backgroundLock);
+    return {m_textRenderer ? m_textRenderer->ScaleCount() : 0,
+            m_background ? m_background->ScaleCount() : 0};
+}
+
 TextureSlot* CLumet::TakeSlot(std::vector<TextureSlot>* slots, int32_t* index) {
     ++*index;
     if (slots->size() <= static_cast<size_t>(*index)) {

@@ -182,7 +182,7 @@ ConstPictureView CSubtitleBackground::GetScaledBackground(float scale) {
     m_scaledPlate.width = w;
     m_scaledPlate.height = h;
     m_scaledPlate.bitsPerPixel = 32;
-    if (!ResizePicture32(plate, m_scaledPlate.View())) {
+    if (!ResizePicture32(plate, m_scaledPlate.View(), &m_scaler)) {
         // No picture this frame; try again on the next.
         m_scaledStale = true;
         return scaled;

@@ -3,7 +3,7 @@
 // mask's size, and four corners shaped by the mask's alpha (the library's
 // resource "PNG" 101, 40 x 36). The plate is rebuilt only when the text size,
 // colour or opacity changes and rescaled only when it was rebuilt or the scale
-// changed.
+// changed, with a scaling context kept while the sizes stay.
 //
 // Without a mask (resource missing or undecodable) the plate gets its size but
 // never any pixels, and nothing is drawn or uploaded. Negative text sizes,
@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "image/picture.h"
+#include "image/scaled_composite.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/win_types.h"
 
@@ -71,6 +72,7 @@ class CSubtitleBackground {
     // For tests: how often the plate was rebuilt and rescaled, and the buffers.
     uint32_t BuildCount() const { return m_buildCount; }
     uint32_t ScaleCount() const { return m_scaleCount; }
+    uint32_t ContextCount() const { return m_scaler.ContextsMade(); }
     const PixelBuffer& Plate() const { return m_plate; }
     const PixelBuffer& Mask() const { return m_mask; }
 
@@ -86,6 +88,7 @@ class CSubtitleBackground {
     bool m_scaledStale = false;
     PixelBuffer m_plate;
     PixelBuffer m_scaledPlate;
+    CScalerCache m_scaler;
     uint32_t m_buildCount = 0;
     uint32_t m_scaleCount = 0;
 };

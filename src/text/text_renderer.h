@@ -45,9 +45,11 @@ class CTextRenderer {
 
     // The normalised text of the last render.
     const std::u16string& Text() const { return m_text; }
-    // Number of scaling contexts made so far: one per scaled blend, unless it
-    // reuses the last scaled picture (same picture, scale and part).
+    // Scales done so far: one per scaled blend, unless it reuses the last
+    // scaled picture (same picture, scale and part); and the scaling contexts
+    // made for them, one per new pair of sizes.
     uint32_t ScaleCount() const { return m_scaleCount; }
+    uint32_t ContextCount() const { return m_scaledReuse.scaler.ContextsMade(); }
 
   private:
     void Draw();

@@ -163,6 +163,46 @@ TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
     }
 }
 
+// A kept context scales exactly as a fresh one: the same sizes with new
+// pixels, other sizes, the old sizes again, whole pictures and some rows.
+TEST(ScaledComposite, AKeptContextScalesAsAFreshOne) {
+    auto noise = [](int32_t w, int32_t h, uint32_t seed) {
+        PixelBuffer buffer = Picture(w, h);
+        for (size_t i = 0; i < size_t{4} * w * h; i += 4) {
+            const uint32_t v = static_cast<uint32_t>(i / 12 + seed) * 2654435761u;
+            std::memcpy(buffer.Data() + i, &v, 4);
+        }
+        return buffer;
+    };
+    struct Step {
+        int32_t srcW, srcH;
+        float scale;
+        uint32_t seed;
+        int32_t firstRow = 0;  // with rows, only these rows of the result
+        int32_t rows = 0;
+    };
+    const Step steps[] = {
+        {97, 31, 1.5f, 1},         {97, 31, 1.5f, 2},       {97, 31, 0.5f, 3},
+        {97, 31, 2.0f, 4},         {40, 120, 1.5f, 5},      {97, 31, 1.5f, 6},
+        {97, 31, 1.5f, 7, 10, 20}, {97, 31, 1.5f, 8, 0, 3}, {97, 31, 1.5f, 9},
+    };
+    CScalerCache kept;
+    for (const Step& s : steps) {
+        const PixelBuffer source = noise(s.srcW, s.srcH, s.seed);
+        const int32_t w = static_cast<int32_t>(static_cast<float>(s.srcW) * s.scale);
+        const int32_t h = static_cast<int32_t>(static_cast<float>(s.srcH) * s.scale);
+        const int32_t rows = s.rows != 0 ? s.rows : h;
+        PixelBuffer cached = Picture(w, rows);
+        PixelBuffer fresh = Picture(w, rows);
+        ASSERT_TRUE(ResizeRows32(source.View(), cached.View(), h, s.firstRow, &kept));
+        ASSERT_TRUE(ResizeRows32(source.View(), fresh.View(), h, s.firstRow));
+        EXPECT_EQ(0, std::memcmp(cached.Data(), fresh.Data(), size_t{4} * w * rows))
+            << s.srcW << "x" << s.srcH << " at " << s.scale << " seed " << s.seed;
+    }
+    // One context per change of sizes: 1.5, 0.5, 2.0, the tall one, 1.5 again.
+    EXPECT_EQ(kept.ContextsMade(), 5u);
+}
+
 TEST(ScaledComposite, NothingHappensForDegenerateInput) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();

@@ -143,11 +143,12 @@ TEST(SubtitleBackground, CornerZonesTakeTheirMaskPixels) {
     EXPECT_EQ(PlateAlpha(plate, 10, 5), 127);
 }
 
-TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChange) {
+// The plate is rebuilt and rescaled only on a change, with one scaling
+// context per pair of sizes, and every frame equals a fresh plate's.
+TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChangeAndMatchesAFreshPlate) {
     CSubtitleBackground plate;
-    std::vector<uint8_t> frame(RowStride(640, 24) * 200, 0);
-    // Each step: text rectangle, colour, opacity, scale, then the build and
-    // scale counts after it.
+    // Each step: text rectangle, colour, opacity, scale, then the build,
+    // scale and context counts after it.
     const struct {
         RECT text;
         uint32_t colour;
@@ -155,24 +156,37 @@ TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChange) {
         float scale;
         uint32_t builds;
         uint32_t scales;
+        uint32_t contexts;
     } steps[] = {
-        {{100, 60, 300, 90}, 0x204080, 0.8f, 1.5f, 1, 1},
-        {{100, 60, 300, 90}, 0x204080, 0.8f, 1.5f, 1, 1},
-        {{100, 60, 300, 90}, 0x204080, 0.8f + 1e-8f, 1.5f, 1, 1},  // below the threshold
-        {{100, 60, 300, 90}, 0x204080, 0.8f, 1.25f, 1, 2},         // new scale: rescale
-        {{100, 60, 300, 90}, 0x204081, 0.8f, 1.25f, 2, 3},         // new colour: both
-        {{100, 60, 301, 90}, 0x204081, 0.8f, 1.25f, 3, 4},         // new width: both
+        {{100, 60, 300, 90}, 0x204080, 0.8f, 1.5f, 1, 1, 1},
+        {{100, 60, 300, 90}, 0x204080, 0.8f, 1.5f, 1, 1, 1},
+        {{100, 60, 300, 90}, 0x204080, 0.8f + 1e-8f, 1.5f, 1, 1, 1},  // below the threshold
+        {{100, 60, 300, 90}, 0x204080, 0.8f, 1.25f, 1, 2, 2},         // new scale: rescale
+        {{100, 60, 300, 90}, 0x204081, 0.8f, 1.25f, 2, 3, 2},         // new colour: both
+        {{100, 60, 300, 90}, 0x204081, 0.5f, 1.25f, 3, 4, 2},         // new opacity: both
+        {{100, 60, 301, 90}, 0x204081, 0.5f, 1.25f, 4, 5, 3},         // new width: both
+        {{100, 60, 301, 90}, 0x204081, 0.5f, 2.0f, 4, 6, 4},
+        {{100, 60, 301, 90}, 0x204081, 0.5f, 0.5f, 4, 7, 5},
+        {{100, 60, 301, 90}, 0x204081, 0.5f, 1.25f, 4, 8, 6},  // the old scale again
+        {{100, 60, 301, 90}, 0x204081, 0.5f, 1.25f, 4, 8, 6},
     };
     for (const auto& s : steps) {
+        std::vector<uint8_t> frame(RowStride(640, 24) * 200, 0);
+        std::vector<uint8_t> freshFrame = frame;
         plate.DrawOnFrame(PackedPicture(frame.data(), 640, 200, 24), &s.text, 30, s.colour,
                           s.opacity, s.scale);
-        EXPECT_EQ(std::pair(plate.BuildCount(), plate.ScaleCount()), std::pair(s.builds, s.scales));
+        EXPECT_EQ(std::tuple(plate.BuildCount(), plate.ScaleCount(), plate.ContextCount()),
+                  std::tuple(s.builds, s.scales, s.contexts));
+        CSubtitleBackground fresh;
+        fresh.DrawOnFrame(PackedPicture(freshFrame.data(), 640, 200, 24), &s.text, 30, s.colour,
+                          s.opacity, s.scale);
+        EXPECT_EQ(frame, freshFrame) << s.scale;
     }
     // Scale 1 hands out the plate itself and leaves the scaled copy alone.
     const ConstPictureView same = plate.GetScaledBackground(1.0f);
     EXPECT_EQ(std::tuple(same.data, same.width, same.height),
               std::tuple(plate.Plate().Data(), 253, 37));
-    EXPECT_EQ(plate.ScaleCount(), 4u);
+    EXPECT_EQ(plate.ScaleCount(), 8u);
 }
 
 TEST(SubtitleBackground, WithoutAMaskNothingIsDrawnOrUploaded) {

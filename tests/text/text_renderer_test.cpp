@@ -266,22 +266,46 @@ TEST(TextRenderer, OutlinedGlyphsKeepTheirHoles) {
     EXPECT_EQ(holes, 7);
 }
 
-// A text that only moves is scaled once per scale: the scaled picture is
-// reused until the text or the scale changes.
-TEST(TextRenderer, AMovingTextIsScaledOnce) {
-    CTextRenderer renderer;
-    const TextStyle style = Style(20, 0xFFFFFF);
-    renderer.Render(u"moving", &style);
-    std::vector<uint8_t> frame(lumets::RowStride(320, 24) * 120, 0);
-    const lumets::PictureView view = lumets::PackedPicture(frame.data(), 320, 120, 24);
-    for (int x = 0; x < 5; ++x) {
-        renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{x * 7, 4}, 1.5f);
+// A text that only moves is scaled once per scale, and what a kept scaled
+// picture and a kept scaling context give is what a fresh renderer gives:
+// after a move, a new colour, a new text, new scales and the old scale again.
+TEST(TextRenderer, KeptScalingGivesTheFreshPictureAndScalesOncePerChange) {
+    struct Step {
+        const char16_t* text;
+        uint32_t colour;
+        float scale;
+        int32_t x;
+        uint32_t scales;  // the kept renderer's count after the step
+    };
+    const Step steps[] = {
+        {u"moving", 0xFFFFFF, 1.5f, 0, 1},   {u"moving", 0xFFFFFF, 1.5f, 7, 1},
+        {u"moving", 0xFFFFFF, 1.5f, 21, 1},  {u"moving", 0x20C040, 1.5f, 21, 2},
+        {u"changed", 0x20C040, 1.5f, 21, 3}, {u"changed", 0x20C040, 2.0f, 21, 4},
+        {u"changed", 0x20C040, 0.5f, 21, 5}, {u"changed", 0x20C040, 1.5f, 21, 6},
+        {u"changed", 0x20C040, 1.5f, 3, 6},
+    };
+    CTextRenderer kept;
+    const Step* last = nullptr;
+    for (const Step& s : steps) {
+        const TextStyle style = Style(20, s.colour);
+        if (last == nullptr || last->colour != s.colour || last->text != s.text) {
+            kept.Render(s.text, &style);
+        }
+        last = &s;
+        CTextRenderer fresh;
+        fresh.Render(s.text, &style);
+        std::vector<uint8_t> keptFrame(lumets::RowStride(320, 24) * 120, 0x30);
+        std::vector<uint8_t> freshFrame = keptFrame;
+        kept.BlendScaledInto24(lumets::PackedPicture(keptFrame.data(), 320, 120, 24),
+                               RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
+        fresh.BlendScaledInto24(lumets::PackedPicture(freshFrame.data(), 320, 120, 24),
+                                RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
+        EXPECT_EQ(keptFrame, freshFrame) << s.scale << " at " << s.x;
+        EXPECT_EQ(kept.ScaleCount(), s.scales) << s.scale << " at " << s.x;
     }
-    EXPECT_EQ(renderer.ScaleCount(), 1u);
-    renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{0, 4}, 2.0f);
-    renderer.Render(u"changed", &style);
-    renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{0, 4}, 2.0f);
-    EXPECT_EQ(renderer.ScaleCount(), 3u);
+    // A new context only for new sizes: "moving" at 1.5, "changed" at 1.5,
+    // 2.0, 0.5 and 1.5 again.
+    EXPECT_EQ(kept.ContextCount(), 5u);
 }
 
 TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
