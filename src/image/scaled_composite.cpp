@@ -159,6 +159,28 @@ bool ResizePicture32(const ConstPictureView& src, const PictureView& dst, CScale
     return ResizeRows32(src, dst, dst.height, 0, scaler);
 }
 
+ConstPictureView CScaledCopy::Get(const PixelBuffer& source, uint64_t version, int32_t width,
+                                  int32_t height) {
+    if (version != 0 && version == m_madeFrom && width == m_scaled.width &&
+        height == m_scaled.height) {
+        return std::as_const(m_scaled).View();
+    }
+    if (!PictureSizeAllowed(width, height) || !HasScalerSlack(source)) {
+        return {};
+    }
+    m_madeFrom = 0;
+    ++m_scales;
+    EnsureScalable(m_scaled, width, height);
+    m_scaled.width = width;
+    m_scaled.height = height;
+    m_scaled.bitsPerPixel = 32;
+    if (!ResizePicture32(source.View(), m_scaled.View(), &m_scaler)) {
+        return {};
+    }
+    m_madeFrom = version;
+    return std::as_const(m_scaled).View();
+}
+
 void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
                        const RECT& clip, POINT pos, float scale, uint32_t* rescales,
                        ScaledReuse* reuse, int64_t wholeLimit) {

@@ -58,6 +58,26 @@ bool ResizePicture32(const ConstPictureView& src, const PictureView& dst,
 bool ResizeRows32(const ConstPictureView& src, const PictureView& dst, int32_t scaledHeight,
                   int32_t firstRow, CScalerCache* scaler = nullptr);
 
+// A picture's scaled copy, kept while the picture and the size stay and
+// remade with a kept context when either changes: a steady picture drawn at
+// a steady scale is scaled once.
+class CScaledCopy {
+  public:
+    // source at width x height. version names source's pixels: non-zero, and
+    // new whenever they change. Empty (null data) for a size outside the
+    // picture limits, a source without the scaler's slack, or no context.
+    ConstPictureView Get(const PixelBuffer& source, uint64_t version, int32_t width,
+                         int32_t height);
+    uint32_t ScaleCount() const { return m_scales; }
+    uint32_t ContextCount() const { return m_scaler.ContextsMade(); }
+
+  private:
+    PixelBuffer m_scaled;
+    CScalerCache m_scaler;
+    uint64_t m_madeFrom = 0;  // 0: nothing to reuse
+    uint32_t m_scales = 0;
+};
+
 // Lets repeats of one scaling reuse the scaled picture, and rescales at the
 // same sizes reuse the scaling context. The caller sets source to its
 // picture's version before each call (a new, non-zero one whenever the

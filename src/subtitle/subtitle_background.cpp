@@ -83,7 +83,6 @@ void CSubtitleBackground::BuildBackground(int32_t textWidth, int32_t textHeight,
         return;
     }
     m_dirty = false;
-    m_scaledStale = true;
     ++m_buildCount;
     const int32_t w = static_cast<int32_t>(width);
     const int32_t h = static_cast<int32_t>(height);
@@ -169,25 +168,8 @@ ConstPictureView CSubtitleBackground::GetScaledBackground(float scale) {
     if (w == plate.width && h == plate.height) {
         return plate;
     }
-    ConstPictureView scaled = PackedPicture<const uint8_t>(nullptr, w, h, 32);
-    if (w == m_scaledPlate.width && h == m_scaledPlate.height && !m_scaledStale) {
-        return std::as_const(m_scaledPlate).View();
-    }
-    if (w < 1 || h < 1 || !PictureSizeAllowed(w, h) || !HasScalerSlack(m_plate)) {
-        return scaled;
-    }
-    m_scaledStale = false;
-    ++m_scaleCount;
-    EnsureScalable(m_scaledPlate, w, h);
-    m_scaledPlate.width = w;
-    m_scaledPlate.height = h;
-    m_scaledPlate.bitsPerPixel = 32;
-    if (!ResizePicture32(plate, m_scaledPlate.View(), &m_scaler)) {
-        // No picture this frame; try again on the next.
-        m_scaledStale = true;
-        return scaled;
-    }
-    return std::as_const(m_scaledPlate).View();
+    const ConstPictureView scaled = m_scaled.Get(m_plate, m_buildCount, w, h);
+    return scaled.data != nullptr ? scaled : PackedPicture<const uint8_t>(nullptr, w, h, 32);
 }
 
 void CSubtitleBackground::GetBackgroundSize(int32_t& width, int32_t& height,

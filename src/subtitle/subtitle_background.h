@@ -71,8 +71,8 @@ class CSubtitleBackground {
 
     // For tests: how often the plate was rebuilt and rescaled, and the buffers.
     uint32_t BuildCount() const { return m_buildCount; }
-    uint32_t ScaleCount() const { return m_scaleCount; }
-    uint32_t ContextCount() const { return m_scaler.ContextsMade(); }
+    uint32_t ScaleCount() const { return m_scaled.ScaleCount(); }
+    uint32_t ContextCount() const { return m_scaled.ContextCount(); }
     const PixelBuffer& Plate() const { return m_plate; }
     const PixelBuffer& Mask() const { return m_mask; }
 
@@ -85,12 +85,9 @@ class CSubtitleBackground {
     uint32_t m_color = 0xFFFFFF;
     float m_opacity = 0.0f;
     bool m_dirty = false;
-    bool m_scaledStale = false;
     PixelBuffer m_plate;
-    PixelBuffer m_scaledPlate;
-    CScalerCache m_scaler;
-    uint32_t m_buildCount = 0;
-    uint32_t m_scaleCount = 0;
+    CScaledCopy m_scaled;
+    uint32_t m_buildCount = 0;  // also the plate's version for its scaled copy
 };
 
 }  // namespace lumets
