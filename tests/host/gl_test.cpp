@@ -7,11 +7,13 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
+#include <optional>
 #include <random>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "common/counting_gl_factory.h"
 #include "common/gl_context.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/host/gpu_combiner.h"
@@ -325,22 +327,9 @@ TEST_F(GlHostTest, RefusesWhatItCannotDo) {
 // A counting hook sees every texture and pixel-buffer object made and
 // destroyed, and passes on to the real factory; null puts the real one back.
 TEST_F(GlHostTest, TheFactoryHookCountsAndRestores) {
-    static std::atomic<int> textures{0};
-    static std::atomic<int> buffers{0};
-    static const host::GLObjectFactory real = host::RealGLObjectFactory();
-    const host::GLObjectFactory counting{[] {
-                                             ++textures;
-                                             return real.createTexture();
-                                         },
-                                         [](EnumPBOType type, uint32_t bitsPerPixel) {
-                                             ++buffers;
-                                             return real.createPBO(type, bitsPerPixel);
-                                         },
-                                         [](IPBO* pbo) {
-                                             --buffers;
-                                             real.destroyPBO(pbo);
-                                         }};
-    host::SetGLObjectFactory(&counting);
+    std::optional<CountingGlFactory> counting(std::in_place);
+    auto& textures = CountingGlFactory::textures;
+    auto& buffers = CountingGlFactory::buffers;
     const GLuint texture = CGLObjectFactory::CreateTexture();
     IPBO* pbo = CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32);
     EXPECT_NE(texture, 0u);
@@ -349,7 +338,7 @@ TEST_F(GlHostTest, TheFactoryHookCountsAndRestores) {
     CGLObjectFactory::DestroyPBO(pbo);
     CGLObjectFactory::DestroyPBO(nullptr);
     EXPECT_EQ(buffers.load(), 0);
-    host::SetGLObjectFactory(nullptr);
+    counting.reset();
     CGLObjectFactory::DestroyPBO(CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32));
     EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(1, 0));
     glDeleteTextures(1, &texture);

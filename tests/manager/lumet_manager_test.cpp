@@ -14,12 +14,14 @@
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
+#include "common/counting_gl_factory.h"
 #include "common/gl_context.h"
 #include "common/golden.h"
 #include "common/scratch_files.h"
@@ -160,31 +162,17 @@ class ManagerGpuTest : public test::GlTest<320, 200> {
         if (IsSkipped() || HasFatalFailure()) {
             return;
         }
-        static const host::GLObjectFactory real = host::RealGLObjectFactory();
-        static const host::GLObjectFactory counting{[] {
-                                                        ++textures;
-                                                        return real.createTexture();
-                                                    },
-                                                    [](EnumPBOType type, uint32_t bits) {
-                                                        ++buffers;
-                                                        return real.createPBO(type, bits);
-                                                    },
-                                                    [](IPBO* pbo) {
-                                                        --buffers;
-                                                        real.destroyPBO(pbo);
-                                                    }};
-        host::SetGLObjectFactory(&counting);
-        buffers = 0;
-        textures = 0;
+        m_counting.emplace();
         m_queue.SetUp();
     }
     void TearDown() override {
         m_queue.TearDown();
-        host::SetGLObjectFactory(nullptr);
+        m_counting.reset();
     }
 
-    static inline std::atomic<int> textures{0};
-    static inline std::atomic<int> buffers{0};
+    std::optional<test::CountingGlFactory> m_counting;
+    static inline std::atomic<int>& textures = test::CountingGlFactory::textures;
+    static inline std::atomic<int>& buffers = test::CountingGlFactory::buffers;
     struct Queue : ManagerTest {
         void TestBody() override {}
         using ManagerTest::Add;
