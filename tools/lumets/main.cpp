@@ -1,35 +1,457 @@
-// lumets: the command-line host of the library.
+// lumets: the command-line host of the library. It renders scene files to
+// video or pictures, or composites a scene into raw video in a pipeline, in
+// virtual time: frame n shows the scene n frame periods after its start,
+// however fast or slow the machine is.
+//
+// Exit codes: 0 done; 1 an output could not be written or OpenGL is missing;
+// 2 a bad command line; 3 a bad scene file or a missing media file; 4 the
+// input ended inside a frame (the frames before it were all written).
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cmath>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "demo.h"
-#include "text/png_writer.h"
-#include "text_command.h"
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "scene_file.h"
+#include "scene_player.h"
+#include "video_io.h"
+
+namespace lumets::tool {
+namespace {
+
+constexpr int kOutputFailed = 1;
+constexpr int kBadCommandLine = 2;
+constexpr int kBadScene = 3;
+constexpr int kTruncatedInput = 4;
+
+// The library writes its log records to standard output. The tool keeps the
+// real standard output for itself (frames, messages) and points the library's
+// at standard error with --log, or nowhere.
+std::FILE* g_out = stdout;
+
+void TakeStandardOutput(bool log) {
+    const int own = dup(STDOUT_FILENO);
+    const int records = log ? dup(STDERR_FILENO) : open("/dev/null", O_WRONLY | O_CLOEXEC);
+    std::FILE* out = own >= 0 ? fdopen(own, "wb") : nullptr;
+    if (out == nullptr || records < 0) {
+        return;  // keep everything where it was
+    }
+    std::fflush(stdout);
+    dup2(records, STDOUT_FILENO);
+    close(records);
+    g_out = out;
+}
+
+struct Size {
+    int32_t width = 0;
+    int32_t height = 0;
+};
+
+// "WxH", each side 16 to 8192 and even (the H.264 encoder needs it).
+std::string CheckSize(const std::string& text) {
+    int32_t w = 0;
+    int32_t h = 0;
+    char tail = 0;
+    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 16 || h < 16 ||
+        w > 8192 || h > 8192) {
+        return "must be WIDTHxHEIGHT, each 16 to 8192";
+    }
+    return {};
+}
+
+Size ParseSize(const std::string& text) {
+    Size size;
+    std::sscanf(text.c_str(), "%dx%d", &size.width, &size.height);
+    return size;
+}
+
+// Draws a progress bar on standard error when it is a terminal.
+class Progress {
+  public:
+    explicit Progress(uint64_t total) : m_total(total), m_show(isatty(STDERR_FILENO) == 1) {}
+    ~Progress() {
+        if (m_show) {
+            std::fputc('\n', stderr);
+        }
+    }
+    void Step(uint64_t done) {
+        if (!m_show || m_total == 0) {
+            return;
+        }
+        const int filled = static_cast<int>(40 * done / m_total);
+        std::fprintf(stderr, "\r[%.*s%.*s] %3d%% %llu/%llu frames", filled,
+                     "########################################", 40 - filled,
+                     "........................................",
+                     static_cast<int>(100 * done / m_total), static_cast<unsigned long long>(done),
+                     static_cast<unsigned long long>(m_total));
+    }
+
+  private:
+    uint64_t m_total;
+    bool m_show;
+};
+
+// Fills the frame with the scene's background, or the one given on the
+// command line.
+class BackgroundPainter {
+  public:
+    bool Open(const Background& background, int32_t width, int32_t height, std::string* error) {
+        m_width = width;
+        m_height = height;
+        m_colour = background.colour;
+        if (background.kind != Background::Kind::Colour) {
+            m_backdrop = CBackdrop::Open(background.path, width, height, error);
+            return m_backdrop != nullptr;
+        }
+        return true;
+    }
+    void Paint(double seconds, uint8_t* frame) {
+        if (m_backdrop) {
+            m_backdrop->FrameAt(seconds, frame);
+            return;
+        }
+        const uint8_t bgr[3] = {static_cast<uint8_t>(m_colour), static_cast<uint8_t>(m_colour >> 8),
+                                static_cast<uint8_t>(m_colour >> 16)};
+        for (int32_t y = 0; y < m_height; ++y) {
+            uint8_t* row = frame + FrameStride(m_width) * static_cast<size_t>(y);
+            for (int32_t x = 0; x < m_width; ++x) {
+                std::memcpy(row + 3 * x, bgr, 3);
+            }
+        }
+    }
+
+  private:
+    int32_t m_width = 0;
+    int32_t m_height = 0;
+    uint32_t m_colour = 0;
+    std::unique_ptr<CBackdrop> m_backdrop;
+};
+
+struct RenderOptions {
+    std::string scene;
+    std::string output;
+    std::optional<double> at;
+    std::string size;
+    std::optional<double> fps;
+    std::optional<double> duration;
+    std::string background;
+    bool gpu = false;
+};
+
+std::optional<Scene> Load(const std::string& path) {
+    try {
+        return LoadScene(path);
+    } catch (const SceneError& error) {
+        std::fprintf(stderr, "lumets: %s\n", error.what());
+        return std::nullopt;
+    }
+}
+
+// The scene's background, or --background: a colour or a picture or video.
+bool ApplyBackground(Scene& scene, const std::string& value) {
+    if (value.empty()) {
+        return true;
+    }
+    if (ParseColour(value, &scene.background.colour)) {
+        scene.background.kind = Background::Kind::Colour;
+        return true;
+    }
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(value, error)) {
+        std::fprintf(stderr, "lumets: --background: no such file: %s\n", value.c_str());
+        return false;
+    }
+    scene.background.kind = Background::Kind::Video;  // a still picture works the same
+    scene.background.path = value;
+    return true;
+}
+
+int Render(const RenderOptions& options, const std::string& pngBeside = {},
+           double pngAt = -1) {
+    std::optional<Scene> scene = Load(options.scene);
+    if (!scene) {
+        return kBadScene;
+    }
+    if (!ApplyBackground(*scene, options.background)) {
+        return kBadScene;
+    }
+    const Size size = options.size.empty() ? Size{scene->width, scene->height}
+                                           : ParseSize(options.size);
+    const double fps = options.fps.value_or(scene->fps);
+    const double duration = options.duration.value_or(scene->duration);
+
+    namespace fs = std::filesystem;
+    const std::string& out = options.output;
+    const bool mp4 = fs::path(out).extension() == ".mp4";
+    const bool png = fs::path(out).extension() == ".png";
+    if (png && !options.at) {
+        std::fprintf(stderr, "lumets: a single PNG needs --at SECONDS\n");
+        return kBadCommandLine;
+    }
+    const uint64_t frames =
+        png ? static_cast<uint64_t>(std::llround(*options.at * fps)) + 1
+            : std::max<uint64_t>(1, static_cast<uint64_t>(std::llround(duration * fps)));
+    std::error_code error;
+    if (!mp4 && !png && !fs::is_directory(out, error) && !fs::create_directories(out, error)) {
+        std::fprintf(stderr, "lumets: cannot make the folder %s\n", out.c_str());
+        return kOutputFailed;
+    }
+
+    SetTimeMode(TimeMode::Virtual);
+    int rc = 0;
+    {
+        BackgroundPainter background;
+        std::string why;
+        if (!background.Open(scene->background, size.width, size.height, &why)) {
+            std::fprintf(stderr, "lumets: %s\n", why.c_str());
+            SetTimeMode(TimeMode::Real);
+            return kBadScene;
+        }
+        CScenePlayer player(*scene, size.width, size.height, fps, options.gpu);
+        CVideoWriter video;
+        if (!player.Ok()) {
+            std::fprintf(stderr, "lumets: %s\n", player.Error().c_str());
+            rc = kOutputFailed;
+        } else if (mp4 && !video.Open(out, size.width, size.height, fps)) {
+            std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), video.Error().c_str());
+            rc = kOutputFailed;
+        }
+        const uint64_t pngIndex =
+            pngAt >= 0 ? static_cast<uint64_t>(std::llround(pngAt * fps)) : frames;
+        std::vector<uint8_t> frame(FrameBytes(size.width, size.height));
+        Progress progress(frames);
+        for (uint64_t i = 0; rc == 0 && i < frames; ++i) {
+            background.Paint(static_cast<double>(i) / fps, frame.data());
+            player.Render(i, frame.data());
+            std::string file;
+            if (png && i + 1 == frames) {
+                file = out;
+            } else if (!mp4 && !png) {
+                char name[32];
+                std::snprintf(name, sizeof name, "frame_%05llu.png",
+                              static_cast<unsigned long long>(i + 1));
+                file = (fs::path(out) / name).string();
+            }
+            if (i == pngIndex) {
+                file = pngBeside;
+            }
+            if (mp4 && !video.Write(frame.data())) {
+                std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), video.Error().c_str());
+                rc = kOutputFailed;
+            }
+            if (!file.empty() && !WritePng(file, frame.data(), size.width, size.height)) {
+                std::fprintf(stderr, "lumets: cannot write %s\n", file.c_str());
+                rc = kOutputFailed;
+            }
+            progress.Step(i + 1);
+        }
+        if (mp4 && rc == 0 && !video.Close()) {
+            std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), video.Error().c_str());
+            rc = kOutputFailed;
+        }
+    }
+    SetTimeMode(TimeMode::Real);
+    return rc;
+}
+
+struct FilterOptions {
+    std::string scene;
+    std::string size;
+    std::optional<double> fps;
+    bool gpu = false;
+    bool stats = false;
+};
+
+// Reads up to size bytes; the count read (short only at the end of input).
+size_t ReadFully(uint8_t* data, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const size_t n = std::fread(data + done, 1, size - done, stdin);
+        if (n == 0) {
+            break;
+        }
+        done += n;
+    }
+    return done;
+}
+
+int Filter(const FilterOptions& options) {
+    std::optional<Scene> scene = Load(options.scene);
+    if (!scene) {
+        return kBadScene;
+    }
+    const Size size = ParseSize(options.size);
+    const double fps = options.fps.value_or(scene->fps);
+    // A reader that goes away ends the filter quietly instead of killing it.
+    std::signal(SIGPIPE, SIG_IGN);
+    static std::vector<char> inBuffer(size_t{1} << 20);
+    static std::vector<char> outBuffer(size_t{1} << 20);
+    std::setvbuf(stdin, inBuffer.data(), _IOFBF, inBuffer.size());
+    std::setvbuf(g_out, outBuffer.data(), _IOFBF, outBuffer.size());
+
+    const size_t rowBytes = static_cast<size_t>(size.width) * 3;
+    const size_t rawBytes = rowBytes * static_cast<size_t>(size.height);
+    std::vector<uint8_t> raw(rawBytes);
+    std::vector<uint8_t> frame(FrameBytes(size.width, size.height));
+    using Clock = std::chrono::steady_clock;
+    Clock::duration inLibrary{};
+    const Clock::time_point start = Clock::now();
+    uint64_t frames = 0;
+    int rc = 0;
+    SetTimeMode(TimeMode::Virtual);
+    {
+        CScenePlayer player(*scene, size.width, size.height, fps, options.gpu);
+        if (!player.Ok()) {
+            std::fprintf(stderr, "lumets: %s\n", player.Error().c_str());
+            rc = kOutputFailed;
+        }
+        while (rc == 0) {
+            const size_t got = ReadFully(raw.data(), rawBytes);
+            if (got == 0) {
+                break;
+            }
+            if (got < rawBytes) {
+                std::fprintf(stderr,
+                             "lumets: the input ended inside frame %llu (%zu of %zu bytes); "
+                             "%llu whole frames were written\n",
+                             static_cast<unsigned long long>(frames + 1), got, rawBytes,
+                             static_cast<unsigned long long>(frames));
+                rc = kTruncatedInput;
+                break;
+            }
+            // Top-down rows in, the library's bottom-up padded rows for it.
+            for (int32_t y = 0; y < size.height; ++y) {
+                std::memcpy(frame.data() + FrameStride(size.width) * (size.height - 1 - y),
+                            raw.data() + rowBytes * y, rowBytes);
+            }
+            const Clock::time_point before = Clock::now();
+            player.Render(frames, frame.data());
+            inLibrary += Clock::now() - before;
+            for (int32_t y = 0; y < size.height; ++y) {
+                std::memcpy(raw.data() + rowBytes * y,
+                            frame.data() + FrameStride(size.width) * (size.height - 1 - y),
+                            rowBytes);
+            }
+            if (std::fwrite(raw.data(), 1, rawBytes, g_out) != rawBytes) {
+                break;  // the reader has gone: nothing more to do
+            }
+            ++frames;
+        }
+    }
+    std::fflush(g_out);
+    SetTimeMode(TimeMode::Real);
+    if (options.stats) {
+        const double total = std::chrono::duration<double>(Clock::now() - start).count();
+        const double library = std::chrono::duration<double>(inLibrary).count();
+        std::fprintf(stderr,
+                     "lumets: %llu frames in %.2f s: %.1f frames per second; %.0f %% of the "
+                     "time in the library, %.0f %% reading, converting and writing frames\n",
+                     static_cast<unsigned long long>(frames), total,
+                     total > 0 ? static_cast<double>(frames) / total : 0.0,
+                     total > 0 ? 100 * library / total : 0.0,
+                     total > 0 ? 100 * (total - library) / total : 0.0);
+    }
+    return rc;
+}
+
+}  // namespace
+}  // namespace lumets::tool
 
 int main(int argc, char** argv) {
-    CLI::App app{"lumets: renders the library's overlays"};
+    using namespace lumets::tool;
+    CLI::App app{"lumets: animated overlays on video, from scene files"};
     app.require_subcommand(1);
+    app.footer(
+        "Exit codes: 0 done, 1 output failed or no OpenGL, 2 bad command line, 3 bad scene "
+        "file or missing media, 4 input ended inside a frame.");
 
-    std::string demoOutput = "out/demo.png";
-    CLI::App* demo = app.add_subcommand("demo", "Render the built-in default scene to a PNG");
-    demo->add_option("-o,--output", demoOutput, "PNG file to write")->capture_default_str();
+    std::string demoDir = "out";
+    bool demoGpu = false;
+    CLI::App* demo = app.add_subcommand(
+        "demo", "Render the built-in default scene (10 s at 30 fps) to DIR/demo.mp4 and "
+                "DIR/demo.png");
+    demo->add_option("-o,--output", demoDir, "Folder to write into")->capture_default_str();
+    demo->add_flag("--gpu", demoGpu, "Composite the subtitles with OpenGL");
 
-    lumets::tool::AddTextCommand(app);
+    RenderOptions render;
+    CLI::App* renderCommand =
+        app.add_subcommand("render", "Render a scene file to an MP4, a folder of PNGs or a PNG");
+    renderCommand->add_option("scene", render.scene, "Scene file (JSON)")->required();
+    renderCommand
+        ->add_option("-o,--output", render.output,
+                     "OUT.mp4, a folder for numbered PNGs, or OUT.png with --at")
+        ->required();
+    renderCommand->add_option("--at", render.at, "With a PNG output: the time to show, seconds")
+        ->check(CLI::Range(0.0, 86400.0));
+    renderCommand->add_option("--size", render.size, "Output size WxH (default: the scene's)")
+        ->check(CheckSize);
+    renderCommand->add_option("--fps", render.fps, "Frames per second (default: the scene's)")
+        ->check(CLI::Range(1.0, 240.0));
+    renderCommand->add_option("--duration", render.duration, "Seconds (default: the scene's)")
+        ->check(CLI::Range(0.001, 86400.0));
+    renderCommand->add_option("--background", render.background,
+                              "A colour #RRGGBB, or an image or video file as the backdrop");
+    renderCommand->add_flag("--gpu", render.gpu, "Composite the subtitles with OpenGL");
 
-    CLI11_PARSE(app, argc, argv);
+    FilterOptions filter;
+    CLI::App* filterCommand = app.add_subcommand(
+        "filter",
+        "Composite a scene into raw bgr24 frames from standard input to standard output");
+    filterCommand->add_option("scene", filter.scene, "Scene file (JSON)")->required();
+    filterCommand->add_option("--size", filter.size, "Frame size WxH")
+        ->required()
+        ->check(CheckSize);
+    filterCommand->add_option("--fps", filter.fps, "Frames per second of the input")
+        ->check(CLI::Range(1.0, 240.0));
+    filterCommand->add_flag("--gpu", filter.gpu, "Composite with OpenGL, reading each frame back");
+    filterCommand->add_flag("--stats", filter.stats,
+                            "Report frames per second and the library's share of the time");
+
+    bool log = false;
+    app.add_flag("--log", log, "Show the library's log records on standard error");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;
+    }
+    TakeStandardOutput(log);
+    av_log_set_level(AV_LOG_ERROR);
 
     if (demo->parsed()) {
-        const auto frame = lumets::tool::RenderDemoFrame();
-        if (!lumets::WritePng(demoOutput,
-                                    lumets::PackedPicture(frame.data(), lumets::tool::kDemoWidth,
-                                                          lumets::tool::kDemoHeight, 24))) {
-            std::fprintf(stderr, "lumets: cannot write %s\n", demoOutput.c_str());
-            return 1;
+        std::error_code error;
+        std::filesystem::create_directories(demoDir, error);
+        RenderOptions options;
+        options.scene = std::string(LUMETS_DATA_DIR) + "/demo/scene.json";
+        options.output = (std::filesystem::path(demoDir) / "demo.mp4").string();
+        options.gpu = demoGpu;
+        const std::string still = (std::filesystem::path(demoDir) / "demo.png").string();
+        const int rc = Render(options, still, 7.0);
+        if (rc == 0) {
+            std::fprintf(g_out, "wrote %s and %s\n", options.output.c_str(), still.c_str());
         }
-        std::printf("wrote %s (%dx%d)\n", demoOutput.c_str(), lumets::tool::kDemoWidth,
-                    lumets::tool::kDemoHeight);
+        return rc;
     }
-    return 0;
+    if (renderCommand->parsed()) {
+        return Render(render);
+    }
+    return Filter(filter);
 }

@@ -1,0 +1,726 @@
+#include "scene_file.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "lumets_platform/utf16.h"
+
+namespace lumets::tool {
+namespace {
+
+using nlohmann::json;
+
+// Reads the text through this iterator so that each parse event knows how
+// far the parser has read: where in the file each value ends.
+class CountingIterator {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    CountingIterator(const char* at, const char* begin, size_t* read)
+        : m_at(at), m_begin(begin), m_read(read) {}
+    reference operator*() const { return *m_at; }
+    CountingIterator& operator++() {
+        ++m_at;
+        *m_read = static_cast<size_t>(m_at - m_begin);
+        return *this;
+    }
+    bool operator==(const CountingIterator& other) const { return m_at == other.m_at; }
+    bool operator!=(const CountingIterator& other) const { return m_at != other.m_at; }
+
+  private:
+    const char* m_at;
+    const char* m_begin;
+    size_t* m_read;
+};
+
+// Builds the document as the library's own parser does, and notes where each
+// value and key starts, by JSON pointer ("/subtitles/0/id"; keys as "#key").
+class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
+    using Base = nlohmann::detail::json_sax_dom_parser<json>;
+
+  public:
+    LocatingParser(json& root, const size_t* read) : Base(root, true), m_read(read) {}
+
+    bool null() { return Note(0), Base::null(); }
+    bool boolean(bool value) { return Note(0), Base::boolean(value); }
+    bool number_integer(json::number_integer_t value) {
+        return Note(0), Base::number_integer(value);
+    }
+    bool number_unsigned(json::number_unsigned_t value) {
+        return Note(0), Base::number_unsigned(value);
+    }
+    bool number_float(json::number_float_t value, const json::string_t& text) {
+        return Note(text.size()), Base::number_float(value, text);
+    }
+    bool string(json::string_t& value) { return Note(value.size() + 2), Base::string(value); }
+    bool start_object(std::size_t size) {
+        Note(1, true);
+        m_frames.push_back(Frame{false, 0, {}});
+        return Base::start_object(size);
+    }
+    bool key(json::string_t& name) {
+        m_frames.back().key = name;
+        m_offsets[Path() + "#"] = *m_read - std::min(*m_read, name.size() + 2);
+        return Base::key(name);
+    }
+    bool end_object() {
+        m_frames.pop_back();
+        Ended();
+        return Base::end_object();
+    }
+    bool start_array(std::size_t size) {
+        Note(1, true);
+        m_frames.push_back(Frame{true, 0, {}});
+        return Base::start_array(size);
+    }
+    bool end_array() {
+        m_frames.pop_back();
+        Ended();
+        return Base::end_array();
+    }
+
+    // Where the value (or, with a trailing "#", the key) at path starts.
+    size_t OffsetOf(const std::string& path) const {
+        const auto found = m_offsets.find(path);
+        return found == m_offsets.end() ? 0 : found->second;
+    }
+
+  private:
+    struct Frame {
+        bool array;
+        size_t index;
+        std::string key;
+    };
+
+    std::string Path() const {
+        std::string path;
+        for (const Frame& frame : m_frames) {
+            path += "/" + (frame.array ? std::to_string(frame.index) : frame.key);
+        }
+        return path;
+    }
+    // A value that starts about `length` characters back. Scalars end here,
+    // containers at their end event.
+    void Note(size_t length, bool container = false) {
+        m_offsets[Path()] = *m_read - std::min(*m_read, length);
+        if (!container) {
+            Ended();
+        }
+    }
+    void Ended() {
+        if (!m_frames.empty() && m_frames.back().array) {
+            ++m_frames.back().index;
+        }
+    }
+
+    const size_t* m_read;
+    std::vector<Frame> m_frames;
+    std::map<std::string, size_t> m_offsets;
+};
+
+// One JSON object being read: each field is taken once, by name, and what
+// is left at the end is an unknown field.
+class Reader;
+
+class Object {
+  public:
+    Object(const Reader& reader, const json& value, std::string path);
+    Object(const Object&) = delete;
+    Object& operator=(const Object&) = delete;
+
+    bool Has(const char* name) const { return m_value.contains(name); }
+    const json* Take(const char* name, std::string* path);
+
+    int32_t Int(const char* name, int32_t fallback, int64_t lo, int64_t hi);
+    double Number(const char* name, double fallback, double lo, double hi);
+    bool Bool(const char* name, bool fallback);
+    std::string String(const char* name, const std::string& fallback);
+    std::u16string Text(const char* name);
+    uint32_t Colour(const char* name, uint32_t fallback);
+    std::string Media(const char* name);
+    POINT Point(const char* name, POINT fallback);
+    RECT Rect(const char* name, RECT fallback);
+    void Done();
+
+    [[noreturn]] void Fail(const std::string& path, const std::string& what) const;
+
+  private:
+    const Reader& m_reader;
+    const json& m_value;
+    std::string m_path;
+    std::set<std::string> m_taken;
+};
+
+class Reader {
+  public:
+    Reader(std::string name, std::string text, std::string baseDir, const LocatingParser& parser)
+        : m_name(std::move(name)),
+          m_text(std::move(text)),
+          m_baseDir(std::move(baseDir)),
+          m_parser(parser) {}
+
+    [[noreturn]] void Fail(const std::string& path, const std::string& what) const {
+        throw SceneError(Where(m_parser.OffsetOf(path)) + ": " + what);
+    }
+    std::string Where(size_t offset) const {
+        offset = std::min(offset, m_text.size());
+        const auto lineStart = m_text.rfind('\n', offset == 0 ? 0 : offset - 1);
+        const size_t line = static_cast<size_t>(
+                                std::count(m_text.begin(), m_text.begin() + offset, '\n')) +
+                            1;
+        const size_t column =
+            offset - (lineStart == std::string::npos || offset == 0 ? 0 : lineStart + 1) + 1;
+        return m_name + ":" + std::to_string(line) + ":" + std::to_string(column);
+    }
+    std::string MediaPath(const std::string& relative) const {
+        const std::filesystem::path path(relative);
+        return path.is_absolute() ? relative : (std::filesystem::path(m_baseDir) / path).string();
+    }
+
+  private:
+    std::string m_name;
+    std::string m_text;
+    std::string m_baseDir;
+    const LocatingParser& m_parser;
+};
+
+// The name of a field as a message shows it: "subtitles[0].items[1].text".
+std::string Dotted(const std::string& path) {
+    std::string out;
+    size_t at = 1;
+    while (at <= path.size() && !path.empty()) {
+        const size_t next = std::min(path.find('/', at), path.size());
+        const std::string part = path.substr(at, next - at);
+        const bool index = !part.empty() && std::all_of(part.begin(), part.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+        out += index ? "[" + part + "]" : (out.empty() ? "" : ".") + part;
+        at = next + 1;
+    }
+    return out.empty() ? "the scene" : "\"" + out + "\"";
+}
+
+Object::Object(const Reader& reader, const json& value, std::string path)
+    : m_reader(reader), m_value(value), m_path(std::move(path)) {
+    if (!value.is_object()) {
+        Fail(m_path, Dotted(m_path) + " must be an object");
+    }
+}
+
+void Object::Fail(const std::string& path, const std::string& what) const {
+    m_reader.Fail(path, what);
+}
+
+const json* Object::Take(const char* name, std::string* path) {
+    m_taken.insert(name);
+    *path = m_path + "/" + name;
+    const auto found = m_value.find(name);
+    return found == m_value.end() ? nullptr : &*found;
+}
+
+void Object::Done() {
+    for (const auto& [key, value] : m_value.items()) {
+        if (m_taken.count(key) == 0) {
+            m_reader.Fail(m_path + "/" + key + "#", "unknown field \"" + key + "\" in " +
+                                                        Dotted(m_path));
+        }
+    }
+}
+
+int32_t Object::Int(const char* name, int32_t fallback, int64_t lo, int64_t hi) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        return fallback;
+    }
+    if (!value->is_number_integer()) {
+        Fail(path, Dotted(path) + " must be a whole number");
+    }
+    const int64_t number = value->is_number_unsigned()
+                               ? static_cast<int64_t>(std::min<uint64_t>(
+                                     value->get<uint64_t>(), std::numeric_limits<int64_t>::max()))
+                               : value->get<int64_t>();
+    if (number < lo || number > hi) {
+        Fail(path, Dotted(path) + " must be between " + std::to_string(lo) + " and " +
+                       std::to_string(hi));
+    }
+    return static_cast<int32_t>(number);
+}
+
+double Object::Number(const char* name, double fallback, double lo, double hi) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        return fallback;
+    }
+    if (!value->is_number()) {
+        Fail(path, Dotted(path) + " must be a number");
+    }
+    const double number = value->get<double>();
+    if (!(number >= lo && number <= hi)) {
+        std::ostringstream range;
+        range << " must be between " << lo << " and " << hi;
+        Fail(path, Dotted(path) + range.str());
+    }
+    return number;
+}
+
+bool Object::Bool(const char* name, bool fallback) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        return fallback;
+    }
+    if (!value->is_boolean()) {
+        Fail(path, Dotted(path) + " must be true or false");
+    }
+    return value->get<bool>();
+}
+
+std::string Object::String(const char* name, const std::string& fallback) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        return fallback;
+    }
+    if (!value->is_string()) {
+        Fail(path, Dotted(path) + " must be a string");
+    }
+    return value->get<std::string>();
+}
+
+std::u16string Object::Text(const char* name) {
+    return platform::Utf8ToU16(String(name, ""));
+}
+
+uint32_t Object::Colour(const char* name, uint32_t fallback) {
+    std::string path;
+    const json* value = Take(name, &path);
+    uint32_t colour = fallback;
+    if (value != nullptr &&
+        (!value->is_string() || !ParseColour(value->get<std::string>(), &colour))) {
+        Fail(path, Dotted(path) + " must be a colour \"#RRGGBB\"");
+    }
+    return colour;
+}
+
+std::string Object::Media(const char* name) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        Fail(m_path, Dotted(m_path) + " needs \"" + name + "\"");
+    }
+    if (!value->is_string() || value->get<std::string>().empty()) {
+        Fail(path, Dotted(path) + " must be a file path");
+    }
+    const std::string file = m_reader.MediaPath(value->get<std::string>());
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(file, error)) {
+        Fail(path, "media file not found: " + file);
+    }
+    if (platform::Utf8ToU16(file).size() > 259) {
+        Fail(path, "media path longer than 259 characters: " + file);
+    }
+    return file;
+}
+
+POINT Object::Point(const char* name, POINT fallback) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        return fallback;
+    }
+    if (!value->is_array() || value->size() != 2 || !(*value)[0].is_number_integer() ||
+        !(*value)[1].is_number_integer()) {
+        Fail(path, Dotted(path) + " must be [x, y] in whole pixels");
+    }
+    const int64_t x = (*value)[0].get<int64_t>();
+    const int64_t y = (*value)[1].get<int64_t>();
+    if (std::max(std::abs(x), std::abs(y)) > 1'000'000) {
+        Fail(path, Dotted(path) + " is out of range");
+    }
+    return POINT{static_cast<int32_t>(x), static_cast<int32_t>(y)};
+}
+
+RECT Object::Rect(const char* name, RECT fallback) {
+    std::string path;
+    const json* value = Take(name, &path);
+    if (value == nullptr) {
+        return fallback;
+    }
+    bool ok = value->is_array() && value->size() == 4;
+    for (size_t i = 0; ok && i < 4; ++i) {
+        ok = (*value)[i].is_number_integer() &&
+             std::abs((*value)[i].get<int64_t>()) <= 1'000'000;
+    }
+    if (!ok) {
+        Fail(path, Dotted(path) + " must be [left, top, right, bottom] in whole pixels");
+    }
+    const auto at = [&](size_t i) { return static_cast<int32_t>((*value)[i].get<int64_t>()); };
+    return RECT{at(0), at(1), at(2), at(3)};
+}
+
+int32_t Direction(Object& object) {
+    std::string path;
+    const json* value = object.Take("direction", &path);
+    if (value == nullptr) {
+        return 0;
+    }
+    static const std::map<std::string, ScrollDirection> kNames = {
+        {"none", ScrollDirection::None}, {"right", ScrollDirection::Right},
+        {"left", ScrollDirection::Left}, {"down", ScrollDirection::Down},
+        {"up", ScrollDirection::Up}};
+    const auto found = value->is_string() ? kNames.find(value->get<std::string>()) : kNames.end();
+    if (found == kNames.end()) {
+        object.Fail(path, Dotted(path) + " must be one of none, left, right, up, down");
+    }
+    return static_cast<int32_t>(found->second);
+}
+
+Scroll ReadScroll(Object& object) {
+    Scroll scroll;
+    scroll.direction = Direction(object);
+    scroll.speed = static_cast<uint32_t>(object.Int("speed", 0, 0, 100000));
+    scroll.wrap = object.Bool("wrap", false);
+    return scroll;
+}
+
+TextStyle ReadStyle(const Reader& reader, const json& value, const std::string& path) {
+    Object o(reader, value, path);
+    TextStyle style;
+    const std::u16string face = platform::Utf8ToU16(o.String("faceName", ""));
+    platform::U16CopyTruncate(style.faceName, std::size(style.faceName), face.c_str(),
+                              face.size());
+    style.fontSize = o.Int("fontSize", style.fontSize, 1, 2000);
+    style.bold = o.Bool("bold", false);
+    style.italic = o.Bool("italic", false);
+    style.underline = o.Bool("underline", false);
+    style.strikeOut = o.Bool("strikeOut", false);
+    style.vertical = o.Bool("vertical", false);
+    style.horizontalAlign = o.Int("horizontalAlign", 0, 0, 2);
+    style.verticalAlign = o.Int("verticalAlign", 0, 0, 2);
+    style.fillColor1 = o.Colour("fillColor1", 0xFFFFFF);
+    style.fillColor2 = o.Colour("fillColor2", style.fillColor1);
+    style.fillAngle = static_cast<float>(o.Number("fillAngle", 0, -3600, 3600));
+    style.fillAlpha1 = static_cast<uint32_t>(o.Int("fillAlpha1", 100, 0, 100));
+    style.fillAlpha2 = static_cast<uint32_t>(o.Int("fillAlpha2", 100, 0, 100));
+    style.backColor = o.Colour("backColor", style.backColor);
+    style.backAlpha = static_cast<uint32_t>(o.Int("backAlpha", 0, 0, 100));
+    style.outline = o.Bool("outline", false);
+    style.outlineWidth = static_cast<float>(o.Number("outlineWidth", 0, 0, 100));
+    style.outlineColor = o.Colour("outlineColor", 0);
+    style.outlineAlpha = static_cast<uint32_t>(o.Int("outlineAlpha", 100, 0, 100));
+    o.Done();
+    return style;
+}
+
+TextLayer ReadText(const Reader& reader, const json& value, const std::string& path) {
+    Object o(reader, value, path);
+    TextLayer text;
+    text.text = o.Text("content");
+    if (text.text.size() >= 65536) {
+        o.Fail(path + "/content", "\"content\" is longer than 65,535 UTF-16 units");
+    }
+    std::string stylePath;
+    if (const json* style = o.Take("style", &stylePath)) {
+        text.style = ReadStyle(reader, *style, stylePath);
+    } else {
+        text.style.fillColor1 = text.style.fillColor2 = 0xFFFFFF;
+    }
+    text.pos = o.Point("at", POINT{0, 0});
+    text.clip = o.Rect("clip", RECT{0, 0, 0, 0});
+    text.scroll = ReadScroll(o);
+    o.Done();
+    return text;
+}
+
+PlateLayer ReadPlate(const Reader& reader, const json& value, const std::string& path) {
+    Object o(reader, value, path);
+    PlateLayer plate;
+    plate.colour = o.Colour("color", 0x000000);
+    plate.opacity = static_cast<uint32_t>(o.Int("opacity", 60, 0, 100));
+    plate.spanClip = o.Bool("spanClip", false);
+    o.Done();
+    return plate;
+}
+
+Item ReadItem(const Reader& reader, const json& value, const std::string& path) {
+    Object o(reader, value, path);
+    Item item;
+    std::string part;
+    if (const json* movie = o.Take("movie", &part)) {
+        Object m(reader, *movie, part);
+        MovieLayer layer;
+        layer.path = m.Media("path");
+        layer.pos = m.Point("at", POINT{0, 0});
+        layer.clip = m.Rect("clip", RECT{0, 0, 0, 0});
+        layer.scroll = ReadScroll(m);
+        layer.ignoreMovieEnd = m.Bool("ignoreEnd", false);
+        m.Done();
+        item.movie = layer;
+    }
+    if (const json* text = o.Take("text", &part)) {
+        item.text = ReadText(reader, *text, part);
+    }
+    if (const json* plate = o.Take("plate", &part)) {
+        item.plate = ReadPlate(reader, *plate, part);
+    }
+    item.playCount = o.Int("plays", 1, -1, 1'000'000);
+    if (!item.movie && !item.text) {
+        o.Fail(path, Dotted(path) + " needs a \"movie\" or a \"text\"");
+    }
+    o.Done();
+    return item;
+}
+
+Subtitle ReadSubtitle(const Reader& reader, const json& value, const std::string& path) {
+    Object o(reader, value, path);
+    Subtitle subtitle;
+    subtitle.id = o.Text("id");
+    if (subtitle.id.empty() || subtitle.id.size() > 259) {
+        o.Fail(path + (o.Has("id") ? "/id" : ""), Dotted(path) + " needs an \"id\" of 1 to 259 characters");
+    }
+    subtitle.group = o.Text("group");
+    subtitle.pos = o.Point("at", POINT{0, 0});
+    subtitle.loop = o.Bool("loop", false);
+    subtitle.intervalMs = o.Int("interval", 0, 0, 3'600'000);
+    subtitle.playNow = o.Bool("playNow", true);
+    std::string itemsPath;
+    const json* items = o.Take("items", &itemsPath);
+    if (items == nullptr || !items->is_array() || items->empty()) {
+        o.Fail(items == nullptr ? path : itemsPath, Dotted(path) + " needs a list of \"items\"");
+    }
+    for (size_t i = 0; i < items->size(); ++i) {
+        subtitle.items.push_back(
+            ReadItem(reader, (*items)[i], itemsPath + "/" + std::to_string(i)));
+    }
+    o.Done();
+    return subtitle;
+}
+
+template <size_t N>
+std::array<std::u16string, N> Texts(Object& o, const char* name) {
+    std::string path;
+    const json* value = o.Take(name, &path);
+    std::array<std::u16string, N> texts;
+    if (value == nullptr) {
+        return texts;
+    }
+    if (!value->is_array() || value->size() != N ||
+        !std::all_of(value->begin(), value->end(), [](const json& t) { return t.is_string(); })) {
+        o.Fail(path, Dotted(path) + " must be a list of " + std::to_string(N) + " strings");
+    }
+    for (size_t i = 0; i < N; ++i) {
+        texts[i] = platform::Utf8ToU16((*value)[i].get<std::string>());
+    }
+    return texts;
+}
+
+void ReadBanners(const Reader& reader, const json& value, const std::string& path, Scene& scene) {
+    Object o(reader, value, path);
+    std::string part;
+    if (const json* tavrin = o.Take("tavrin", &part)) {
+        Object t(reader, *tavrin, part);
+        TavrinBanner banner;
+        banner.texts = Texts<6>(t, "texts");
+        banner.images = {t.Media("image1"), t.Media("image2")};
+        banner.origin = t.Point("origin", POINT{0, 0});
+        t.Done();
+        scene.tavrin = banner;
+    }
+    if (const json* quellin = o.Take("quellin", &part)) {
+        Object q(reader, *quellin, part);
+        QuellinBanner banner;
+        banner.texts = Texts<2>(q, "texts");
+        banner.plate = q.Media("plate");
+        banner.origin = q.Point("origin", POINT{0, 0});
+        q.Done();
+        scene.quellin = banner;
+    }
+    if (const json* ombrel = o.Take("ombrel", &part)) {
+        Object m(reader, *ombrel, part);
+        OmbrelBanner banner;
+        banner.text = m.Text("text");
+        banner.fontSize = m.Int("fontSize", 16, 1, 2000);
+        banner.caps = m.Media("caps");
+        banner.middle = m.Media("middle");
+        banner.rect = m.Rect("rect", RECT{0, 0, scene.width, scene.height});
+        banner.scale = static_cast<float>(m.Number("scale", 1.0, 0.01, 100));
+        m.Done();
+        scene.ombrel = banner;
+    }
+    o.Done();
+}
+
+Action ReadAction(const Reader& reader, const json& value, const std::string& path) {
+    Object o(reader, value, path);
+    Action action;
+    action.at = o.Number("at", 0, 0, 86400);
+    const std::string kind = o.String("do", "");
+    std::string part;
+    if (kind == "add") {
+        action.kind = Action::Kind::Add;
+        const json* subtitle = o.Take("subtitle", &part);
+        if (subtitle == nullptr) {
+            o.Fail(path, Dotted(path) + " needs a \"subtitle\"");
+        }
+        action.subtitle = std::make_shared<Subtitle>(ReadSubtitle(reader, *subtitle, part));
+    } else if (kind == "remove") {
+        action.kind = Action::Kind::Remove;
+        action.id = o.Text("id");
+    } else if (kind == "removeAll") {
+        action.kind = Action::Kind::RemoveAll;
+    } else if (kind == "trim") {
+        action.kind = Action::Kind::Trim;
+        action.group = o.Text("group");
+        action.keep = static_cast<uint32_t>(o.Int("keep", 0, 0, 1'000'000));
+    } else if (kind == "move") {
+        action.kind = Action::Kind::Move;
+        action.id = o.Text("id");
+        action.to = o.Point("to", POINT{0, 0});
+    } else if (kind == "drag") {
+        action.kind = Action::Kind::Drag;
+        action.group = o.Text("group");
+        action.from = o.Point("from", POINT{0, 0});
+        action.to = o.Point("to", POINT{0, 0});
+    } else if (kind == "text") {
+        action.kind = Action::Kind::Text;
+        action.id = o.Text("id");
+        const json* text = o.Take("text", &part);
+        if (text == nullptr) {
+            o.Fail(path, Dotted(path) + " needs a \"text\"");
+        }
+        action.text = std::make_shared<TextLayer>(ReadText(reader, *text, part));
+    } else if (kind == "plate") {
+        action.kind = Action::Kind::Plate;
+        action.id = o.Text("id");
+        const json* plate = o.Take("plate", &part);
+        if (plate == nullptr) {
+            o.Fail(path, Dotted(path) + " needs a \"plate\"");
+        }
+        action.plate = ReadPlate(reader, *plate, part);
+    } else {
+        o.Fail(path + (o.Has("do") ? "/do" : ""),
+               Dotted(path) +
+                   " needs \"do\": add, remove, removeAll, trim, move, drag, text or plate");
+    }
+    o.Done();
+    return action;
+}
+
+}  // namespace
+
+bool ParseColour(const std::string& text, uint32_t* colour) {
+    if (text.size() != 7 || text[0] != '#' ||
+        !std::all_of(text.begin() + 1, text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; })) {
+        return false;
+    }
+    *colour = static_cast<uint32_t>(std::stoul(text.substr(1), nullptr, 16));
+    return true;
+}
+
+Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir) {
+    json root;
+    size_t read = 0;
+    LocatingParser parser(root, &read);
+    const CountingIterator first(text.data(), text.data(), &read);
+    const CountingIterator last(text.data() + text.size(), text.data(), &read);
+    Reader reader(name, text, baseDir, parser);
+    try {
+        json::sax_parse(first, last, &parser);
+    } catch (const json::parse_error& error) {
+        // "[json.exception.parse_error.101] parse error at line 3, column 7: syntax error
+        // while parsing value - ...": keep what follows the position.
+        std::string what = error.what();
+        const size_t colon = what.find(": ", what.find("column"));
+        what = colon == std::string::npos ? what : what.substr(colon + 2);
+        throw SceneError(reader.Where(error.byte == 0 ? 0 : error.byte - 1) + ": " + what);
+    }
+
+    Scene scene;
+    Object o(reader, root, "");
+    std::string path;
+    if (const json* size = o.Take("size", &path)) {
+        if (!size->is_array() || size->size() != 2 || !(*size)[0].is_number_integer() ||
+            !(*size)[1].is_number_integer() || (*size)[0].get<int64_t>() < 16 ||
+            (*size)[1].get<int64_t>() < 16 || (*size)[0].get<int64_t>() > 8192 ||
+            (*size)[1].get<int64_t>() > 8192) {
+            o.Fail(path, "\"size\" must be [width, height], each 16 to 8192 pixels");
+        }
+        scene.width = (*size)[0].get<int32_t>();
+        scene.height = (*size)[1].get<int32_t>();
+    }
+    scene.fps = o.Number("fps", scene.fps, 1, 240);
+    scene.duration = o.Number("duration", scene.duration, 0.001, 86400);
+    if (const json* background = o.Take("background", &path)) {
+        if (background->is_string()) {
+            if (!ParseColour(background->get<std::string>(), &scene.background.colour)) {
+                o.Fail(path, "\"background\" must be a colour \"#RRGGBB\" or an object");
+            }
+        } else {
+            Object b(reader, *background, path);
+            const bool video = b.Has("video");
+            scene.background.kind = video ? Background::Kind::Video : Background::Kind::Image;
+            scene.background.path = b.Media(video ? "video" : "image");
+            b.Done();
+        }
+    }
+    if (const json* subtitles = o.Take("subtitles", &path)) {
+        if (!subtitles->is_array()) {
+            o.Fail(path, "\"subtitles\" must be a list");
+        }
+        for (size_t i = 0; i < subtitles->size(); ++i) {
+            scene.subtitles.push_back(
+                ReadSubtitle(reader, (*subtitles)[i], path + "/" + std::to_string(i)));
+        }
+    }
+    if (const json* banners = o.Take("banners", &path)) {
+        ReadBanners(reader, *banners, path, scene);
+    }
+    if (const json* virtualScene = o.Take("scene", &path)) {
+        Object s(reader, *virtualScene, path);
+        scene.virtualScene = VirtualScene{s.Media("path"), s.Rect("rect", RECT{0, 0, 320, 180})};
+        s.Done();
+    }
+    if (const json* actions = o.Take("actions", &path)) {
+        if (!actions->is_array()) {
+            o.Fail(path, "\"actions\" must be a list");
+        }
+        for (size_t i = 0; i < actions->size(); ++i) {
+            scene.actions.push_back(
+                ReadAction(reader, (*actions)[i], path + "/" + std::to_string(i)));
+        }
+        std::stable_sort(scene.actions.begin(), scene.actions.end(),
+                         [](const Action& a, const Action& b) { return a.at < b.at; });
+    }
+    o.Done();
+    return scene;
+}
+
+Scene LoadScene(const std::string& path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) {
+        throw SceneError(path + ": no such scene file");
+    }
+    std::ifstream in(path, std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in.good() && !in.eof()) {
+        throw SceneError(path + ": cannot read the scene file");
+    }
+    const std::filesystem::path base = std::filesystem::path(path).parent_path();
+    return ParseScene(text, path, base.empty() ? "." : base.string());
+}
+
+}  // namespace lumets::tool

@@ -1,0 +1,141 @@
+// The scene file: what a scene shows and does over time, read from JSON
+// (docs/scene.md). Every field is checked before any frame is drawn: a bad
+// file throws SceneError naming the file, the line and column, and what is
+// wrong. Media paths are taken relative to the scene file's folder and must
+// exist.
+#pragma once
+
+#include <lumets/lumets.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace lumets::tool {
+
+class SceneError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Scroll {
+    int32_t direction = 0;  // ScrollDirection
+    uint32_t speed = 0;     // pixels per second
+    bool wrap = false;
+};
+
+struct MovieLayer {
+    std::string path;
+    RECT clip{};
+    POINT pos{};
+    Scroll scroll;
+    bool ignoreMovieEnd = false;
+};
+
+struct TextLayer {
+    std::u16string text;
+    TextStyle style;
+    RECT clip{};
+    POINT pos{};
+    Scroll scroll;
+};
+
+struct PlateLayer {
+    uint32_t colour = 0;  // 0xRRGGBB
+    uint32_t opacity = 0;  // percent
+    bool spanClip = false;
+};
+
+struct Item {
+    std::optional<MovieLayer> movie;
+    std::optional<TextLayer> text;
+    std::optional<PlateLayer> plate;
+    int32_t playCount = 0;  // 0 without end
+};
+
+struct Subtitle {
+    std::u16string id;
+    std::u16string group;
+    POINT pos{};
+    bool loop = false;
+    int32_t intervalMs = 0;
+    bool playNow = true;
+    std::vector<Item> items;
+};
+
+// Banner origins are the library's: the bottom-left corner, y counted up
+// from the frame's bottom row.
+struct TavrinBanner {
+    std::array<std::u16string, 6> texts;
+    std::array<std::string, 2> images;
+    POINT origin{};
+};
+struct QuellinBanner {
+    std::array<std::u16string, 2> texts;
+    std::string plate;
+    POINT origin{};
+};
+struct OmbrelBanner {
+    std::u16string text;
+    int32_t fontSize = 16;
+    std::string caps;
+    std::string middle;
+    RECT rect{};  // top-down
+    float scale = 1.0f;
+};
+
+// The scene movie, played into a GL texture and shown in rect (top-down).
+struct VirtualScene {
+    std::string path;
+    RECT rect{};
+};
+
+struct Action {
+    enum class Kind { Add, Remove, RemoveAll, Trim, Move, Drag, Text, Plate };
+    double at = 0;  // seconds
+    Kind kind = Kind::Remove;
+    std::u16string id;     // Remove, Move, Text, Plate
+    std::u16string group;  // Trim, Drag
+    uint32_t keep = 0;     // Trim
+    POINT to{};            // Move; Drag's end
+    POINT from{};          // Drag's start: the point hit-tested
+    std::shared_ptr<Subtitle> subtitle;  // Add
+    std::shared_ptr<TextLayer> text;     // Text
+    PlateLayer plate;                    // Plate
+};
+
+struct Background {
+    enum class Kind { Colour, Image, Video };
+    Kind kind = Kind::Colour;
+    uint32_t colour = 0x101820;
+    std::string path;
+};
+
+struct Scene {
+    int32_t width = 1280;  // the size the scene is laid out for
+    int32_t height = 720;
+    double fps = 30;
+    double duration = 10;  // seconds
+    Background background;
+    std::vector<Subtitle> subtitles;
+    std::optional<TavrinBanner> tavrin;
+    std::optional<QuellinBanner> quellin;
+    std::optional<OmbrelBanner> ombrel;
+    std::optional<VirtualScene> virtualScene;
+    std::vector<Action> actions;  // in time order
+};
+
+// Reads and checks the scene file at path.
+Scene LoadScene(const std::string& path);
+// The same for JSON text; name stands for the file in messages and baseDir
+// anchors relative media paths.
+Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir);
+
+// "#RRGGBB" as 0xRRGGBB; false when text is not such a colour.
+bool ParseColour(const std::string& text, uint32_t* colour);
+
+}  // namespace lumets::tool

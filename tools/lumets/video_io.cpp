@@ -1,0 +1,283 @@
+#include "video_io.h"
+
+#include <cmath>
+#include <cstring>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+}
+
+namespace lumets::tool {
+namespace {
+
+std::string AvError(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+// The library's bottom-up rows as a top-down picture for libswscale: start at
+// the last row and step backwards.
+void TopDown(const uint8_t* frame, int32_t width, int32_t height, const uint8_t** data,
+             int* stride) {
+    *stride = -static_cast<int>(FrameStride(width));
+    *data = frame + FrameStride(width) * static_cast<size_t>(height - 1);
+}
+
+}  // namespace
+
+CVideoWriter::~CVideoWriter() {
+    if (m_open) {
+        Close();
+    }
+}
+
+bool CVideoWriter::Open(const std::string& path, int32_t width, int32_t height, double fps) {
+    m_width = width;
+    m_height = height;
+    AVFormatContext* format = nullptr;
+    int rc = avformat_alloc_output_context2(&format, nullptr, "mp4", path.c_str());
+    m_format.reset(format);
+    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
+    if (rc < 0 || codec == nullptr) {
+        m_error = codec == nullptr ? "no H.264 encoder (libx264)" : AvError(rc);
+        return false;
+    }
+    m_stream = avformat_new_stream(format, nullptr);
+    m_codec.reset(avcodec_alloc_context3(codec));
+    if (m_stream == nullptr || !m_codec) {
+        m_error = "out of memory";
+        return false;
+    }
+    // Frame rates like 29.97 as exact fractions.
+    const AVRational rate = av_d2q(fps, 100000);
+    m_codec->width = width;
+    m_codec->height = height;
+    m_codec->pix_fmt = AV_PIX_FMT_YUV420P;
+    m_codec->time_base = av_inv_q(rate);
+    m_codec->framerate = rate;
+    m_codec->gop_size = static_cast<int>(std::lround(fps * 2));
+    if ((format->oformat->flags & AVFMT_GLOBALHEADER) != 0) {
+        m_codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    av_opt_set(m_codec->priv_data, "preset", "veryfast", 0);
+    av_opt_set(m_codec->priv_data, "crf", "20", 0);
+    if ((rc = avcodec_open2(m_codec.get(), codec, nullptr)) < 0 ||
+        (rc = avcodec_parameters_from_context(m_stream->codecpar, m_codec.get())) < 0) {
+        m_error = "cannot start the H.264 encoder: " + AvError(rc);
+        return false;
+    }
+    m_stream->time_base = m_codec->time_base;
+    m_stream->avg_frame_rate = rate;
+    if ((rc = avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE)) < 0) {
+        m_error = "cannot write " + path + ": " + AvError(rc);
+        return false;
+    }
+    if ((rc = avformat_write_header(format, nullptr)) < 0) {
+        m_error = "cannot write " + path + ": " + AvError(rc);
+        return false;
+    }
+    m_frame.reset(av_frame_alloc());
+    m_packet.reset(av_packet_alloc());
+    m_scaler.reset(sws_getContext(width, height, AV_PIX_FMT_BGR24, width, height,
+                                  AV_PIX_FMT_YUV420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
+    if (!m_frame || !m_packet || !m_scaler) {
+        m_error = "out of memory";
+        return false;
+    }
+    m_frame->format = AV_PIX_FMT_YUV420P;
+    m_frame->width = width;
+    m_frame->height = height;
+    if ((rc = av_frame_get_buffer(m_frame.get(), 0)) < 0) {
+        m_error = AvError(rc);
+        return false;
+    }
+    m_open = true;
+    return true;
+}
+
+bool CVideoWriter::Write(const uint8_t* frame) {
+    if (!m_open || av_frame_make_writable(m_frame.get()) < 0) {
+        return false;
+    }
+    const uint8_t* data[1];
+    int stride[1];
+    TopDown(frame, m_width, m_height, &data[0], &stride[0]);
+    sws_scale(m_scaler.get(), data, stride, 0, m_height, m_frame->data, m_frame->linesize);
+    m_frame->pts = m_next++;
+    return avcodec_send_frame(m_codec.get(), m_frame.get()) >= 0 && Drain(false);
+}
+
+bool CVideoWriter::Drain(bool flush) {
+    for (;;) {
+        const int rc = avcodec_receive_packet(m_codec.get(), m_packet.get());
+        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) {
+            return true;
+        }
+        if (rc < 0) {
+            m_error = AvError(rc);
+            return false;
+        }
+        av_packet_rescale_ts(m_packet.get(), m_codec->time_base, m_stream->time_base);
+        m_packet->stream_index = m_stream->index;
+        if (av_interleaved_write_frame(m_format.get(), m_packet.get()) < 0) {
+            m_error = "cannot write the video";
+            return false;
+        }
+        (void)flush;
+    }
+}
+
+bool CVideoWriter::Close() {
+    if (!m_open) {
+        return false;
+    }
+    m_open = false;
+    bool ok = avcodec_send_frame(m_codec.get(), nullptr) >= 0 && Drain(true);
+    ok = av_write_trailer(m_format.get()) >= 0 && ok;
+    ok = avio_closep(&m_format->pb) >= 0 && ok;
+    return ok;
+}
+
+bool WritePng(const std::string& path, const uint8_t* frame, int32_t width, int32_t height) {
+    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
+    AvCodecContextPtr context(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
+    AvFramePtr picture(av_frame_alloc());
+    AvPacketPtr packet(av_packet_alloc());
+    if (!context || !picture || !packet) {
+        return false;
+    }
+    context->width = width;
+    context->height = height;
+    context->pix_fmt = AV_PIX_FMT_RGB24;
+    context->time_base = AVRational{1, 1};
+    picture->format = AV_PIX_FMT_RGB24;
+    picture->width = width;
+    picture->height = height;
+    SwsContextPtr scaler(sws_getContext(width, height, AV_PIX_FMT_BGR24, width, height,
+                                        AV_PIX_FMT_RGB24, SWS_POINT, nullptr, nullptr, nullptr));
+    if (!scaler || avcodec_open2(context.get(), codec, nullptr) < 0 ||
+        av_frame_get_buffer(picture.get(), 0) < 0) {
+        return false;
+    }
+    const uint8_t* data[1];
+    int stride[1];
+    TopDown(frame, width, height, &data[0], &stride[0]);
+    sws_scale(scaler.get(), data, stride, 0, height, picture->data, picture->linesize);
+    if (avcodec_send_frame(context.get(), picture.get()) < 0 ||
+        avcodec_receive_packet(context.get(), packet.get()) < 0) {
+        return false;
+    }
+    FILE* file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr) {
+        return false;
+    }
+    const bool written =
+        std::fwrite(packet->data, 1, static_cast<size_t>(packet->size), file) ==
+        static_cast<size_t>(packet->size);
+    return std::fclose(file) == 0 && written;
+}
+
+std::unique_ptr<CBackdrop> CBackdrop::Open(const std::string& path, int32_t width,
+                                           int32_t height, std::string* error) {
+    auto backdrop = std::unique_ptr<CBackdrop>(new CBackdrop());
+    AVFormatContext* format = nullptr;
+    int rc = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
+    backdrop->m_format.reset(format);
+    if (rc < 0 || (rc = avformat_find_stream_info(format, nullptr)) < 0) {
+        *error = path + ": " + AvError(rc);
+        return nullptr;
+    }
+    const AVCodec* codec = nullptr;
+    backdrop->m_stream = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    if (backdrop->m_stream < 0 || codec == nullptr) {
+        *error = path + ": no picture in it";
+        return nullptr;
+    }
+    const AVStream* stream = format->streams[backdrop->m_stream];
+    backdrop->m_codec.reset(avcodec_alloc_context3(codec));
+    backdrop->m_decoded.reset(av_frame_alloc());
+    backdrop->m_packet.reset(av_packet_alloc());
+    if (!backdrop->m_codec || !backdrop->m_decoded || !backdrop->m_packet ||
+        avcodec_parameters_to_context(backdrop->m_codec.get(), stream->codecpar) < 0 ||
+        avcodec_open2(backdrop->m_codec.get(), codec, nullptr) < 0) {
+        *error = path + ": cannot decode it";
+        return nullptr;
+    }
+    backdrop->m_timeBase = av_q2d(stream->time_base);
+    backdrop->m_width = width;
+    backdrop->m_height = height;
+    backdrop->m_picture.assign(FrameBytes(width, height), 0);
+    backdrop->m_next.assign(FrameBytes(width, height), 0);
+    if (!backdrop->DecodeInto(backdrop->m_picture, &backdrop->m_pictureTime)) {
+        *error = path + ": no picture could be decoded";
+        return nullptr;
+    }
+    backdrop->m_hasNext = backdrop->DecodeInto(backdrop->m_next, &backdrop->m_nextTime);
+    return backdrop;
+}
+
+bool CBackdrop::DecodeInto(std::vector<uint8_t>& picture, double* time) {
+    for (;;) {
+        int rc = avcodec_receive_frame(m_codec.get(), m_decoded.get());
+        if (rc == 0) {
+            break;
+        }
+        if (rc == AVERROR_EOF) {
+            return false;
+        }
+        rc = av_read_frame(m_format.get(), m_packet.get());
+        if (rc < 0) {
+            if (avcodec_send_packet(m_codec.get(), nullptr) < 0) {
+                return false;
+            }
+            continue;
+        }
+        if (m_packet->stream_index == m_stream) {
+            avcodec_send_packet(m_codec.get(), m_packet.get());
+        }
+        av_packet_unref(m_packet.get());
+    }
+    const AVFrame& f = *m_decoded;
+    m_scaler.reset(sws_getCachedContext(m_scaler.release(), f.width, f.height,
+                                        static_cast<AVPixelFormat>(f.format), m_width, m_height,
+                                        AV_PIX_FMT_BGR24, SWS_BICUBIC, nullptr, nullptr, nullptr));
+    bool ok = m_scaler != nullptr;
+    if (ok) {
+        uint8_t* data[1] = {picture.data() + FrameStride(m_width) * (m_height - 1)};
+        int stride[1] = {-static_cast<int>(FrameStride(m_width))};
+        sws_scale(m_scaler.get(), f.data, f.linesize, 0, f.height, data, stride);
+        const int64_t pts =
+            f.best_effort_timestamp == AV_NOPTS_VALUE ? 0 : f.best_effort_timestamp;
+        *time = static_cast<double>(pts) * m_timeBase;
+    }
+    av_frame_unref(m_decoded.get());
+    return ok;
+}
+
+void CBackdrop::Restart() {
+    av_seek_frame(m_format.get(), m_stream, 0, AVSEEK_FLAG_BACKWARD);
+    avcodec_flush_buffers(m_codec.get());
+    DecodeInto(m_picture, &m_pictureTime);
+    m_hasNext = DecodeInto(m_next, &m_nextTime);
+}
+
+void CBackdrop::FrameAt(double seconds, uint8_t* frame) {
+    // A video plays on and starts again at its end.
+    const double length = m_format->duration > 0 ? static_cast<double>(m_format->duration) / 1e6
+                                                 : 0;
+    const double t = length > 0 && (m_hasNext || m_pictureTime > 0) ? std::fmod(seconds, length)
+                                                                     : seconds;
+    if (t + 1e-6 < m_pictureTime) {
+        Restart();
+    }
+    while (m_hasNext && m_nextTime <= t + 1e-6) {
+        m_picture.swap(m_next);
+        m_pictureTime = m_nextTime;
+        m_hasNext = DecodeInto(m_next, &m_nextTime);
+    }
+    std::memcpy(frame, m_picture.data(), m_picture.size());
+}
+
+}  // namespace lumets::tool
