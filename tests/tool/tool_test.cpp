@@ -1,0 +1,190 @@
+// The lumets program run as people run it: scene files rendered to MP4 and
+// PNGs (read back with ffprobe and ffmpeg), a real ffmpeg pipeline through
+// "lumets filter", and bad scene files and inputs.
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "common/golden.h"
+#include "common/scratch_files.h"
+#include "image/image_loader.h"
+#include "image/pixel_ops.h"
+
+namespace lumets {
+namespace {
+
+using test::Quote;
+
+constexpr int kW = 320;
+constexpr int kH = 180;
+
+// A small scene: a plate and an outlined text scrolling left, a drag.
+const char* const kScene = R"({
+  "size": [320, 180], "fps": 10, "duration": 1, "background": "#203040",
+  "subtitles": [{
+    "id": "one", "group": "g", "at": [20, 120],
+    "items": [{
+      "text": {"content": "Lumets 字幕 ✨",
+               "style": {"fontSize": 20, "fillColor1": "#FFFFFF", "outline": true,
+                         "outlineWidth": 2},
+               "at": [200, 4], "clip": [0, 0, 280, 40], "direction": "left", "speed": 100,
+               "wrap": true},
+      "plate": {"color": "#804020", "opacity": 80, "spanClip": true},
+      "plays": 0
+    }]
+  }],
+  "actions": [{"at": 0.5, "do": "move", "id": "one", "to": [20, 20]}]
+})";
+
+class ToolTest : public ::testing::Test {
+  protected:
+    void SetUp() override { Write("scene.json", kScene); }
+    std::string File(const std::string& name) const { return m_dir.File(name); }
+    void Write(const std::string& name, const std::string& text) {
+        std::ofstream(File(name)) << text;
+    }
+    // Runs a bash command line; its exit status, standard error kept in Errors().
+    int Run(const std::string& command) {
+        Write("command.sh", command + "\n");
+        const int status = std::system(
+            ("bash " + Quote(File("command.sh")) + " 2>" + Quote(File("stderr"))).c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string Errors() const {
+        const std::vector<uint8_t> bytes = test::ReadBytes(File("stderr"));
+        return std::string(bytes.begin(), bytes.end());
+    }
+    std::string Lumets(const std::string& arguments) const {
+        return Quote(LUMETS_TOOL) + " " + arguments;
+    }
+    // Test-pattern frames as raw bgr24, as ffmpeg writes them.
+    std::string Pattern(int frames) const {
+        return "ffmpeg -nostdin -v error -f lavfi -i testsrc2=s=320x180:r=10 -frames:v " +
+               std::to_string(frames) + " -f rawvideo -pix_fmt bgr24 -";
+    }
+    test::ScratchDir m_dir;
+};
+
+TEST_F(ToolTest, RendersVideoAndPicturesThatRepeatExactly) {
+    ASSERT_EQ(Run(Lumets("render " + Quote(File("scene.json")) + " -o " + Quote(File("a.mp4")))), 0)
+        << Errors();
+    ASSERT_EQ(Run("ffprobe -v error -count_frames -show_entries "
+                  "stream=width,height,r_frame_rate,nb_read_frames -of csv=p=0 " +
+                  Quote(File("a.mp4")) + " > " + Quote(File("probe"))),
+              0);
+    const std::vector<uint8_t> probe = test::ReadBytes(File("probe"));
+    EXPECT_EQ(std::string(probe.begin(), probe.end()), "320,180,10/1,10\n");
+
+    // Virtual time: two runs give the same frames, and --at the same picture.
+    for (const char* folder : {"run1", "run2"}) {
+        ASSERT_EQ(Run(Lumets("render " + Quote(File("scene.json")) + " -o " + Quote(File(folder)))),
+                  0)
+            << Errors();
+    }
+    for (int i = 1; i <= 10; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "/frame_%05d.png", i);
+        EXPECT_EQ(test::ReadBytes(File("run1") + name), test::ReadBytes(File("run2") + name)) << i;
+    }
+    ASSERT_EQ(Run(Lumets("render " + Quote(File("scene.json")) + " --at 0.7 -o " +
+                         Quote(File("at.png")))),
+              0);
+    EXPECT_EQ(test::ReadBytes(File("at.png")), test::ReadBytes(File("run1") + "/frame_00008.png"));
+    PixelBuffer picture;
+    const std::string at = File("at.png");
+    LoadImageFile(picture, std::u16string(at.begin(), at.end()).c_str());
+    EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/scene_at_0.7.png",
+                                    picture.View(), test::GoldenTolerance{12, 0.01}));
+}
+
+// ffmpeg | lumets filter | ffmpeg: every frame arrives, the subtitle shows
+// where the scene puts it, and every pixel outside it is the input's.
+TEST_F(ToolTest, FiltersRawVideoInAPipeline) {
+    ASSERT_EQ(Run(Pattern(12) + " > " + Quote(File("in.raw"))), 0);
+    for (const char* gpu : {"", " --gpu"}) {
+        SCOPED_TRACE(gpu);
+        ASSERT_EQ(Run(Pattern(12) + " | " +
+                      Lumets("filter " + Quote(File("scene.json")) + " --size 320x180" + gpu) +
+                      " | ffmpeg -nostdin -v error -f rawvideo -pix_fmt bgr24 -s 320x180 -r 10 "
+                      "-i - -f rawvideo -pix_fmt bgr24 -y " +
+                      Quote(File("out.raw"))),
+                  0)
+            << Errors();
+        const std::vector<uint8_t> in = test::ReadBytes(File("in.raw"));
+        const std::vector<uint8_t> out = test::ReadBytes(File("out.raw"));
+        ASSERT_EQ(out.size(), in.size());
+        ASSERT_EQ(in.size(), size_t{kW} * kH * 3 * 12);
+        for (int f = 0; f < 12; ++f) {
+            // Until 0.5 s the subtitle's clip is rows 120..160, then 20..60.
+            const int top = f < 5 ? 120 : 20;
+            int changedInside = 0;
+            for (int y = 0; y < kH; ++y) {
+                for (int x = 0; x < kW; ++x) {
+                    const size_t i = ((size_t{static_cast<size_t>(f)} * kH + y) * kW + x) * 3;
+                    const bool changed =
+                        in[i] != out[i] || in[i + 1] != out[i + 1] || in[i + 2] != out[i + 2];
+                    // The plate spans the clip, with its margins around it.
+                    const bool inside = y >= top - 10 && y < top + 50 && x < 340;
+                    ASSERT_TRUE(inside || !changed) << "frame " << f << " at " << x << "," << y;
+                    changedInside += changed ? 1 : 0;
+                }
+            }
+            EXPECT_GT(changedInside, 5000) << "frame " << f;
+        }
+    }
+}
+
+TEST_F(ToolTest, BadScenesAndInputsFailCleanly) {
+    Write("malformed.json", "{\n  \"fps\": 30,\n  \"size\": [320 180]\n}");
+    Write("type.json", "{\n  \"fps\": \"fast\"\n}");
+    Write("unknown.json", "{\n  \"subtitles\": [],\n  \"colour\": \"#FFFFFF\"\n}");
+    Write("negative.json", "{ \"size\": [-320, 180] }");
+    Write(
+        "missing.json",
+        "{\"subtitles\": [{\"id\": \"a\", \"items\": [{\"movie\": {\"path\": \"gone.webm\"}}]}]}");
+    const struct {
+        std::string command;
+        int status;
+        std::string message;  // part of standard error
+    } cases[] = {
+        {Lumets("render " + Quote(File("malformed.json")) + " -o x.mp4"), 3,
+         "malformed.json:3:18: syntax error"},
+        {Lumets("render " + Quote(File("type.json")) + " -o x.mp4"), 3,
+         "type.json:2:10: \"fps\" must be a number"},
+        {Lumets("render " + Quote(File("unknown.json")) + " -o x.mp4"), 3,
+         "unknown.json:3:3: unknown field \"colour\""},
+        {Lumets("render " + Quote(File("negative.json")) + " -o x.mp4"), 3,
+         "\"size\" must be [width, height]"},
+        {Lumets("render " + Quote(File("missing.json")) + " -o x.mp4"), 3,
+         "media file not found: " + File("gone.webm")},
+        {Lumets("render " + Quote(File("nothing.json")) + " -o x.mp4"), 3, "no such scene file"},
+        {Lumets("render " + Quote(File("scene.json")) + " --size -5x10 -o x.mp4"), 2, "--size"},
+        {Lumets("render " + Quote(File("scene.json")) + " -o " + Quote(File("x.png"))), 2,
+         "needs --at"},
+        {Lumets("frobnicate"), 2, "subcommand"},
+        // Two frames and a half: both whole frames come out, the rest is reported.
+        {"head -c " + std::to_string(kW * kH * 3 * 5 / 2) + " " + Quote(File("in.raw")) + " | " +
+             Lumets("filter " + Quote(File("scene.json")) + " --size 320x180") + " > " +
+             Quote(File("cut.raw")),
+         4, "the input ended inside frame 3"},
+        // A reader that goes away: a quiet end, not a crash.
+        {Pattern(30) + " | " + Lumets("filter " + Quote(File("scene.json")) + " --size 320x180") +
+             " | head -c 1000 > /dev/null; exit ${PIPESTATUS[1]}",
+         0, ""},
+    };
+    ASSERT_EQ(Run(Pattern(3) + " > " + Quote(File("in.raw"))), 0);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.command);
+        EXPECT_EQ(Run(c.command), c.status);
+        EXPECT_NE(Errors().find(c.message), std::string::npos) << Errors();
+    }
+    EXPECT_EQ(test::ReadBytes(File("cut.raw")).size(), size_t{kW} * kH * 3 * 2);
+}
+
+}  // namespace
+}  // namespace lumets
