@@ -4,7 +4,7 @@
 set -euo pipefail
 
 PACKAGES=(
-  cmake g++ ninja-build pkg-config binutils python3
+  cmake g++ ninja-build pkg-config binutils python3 python3-jsonschema
   libpango1.0-dev libcairo2-dev libfontconfig-dev libfreetype-dev
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libinih-dev libepoxy-dev libegl-dev libegl-mesa0 libgl1-mesa-dri

@@ -496,7 +496,6 @@ Subtitle ReadSubtitle(const Reader& reader, const json& value, const std::string
     subtitle.pos = o.Point("at", POINT{0, 0});
     subtitle.loop = o.Bool("loop", false);
     subtitle.intervalMs = o.Int("interval", 0, 0, 3'600'000);
-    subtitle.playNow = o.Bool("playNow", true);
     std::string itemsPath;
     const json* items = o.Take("items", &itemsPath);
     if (items == nullptr || !items->is_array() || items->empty()) {

@@ -63,7 +63,6 @@ struct Subtitle {
     POINT pos{};
     bool loop = false;
     int32_t intervalMs = 0;
-    bool playNow = true;
     std::vector<Item> items;
 };
 
