@@ -102,6 +102,26 @@ TEST_F(ToolTest, RendersVideoAndPicturesThatRepeatExactly) {
                                     picture.View(), test::GoldenTolerance{12, 0.01}));
 }
 
+// The demo: ten seconds at 30 fps in full 720p, and its still; the example
+// scenes of the documentation render too.
+TEST_F(ToolTest, TheDemoAndTheExampleScenesRender) {
+    ASSERT_EQ(Run(Lumets("demo -o " + Quote(File("demo")))), 0) << Errors();
+    ASSERT_EQ(Run("ffprobe -v error -count_frames -show_entries "
+                  "stream=width,height,r_frame_rate,nb_read_frames -of csv=p=0 " +
+                  Quote(File("demo/demo.mp4")) + " > " + Quote(File("probe"))),
+              0);
+    const std::vector<uint8_t> probe = test::ReadBytes(File("probe"));
+    EXPECT_EQ(std::string(probe.begin(), probe.end()), "1280,720,30/1,300\n");
+    EXPECT_GT(test::ReadBytes(File("demo/demo.png")).size(), 10000u);
+    for (const char* example : {"ticker", "chat"}) {
+        EXPECT_EQ(Run(Lumets("render " LUMETS_SOURCE_DIR "/docs/examples/" + std::string(example) +
+                             ".json --size 320x180 --duration 1 -o " +
+                             Quote(File(std::string(example) + ".mp4")))),
+                  0)
+            << Errors();
+    }
+}
+
 // ffmpeg | lumets filter | ffmpeg: every frame arrives, the subtitle shows
 // where the scene puts it, and every pixel outside it is the input's.
 TEST_F(ToolTest, FiltersRawVideoInAPipeline) {
