@@ -6,9 +6,9 @@
 // Exit codes: 0 done; 1 an output could not be written or OpenGL is missing;
 // 2 a bad command line; 3 a bad scene file or a missing media file; 4 the
 // input ended inside a frame (the frames before it were all written).
-#include <CLI/CLI.hpp>
 #include <fcntl.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <cmath>
@@ -65,8 +65,8 @@ std::string CheckSize(const std::string& text) {
     int32_t w = 0;
     int32_t h = 0;
     char tail = 0;
-    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 16 || h < 16 ||
-        w > 8192 || h > 8192) {
+    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 16 || h < 16 || w > 8192 ||
+        h > 8192) {
         return "must be WIDTHxHEIGHT, each 16 to 8192";
     }
     return {};
@@ -179,8 +179,7 @@ bool ApplyBackground(Scene& scene, const std::string& value) {
     return true;
 }
 
-int Render(const RenderOptions& options, const std::string& pngBeside = {},
-           double pngAt = -1) {
+int Render(const RenderOptions& options, const std::string& pngBeside = {}, double pngAt = -1) {
     std::optional<Scene> scene = Load(options.scene);
     if (!scene) {
         return kBadScene;
@@ -188,8 +187,8 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {},
     if (!ApplyBackground(*scene, options.background)) {
         return kBadScene;
     }
-    const Size size = options.size.empty() ? Size{scene->width, scene->height}
-                                           : ParseSize(options.size);
+    const Size size =
+        options.size.empty() ? Size{scene->width, scene->height} : ParseSize(options.size);
     const double fps = options.fps.value_or(scene->fps);
     const double duration = options.duration.value_or(scene->duration);
 
@@ -380,9 +379,10 @@ int main(int argc, char** argv) {
 
     std::string demoDir = "out";
     bool demoGpu = false;
-    CLI::App* demo = app.add_subcommand(
-        "demo", "Render the built-in default scene (10 s at 30 fps) to DIR/demo.mp4 and "
-                "DIR/demo.png");
+    CLI::App* demo =
+        app.add_subcommand("demo",
+                           "Render the built-in default scene (10 s at 30 fps) to DIR/demo.mp4 and "
+                           "DIR/demo.png");
     demo->add_option("-o,--output", demoDir, "Folder to write into")->capture_default_str();
     demo->add_flag("--gpu", demoGpu, "Composite the subtitles with OpenGL");
 
@@ -408,8 +408,7 @@ int main(int argc, char** argv) {
 
     FilterOptions filter;
     CLI::App* filterCommand = app.add_subcommand(
-        "filter",
-        "Composite a scene into raw bgr24 frames from standard input to standard output");
+        "filter", "Composite a scene into raw bgr24 frames from standard input to standard output");
     filterCommand->add_option("scene", filter.scene, "Scene file (JSON)")->required();
     filterCommand->add_option("--size", filter.size, "Frame size WxH")
         ->required()

@@ -179,9 +179,8 @@ class Reader {
     std::string Where(size_t offset) const {
         offset = std::min(offset, m_text.size());
         const auto lineStart = m_text.rfind('\n', offset == 0 ? 0 : offset - 1);
-        const size_t line = static_cast<size_t>(
-                                std::count(m_text.begin(), m_text.begin() + offset, '\n')) +
-                            1;
+        const size_t line =
+            static_cast<size_t>(std::count(m_text.begin(), m_text.begin() + offset, '\n')) + 1;
         const size_t column =
             offset - (lineStart == std::string::npos || offset == 0 ? 0 : lineStart + 1) + 1;
         return m_name + ":" + std::to_string(line) + ":" + std::to_string(column);
@@ -205,7 +204,9 @@ std::string Dotted(const std::string& path) {
     while (at <= path.size() && !path.empty()) {
         const size_t next = std::min(path.find('/', at), path.size());
         const std::string part = path.substr(at, next - at);
-        const bool index = !part.empty() && std::all_of(part.begin(), part.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+        const bool index =
+            !part.empty() && std::all_of(part.begin(), part.end(),
+                                         [](unsigned char c) { return std::isdigit(c) != 0; });
         out += index ? "[" + part + "]" : (out.empty() ? "" : ".") + part;
         at = next + 1;
     }
@@ -233,8 +234,8 @@ const json* Object::Take(const char* name, std::string* path) {
 void Object::Done() {
     for (const auto& [key, value] : m_value.items()) {
         if (m_taken.count(key) == 0) {
-            m_reader.Fail(m_path + "/" + key + "#", "unknown field \"" + key + "\" in " +
-                                                        Dotted(m_path));
+            m_reader.Fail(m_path + "/" + key + "#",
+                          "unknown field \"" + key + "\" in " + Dotted(m_path));
         }
     }
 }
@@ -362,8 +363,7 @@ RECT Object::Rect(const char* name, RECT fallback) {
     }
     bool ok = value->is_array() && value->size() == 4;
     for (size_t i = 0; ok && i < 4; ++i) {
-        ok = (*value)[i].is_number_integer() &&
-             std::abs((*value)[i].get<int64_t>()) <= 1'000'000;
+        ok = (*value)[i].is_number_integer() && std::abs((*value)[i].get<int64_t>()) <= 1'000'000;
     }
     if (!ok) {
         Fail(path, Dotted(path) + " must be [left, top, right, bottom] in whole pixels");
@@ -378,10 +378,11 @@ int32_t Direction(Object& object) {
     if (value == nullptr) {
         return 0;
     }
-    static const std::map<std::string, ScrollDirection> kNames = {
-        {"none", ScrollDirection::None}, {"right", ScrollDirection::Right},
-        {"left", ScrollDirection::Left}, {"down", ScrollDirection::Down},
-        {"up", ScrollDirection::Up}};
+    static const std::map<std::string, ScrollDirection> kNames = {{"none", ScrollDirection::None},
+                                                                  {"right", ScrollDirection::Right},
+                                                                  {"left", ScrollDirection::Left},
+                                                                  {"down", ScrollDirection::Down},
+                                                                  {"up", ScrollDirection::Up}};
     const auto found = value->is_string() ? kNames.find(value->get<std::string>()) : kNames.end();
     if (found == kNames.end()) {
         object.Fail(path, Dotted(path) + " must be one of none, left, right, up, down");
@@ -401,8 +402,7 @@ TextStyle ReadStyle(const Reader& reader, const json& value, const std::string& 
     Object o(reader, value, path);
     TextStyle style;
     const std::u16string face = platform::Utf8ToU16(o.String("faceName", ""));
-    platform::U16CopyTruncate(style.faceName, std::size(style.faceName), face.c_str(),
-                              face.size());
+    platform::U16CopyTruncate(style.faceName, std::size(style.faceName), face.c_str(), face.size());
     style.fontSize = o.Int("fontSize", style.fontSize, 1, 2000);
     style.bold = o.Bool("bold", false);
     style.italic = o.Bool("italic", false);
@@ -490,7 +490,8 @@ Subtitle ReadSubtitle(const Reader& reader, const json& value, const std::string
     Subtitle subtitle;
     subtitle.id = o.Text("id");
     if (subtitle.id.empty() || subtitle.id.size() > 259) {
-        o.Fail(path + (o.Has("id") ? "/id" : ""), Dotted(path) + " needs an \"id\" of 1 to 259 characters");
+        o.Fail(path + (o.Has("id") ? "/id" : ""),
+               Dotted(path) + " needs an \"id\" of 1 to 259 characters");
     }
     subtitle.group = o.Text("group");
     subtitle.pos = o.Point("at", POINT{0, 0});
@@ -623,7 +624,8 @@ Action ReadAction(const Reader& reader, const json& value, const std::string& pa
 
 bool ParseColour(const std::string& text, uint32_t* colour) {
     if (text.size() != 7 || text[0] != '#' ||
-        !std::all_of(text.begin() + 1, text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; })) {
+        !std::all_of(text.begin() + 1, text.end(),
+                     [](unsigned char c) { return std::isxdigit(c) != 0; })) {
         return false;
     }
     *colour = static_cast<uint32_t>(std::stoul(text.substr(1), nullptr, 16));

@@ -45,7 +45,7 @@ struct TextLayer {
 };
 
 struct PlateLayer {
-    uint32_t colour = 0;  // 0xRRGGBB
+    uint32_t colour = 0;   // 0xRRGGBB
     uint32_t opacity = 0;  // percent
     bool spanClip = false;
 };
@@ -97,11 +97,11 @@ struct Action {
     enum class Kind { Add, Remove, RemoveAll, Trim, Move, Drag, Text, Plate };
     double at = 0;  // seconds
     Kind kind = Kind::Remove;
-    std::u16string id;     // Remove, Move, Text, Plate
-    std::u16string group;  // Trim, Drag
-    uint32_t keep = 0;     // Trim
-    POINT to{};            // Move; Drag's end
-    POINT from{};          // Drag's start: the point hit-tested
+    std::u16string id;                   // Remove, Move, Text, Plate
+    std::u16string group;                // Trim, Drag
+    uint32_t keep = 0;                   // Trim
+    POINT to{};                          // Move; Drag's end
+    POINT from{};                        // Drag's start: the point hit-tested
     std::shared_ptr<Subtitle> subtitle;  // Add
     std::shared_ptr<TextLayer> text;     // Text
     PlateLayer plate;                    // Plate

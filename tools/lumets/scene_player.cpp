@@ -19,8 +19,7 @@ namespace {
 // The host's records live on the heap: a text part is 128 KiB.
 void FillText(TextPart& part, const TextLayer& text) {
     std::memset(static_cast<void*>(&part), 0, sizeof part);
-    platform::U16CopyTruncate(part.text, std::size(part.text), text.text.c_str(),
-                              text.text.size());
+    platform::U16CopyTruncate(part.text, std::size(part.text), text.text.c_str(), text.text.size());
     part.style = text.style;
     part.rcClip = text.clip;
     part.x = text.pos.x;
@@ -40,8 +39,8 @@ BackgroundPart PlatePart(const PlateLayer& plate) {
 
 // Straight-alpha "over" of a bottom-up B, G, R, A picture into the frame at
 // (x, top) in top-down frame coordinates.
-void BlendBgra(uint8_t* frame, int32_t width, int32_t height, const uint8_t* picture,
-               int32_t pw, int32_t ph, int32_t x, int32_t top) {
+void BlendBgra(uint8_t* frame, int32_t width, int32_t height, const uint8_t* picture, int32_t pw,
+               int32_t ph, int32_t x, int32_t top) {
     for (int32_t row = 0; row < ph; ++row) {
         const int32_t y = top + row;  // top-down
         if (y < 0 || y >= height) {
@@ -67,8 +66,7 @@ struct CScenePlayer::Records {
     std::unique_ptr<BackgroundPart> plate;
 };
 
-CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, double fps,
-                           bool gpu)
+CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, double fps, bool gpu)
     : m_scene(scene),
       m_width(width),
       m_height(height),
@@ -231,8 +229,8 @@ void CScenePlayer::AdvanceTo(uint64_t ms) {
 }
 
 void CScenePlayer::Render(uint64_t index, uint8_t* frame) {
-    const auto frameMs = static_cast<uint64_t>(std::llround(static_cast<double>(index) * 1000.0 /
-                                                            m_fps));
+    const auto frameMs =
+        static_cast<uint64_t>(std::llround(static_cast<double>(index) * 1000.0 / m_fps));
     const std::vector<Action>& actions = m_scene.actions;
     for (; m_nextAction < actions.size(); ++m_nextAction) {
         const auto at = static_cast<uint64_t>(std::llround(actions[m_nextAction].at * 1000.0));
@@ -316,17 +314,16 @@ void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
     }
     const std::vector<uint8_t> pixels = host::CHeadlessGl::ReadBackTexture(texture, tw, th);
     std::vector<uint8_t> fitted(size_t{4} * w * h);
-    SwsContext* scaler = sws_getContext(tw, th, AV_PIX_FMT_BGRA, w, h, AV_PIX_FMT_BGRA,
-                                        SWS_BICUBIC, nullptr, nullptr, nullptr);
-    const SwsContextPtr owned(scaler);
-    if (scaler == nullptr || pixels.size() < size_t{4} * tw * th) {
+    const SwsContextPtr scaler(sws_getContext(tw, th, AV_PIX_FMT_BGRA, w, h, AV_PIX_FMT_BGRA,
+                                              SWS_BICUBIC, nullptr, nullptr, nullptr));
+    if (!scaler || pixels.size() < size_t{4} * tw * th) {
         return;
     }
     const uint8_t* src[1] = {pixels.data()};
     const int srcStride[1] = {4 * tw};
     uint8_t* dst[1] = {fitted.data()};
     const int dstStride[1] = {4 * w};
-    sws_scale(scaler, src, srcStride, 0, th, dst, dstStride);
+    sws_scale(scaler.get(), src, srcStride, 0, th, dst, dstStride);
     BlendBgra(frame, m_width, m_height, fitted.data(), w, h, scaled(r.left), scaled(r.top));
 }
 

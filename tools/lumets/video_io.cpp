@@ -106,10 +106,10 @@ bool CVideoWriter::Write(const uint8_t* frame) {
     TopDown(frame, m_width, m_height, &data[0], &stride[0]);
     sws_scale(m_scaler.get(), data, stride, 0, m_height, m_frame->data, m_frame->linesize);
     m_frame->pts = m_next++;
-    return avcodec_send_frame(m_codec.get(), m_frame.get()) >= 0 && Drain(false);
+    return avcodec_send_frame(m_codec.get(), m_frame.get()) >= 0 && Drain();
 }
 
-bool CVideoWriter::Drain(bool flush) {
+bool CVideoWriter::Drain() {
     for (;;) {
         const int rc = avcodec_receive_packet(m_codec.get(), m_packet.get());
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) {
@@ -125,7 +125,6 @@ bool CVideoWriter::Drain(bool flush) {
             m_error = "cannot write the video";
             return false;
         }
-        (void)flush;
     }
 }
 
@@ -134,7 +133,7 @@ bool CVideoWriter::Close() {
         return false;
     }
     m_open = false;
-    bool ok = avcodec_send_frame(m_codec.get(), nullptr) >= 0 && Drain(true);
+    bool ok = avcodec_send_frame(m_codec.get(), nullptr) >= 0 && Drain();
     ok = av_write_trailer(m_format.get()) >= 0 && ok;
     ok = avio_closep(&m_format->pb) >= 0 && ok;
     return ok;
@@ -173,14 +172,13 @@ bool WritePng(const std::string& path, const uint8_t* frame, int32_t width, int3
     if (file == nullptr) {
         return false;
     }
-    const bool written =
-        std::fwrite(packet->data, 1, static_cast<size_t>(packet->size), file) ==
-        static_cast<size_t>(packet->size);
+    const bool written = std::fwrite(packet->data, 1, static_cast<size_t>(packet->size), file) ==
+                         static_cast<size_t>(packet->size);
     return std::fclose(file) == 0 && written;
 }
 
-std::unique_ptr<CBackdrop> CBackdrop::Open(const std::string& path, int32_t width,
-                                           int32_t height, std::string* error) {
+std::unique_ptr<CBackdrop> CBackdrop::Open(const std::string& path, int32_t width, int32_t height,
+                                           std::string* error) {
     auto backdrop = std::unique_ptr<CBackdrop>(new CBackdrop());
     AVFormatContext* format = nullptr;
     int rc = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
@@ -248,8 +246,7 @@ bool CBackdrop::DecodeInto(std::vector<uint8_t>& picture, double* time) {
         uint8_t* data[1] = {picture.data() + FrameStride(m_width) * (m_height - 1)};
         int stride[1] = {-static_cast<int>(FrameStride(m_width))};
         sws_scale(m_scaler.get(), f.data, f.linesize, 0, f.height, data, stride);
-        const int64_t pts =
-            f.best_effort_timestamp == AV_NOPTS_VALUE ? 0 : f.best_effort_timestamp;
+        const int64_t pts = f.best_effort_timestamp == AV_NOPTS_VALUE ? 0 : f.best_effort_timestamp;
         *time = static_cast<double>(pts) * m_timeBase;
     }
     av_frame_unref(m_decoded.get());
@@ -265,10 +262,10 @@ void CBackdrop::Restart() {
 
 void CBackdrop::FrameAt(double seconds, uint8_t* frame) {
     // A video plays on and starts again at its end.
-    const double length = m_format->duration > 0 ? static_cast<double>(m_format->duration) / 1e6
-                                                 : 0;
-    const double t = length > 0 && (m_hasNext || m_pictureTime > 0) ? std::fmod(seconds, length)
-                                                                     : seconds;
+    const double length =
+        m_format->duration > 0 ? static_cast<double>(m_format->duration) / 1e6 : 0;
+    const double t =
+        length > 0 && (m_hasNext || m_pictureTime > 0) ? std::fmod(seconds, length) : seconds;
     if (t + 1e-6 < m_pictureTime) {
         Restart();
     }

@@ -31,7 +31,8 @@ class CVideoWriter {
     const std::string& Error() const { return m_error; }
 
   private:
-    bool Drain(bool flush);
+    // Writes the packets the encoder has ready.
+    bool Drain();
 
     AvFormatContextPtr m_format;
     AvCodecContextPtr m_codec;

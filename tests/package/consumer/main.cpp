@@ -18,7 +18,7 @@ int main() {
     BackgroundPart plate{0x204080, 70, 0, {}};
     ItemDescription item{nullptr, text.get(), &plate, 0, {}};
     manager->AddSubtitle(u"hello", u"demo", &item, 1, 40, 300, false, 0);
-    lumets::AdvanceBy(40);                                 // one frame later
+    lumets::AdvanceBy(40);                                    // one frame later
     std::vector<uint8_t> frame((640 * 3 + 3) / 4 * 4 * 360);  // B, G, R, bottom-up
     manager->DrawToBuffer(frame.data(), 640, 360, 1.0f);
     DeleteLumetManager(manager);
