@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/golden.h"
@@ -113,6 +114,25 @@ TEST_F(ToolTest, TheDemoAndTheExampleScenesRender) {
     const std::vector<uint8_t> probe = test::ReadBytes(File("probe"));
     EXPECT_EQ(std::string(probe.begin(), probe.end()), "1280,720,30/1,300\n");
     EXPECT_GT(test::ReadBytes(File("demo/demo.png")).size(), 10000u);
+    // A scene movie goes through an OpenGL texture into its rectangle.
+    ASSERT_EQ(Run("ffmpeg -nostdin -v error -f lavfi -i color=c=red:s=64x36:r=10:d=1 -plays 0 "
+                  "-f apng " +
+                  Quote(File("movie.apng"))),
+              0);
+    Write("movie.json", R"({"size": [320, 180], "background": "#000000",
+                            "scene": {"path": "movie.apng", "rect": [100, 50, 164, 86]}})");
+    ASSERT_EQ(Run(Lumets("render " + Quote(File("movie.json")) + " --at 0.5 -o " +
+                         Quote(File("movie.png")))),
+              0)
+        << Errors();
+    PixelBuffer frame;
+    const std::string png = File("movie.png");
+    LoadImageFile(frame, std::u16string(png.begin(), png.end()).c_str());
+    const auto red = [&](int x, int y) {  // top-down; the picture is B, G, R bottom-up
+        return frame.Data()[static_cast<size_t>(RowStride(kW, 24)) * (kH - 1 - y) + x * 3 + 2];
+    };
+    EXPECT_GT(red(132, 68), 240);
+    EXPECT_EQ(std::pair(red(90, 68), red(132, 40)), std::pair<uint8_t, uint8_t>(0, 0));
     for (const char* example : {"ticker", "chat"}) {
         EXPECT_EQ(Run(Lumets("render " LUMETS_SOURCE_DIR "/docs/examples/" + std::string(example) +
                              ".json --size 320x180 --duration 1 -o " +
