@@ -95,7 +95,6 @@ class GlHostTest : public GlTest<kTargetWidth, kTargetHeight> {
 TEST_F(GlHostTest, UploadsReadBackByteForByte) {
     EXPECT_EQ(CGLObjectFactory::CreatePBO(PBOTypeUnpack, 24), nullptr);
     EXPECT_EQ(CGLObjectFactory::CreatePBO(static_cast<EnumPBOType>(2), 32), nullptr);
-    CGLObjectFactory::DestroyPBO(nullptr);
     EXPECT_EQ(m_pbo->GetBufferName(), 0u);
     const std::tuple<int, int, uint32_t> cases[] = {
         {37, 23, 1}, {37, 23, 2}, {5, 61, 3}, {64, 1, 4}};

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "common/gl_context.h"
@@ -232,8 +233,7 @@ TEST_P(FormatTest, OpensWithItsSizeAndColoursAndPlaysToTheMillisecond) {
     EXPECT_FALSE(player->IsLoading());
     uint32_t width = 0, height = 0;
     ASSERT_TRUE(player->GetSize(&width, &height));
-    EXPECT_EQ(width, static_cast<uint32_t>(kMovieWidth));
-    EXPECT_EQ(height, static_cast<uint32_t>(kMovieHeight));
+    EXPECT_EQ(std::pair(width, height), std::pair(uint32_t{kMovieWidth}, uint32_t{kMovieHeight}));
     EXPECT_DOUBLE_EQ(player->GetFrameRate(), 10.0);
     const HostFrame frame = Render();
     EXPECT_TRUE(Same(frame.At(5, 5), kRed, tolerance));
@@ -359,8 +359,7 @@ TEST(PlayerScaling, KeptScalingGivesTheFreshPicture) {
     const POINT pos{5, 3};
     for (size_t i = 0; i < std::size(scales); ++i) {
         SCOPED_TRACE(testing::Message() << "step " << i << " scale " << scales[i]);
-        HostFrame a(160, 120);
-        HostFrame b(160, 120);
+        HostFrame a(160, 120), b(160, 120);
         kept->RenderToFrame(a.bytes.data(), 160, 120, &clip, &pos, scales[i]);
         // Twice: the second draw of one movie frame reuses the scaled picture.
         kept->RenderToFrame(a.bytes.data(), 160, 120, &clip, &pos, scales[i]);
@@ -417,8 +416,8 @@ TEST_F(PlayerTextureTest, UploadsTheCurrentFrameThroughThePixelBuffer) {
     uint32_t width = 0, height = 0;
     for (const Bgr c : {kColours[0], kColours[1]}) {
         ASSERT_TRUE(player->RenderToTexture(texture, &width, &height, pbo.get()));
-        ASSERT_EQ(width, static_cast<uint32_t>(kMovieWidth));
-        ASSERT_EQ(height, static_cast<uint32_t>(kMovieHeight));
+        ASSERT_EQ(std::pair(width, height),
+                  std::pair(uint32_t{kMovieWidth}, uint32_t{kMovieHeight}));
         const std::vector<uint8_t> pixels =
             host::CHeadlessGl::ReadBackTexture(texture, kMovieWidth, kMovieHeight);
         for (int y = 0; y < kMovieHeight; ++y) {

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -47,6 +49,12 @@ void FillAlphas(uint8_t* pixels, size_t count, Alphas kind, std::mt19937& rng) {
     }
 }
 
+std::vector<uint8_t> RandomBytes(size_t count, std::mt19937& rng) {
+    std::vector<uint8_t> bytes(count);
+    std::generate(bytes.begin(), bytes.end(), [&rng] { return static_cast<uint8_t>(rng()); });
+    return bytes;
+}
+
 // A row with room before and after, so that misaligned starts and writes
 // past the end both show.
 constexpr size_t kMargin = 64;
@@ -59,29 +67,22 @@ struct RowCase {
 
 void CompareRow(RowKernel reference, RowKernel candidate, size_t dstBytes, size_t srcBytes,
                 const RowCase& c, Alphas alphas, std::mt19937& rng) {
-    std::vector<uint8_t> src(c.count * 4 + 2 * kMargin);
-    for (uint8_t& b : src) {
-        b = static_cast<uint8_t>(rng());
-    }
+    std::vector<uint8_t> src = RandomBytes(c.count * 4 + 2 * kMargin, rng);
     if (srcBytes == 4) {
         FillAlphas(src.data() + kMargin + c.srcOffset, c.count, alphas, rng);
     }
-    std::vector<uint8_t> dstA(c.count * dstBytes + 2 * kMargin);
-    for (uint8_t& b : dstA) {
-        b = static_cast<uint8_t>(rng());
-    }
-    std::vector<uint8_t> dstB = dstA;
-    const std::vector<uint8_t> before = dstA;
+    const std::vector<uint8_t> before = RandomBytes(c.count * dstBytes + 2 * kMargin, rng);
+    std::vector<uint8_t> dstA = before;
+    std::vector<uint8_t> dstB = before;
     reference(dstA.data() + kMargin + c.dstOffset, src.data() + kMargin + c.srcOffset, c.count);
     candidate(dstB.data() + kMargin + c.dstOffset, src.data() + kMargin + c.srcOffset, c.count);
     ASSERT_EQ(dstA, dstB) << "count " << c.count << " offsets " << c.dstOffset << "/" << c.srcOffset
                           << " alphas " << static_cast<int>(alphas);
-    for (size_t i = 0; i < kMargin + c.dstOffset; ++i) {
-        ASSERT_EQ(dstB[i], before[i]) << "wrote before the row";
-    }
-    for (size_t i = kMargin + c.dstOffset + c.count * dstBytes; i < dstB.size(); ++i) {
-        ASSERT_EQ(dstB[i], before[i]) << "wrote past the row";
-    }
+    // Equal to the reference is not enough: both might write outside the row.
+    const size_t start = kMargin + c.dstOffset;
+    const size_t end = start + c.count * dstBytes;
+    ASSERT_TRUE(std::equal(dstB.begin(), dstB.begin() + start, before.begin())) << "wrote before";
+    ASSERT_TRUE(std::equal(dstB.begin() + end, dstB.end(), before.begin() + end)) << "wrote past";
 }
 
 struct KernelSlot {
@@ -105,13 +106,9 @@ TEST(PixelKernels, SimdRowsMatchScalarForEveryWidthAndAlphaPattern) {
     std::mt19937 rng(1234);
     const Alphas patterns[] = {Alphas::Uniform, Alphas::TextLike,   Alphas::Transparent,
                                Alphas::Opaque,  Alphas::ZeroOrFull, Alphas::PartialOnly};
-    std::vector<size_t> counts;
-    for (size_t n = 0; n <= 80; ++n) {
-        counts.push_back(n);
-    }
-    for (size_t n : {127u, 128u, 129u, 1000u, 1927u}) {
-        counts.push_back(n);
-    }
+    std::vector<size_t> counts(81);
+    std::iota(counts.begin(), counts.end(), 0);
+    counts.insert(counts.end(), {127, 128, 129, 1000, 1927});
     for (const PixelKernels* simd : SupportedSimdTables()) {
         SCOPED_TRACE(simd->name);
         for (const KernelSlot& slot : kSlots) {
@@ -147,17 +144,11 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
                 const uint8_t d = static_cast<uint8_t>(i & 255);
                 const uint8_t s = static_cast<uint8_t>(i >> 8);
                 // Blue and red see (D, S), green the pair swapped.
-                src[4 * i + 0] = s;
-                src[4 * i + 1] = d;
-                src[4 * i + 2] = s;
-                src[4 * i + 3] = static_cast<uint8_t>(a);
-                dst24[3 * i + 0] = d;
-                dst24[3 * i + 1] = s;
-                dst24[3 * i + 2] = d;
-                dst32[4 * i + 0] = d;
-                dst32[4 * i + 1] = s;
-                dst32[4 * i + 2] = d;
-                dst32[4 * i + 3] = static_cast<uint8_t>(~i);
+                const uint8_t source[4] = {s, d, s, static_cast<uint8_t>(a)};
+                const uint8_t destination[4] = {d, s, d, static_cast<uint8_t>(~i)};
+                std::memcpy(&src[4 * i], source, 4);
+                std::memcpy(&dst24[3 * i], destination, 3);
+                std::memcpy(&dst32[4 * i], destination, 4);
             }
             // Pieces of 119 pixels pass through every step width a variant
             // has (64, 32, 16 and the scalar tail).
@@ -213,19 +204,12 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
         const int32_t sH = 1 + static_cast<int32_t>(rng() % 24);
         const int32_t dBpp = (rng() & 1) ? 32 : 24;
         const int32_t sBpp = (rng() & 1) ? 32 : 24;
-        const size_t dStride = ((static_cast<size_t>(dW) * dBpp + 31) & ~size_t{31}) / 8;
-        const size_t sStride = ((static_cast<size_t>(sW) * sBpp + 31) & ~size_t{31}) / 8;
-        std::vector<uint8_t> src(sStride * static_cast<size_t>(sH));
-        for (uint8_t& b : src) {
-            b = static_cast<uint8_t>(rng());
-        }
+        std::vector<uint8_t> src = RandomBytes(RowStride(sW, sBpp) * static_cast<size_t>(sH), rng);
         if (sBpp == 32) {
             FillAlphas(src.data(), src.size() / 4, patterns[rng() % 4], rng);
         }
-        std::vector<uint8_t> initial(dStride * static_cast<size_t>(dH));
-        for (uint8_t& b : initial) {
-            b = static_cast<uint8_t>(rng());
-        }
+        const std::vector<uint8_t> initial =
+            RandomBytes(RowStride(dW, dBpp) * static_cast<size_t>(dH), rng);
         const RECT dRect = {coord(dW), coord(dH), coord(dW), coord(dH)};
         const RECT sRect = {coord(sW), coord(sH), coord(sW), coord(sH)};
         const POINT pos = {coord(dW), coord(dH)};

@@ -97,9 +97,7 @@ TEST(LogConfig, ReadsOnlyBoundedRegularFiles) {
 class LoggerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/lumets_log_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
+        ASSERT_TRUE(scratch_.Ok());
         // Left in place afterwards: only this suite runs in this process.
         setenv("TZ", "UTC", 1);
         tzset();
@@ -110,7 +108,6 @@ class LoggerTest : public ::testing::Test {
     void TearDown() override {
         Logger::ResetForTesting(nullptr);
         SetTimeMode(TimeMode::Real);
-        fs::remove_all(dir_);
     }
 
     // A fresh logger with an empty log folder and this log.ini (nullptr: none).
@@ -128,7 +125,8 @@ class LoggerTest : public ::testing::Test {
         return text.str();
     }
 
-    fs::path dir_;
+    test::ScratchDir scratch_;
+    const fs::path dir_ = scratch_.Path();
 };
 
 TEST_F(LoggerTest, FirstRecordUsesInitialSettingsThenIniDecides) {

@@ -37,19 +37,21 @@ struct Owner : CLumetEventHandler {
     std::atomic<uint64_t> playedAt{0};
 };
 
+void DestroySlots(std::vector<TextureSlot>& slots) {
+    for (TextureSlot& slot : slots) {
+        CGLObjectFactory::DestroyPBO(slot.pbo);
+    }
+}
+
 class LumetTest : public testing::Test {
   protected:
     void SetUp() override {
         SetTimeMode(TimeMode::Virtual);
         test::ScriptedPlayer::Install(true);
         ASSERT_TRUE(test::WriteBytes(m_movie, {1, 2, 3}));
-        std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
         const std::u16string path(m_movie.begin(), m_movie.end());  // the temp folder is ASCII
         std::copy(path.begin(), path.end(), m_swf.szPath);
         m_swf.rcClip = RECT{0, 0, 200, 100};
-        m_text = std::make_unique<TextPart>();
-        std::memset(static_cast<void*>(m_text.get()), 0, sizeof(TextPart));
-        m_text->style = TextStyle();
         std::memcpy(m_text->text, u"Lumets", sizeof(u"Lumets"));
         m_text->rcClip = RECT{0, 0, 400, 100};
     }
@@ -61,10 +63,8 @@ class LumetTest : public testing::Test {
 
     // Starts an item with the parts given and gives it its first turn.
     bool StartItem(bool swf, bool text, int32_t playCount, bool repeat = false) {
-        ItemDescription desc{};
-        desc.pSwf = swf ? &m_swf : nullptr;
-        desc.pText = text ? m_text.get() : nullptr;
-        desc.nPlayCount = playCount;
+        ItemDescription desc{
+            swf ? &m_swf : nullptr, text ? m_text.get() : nullptr, nullptr, playCount, {}};
         m_item = std::make_unique<CLumet>();
         m_item->SetOwner(&m_owner);
         if (!m_item->Start(&desc, false, repeat)) {
@@ -77,8 +77,9 @@ class LumetTest : public testing::Test {
 
     test::ScratchDir m_dir;
     std::string m_movie = m_dir.File("movie.swf");
-    SwfPart m_swf;
-    std::unique_ptr<TextPart> m_text;
+    SwfPart m_swf{};
+    // Value-initialised: zeroed, with the style's own defaults.
+    std::unique_ptr<TextPart> m_text = std::make_unique<TextPart>();
     Owner m_owner;
     std::unique_ptr<CLumet> m_item;
 };
@@ -171,9 +172,7 @@ TEST_F(LumetTest, CountsAndStops) {
     EXPECT_EQ(m_item->GetState(), LumetState::Idle);
 
     // Stopped while waiting for its turn.
-    ItemDescription desc{};
-    desc.pSwf = &m_swf;
-    desc.nPlayCount = 1;
+    ItemDescription desc{&m_swf, nullptr, nullptr, 1, {}};
     CLumet waiting;
     ASSERT_TRUE(waiting.Start(&desc, false, true));
     waiting.Stop();
@@ -275,9 +274,7 @@ TEST_F(LumetTest, HostileDescriptionsAndFrames) {
         m_item->CompositeToFrame(frame.data(), 0, 48, 0, 0, scale);
         m_item->RenderToTextures(64, 48, &combiner, &slots, INT32_MIN, INT32_MAX, scale);
     }
-    for (TextureSlot& slot : slots) {
-        CGLObjectFactory::DestroyPBO(slot.pbo);
-    }
+    DestroySlots(slots);
     m_item->Stop();
 }
 
@@ -319,11 +316,8 @@ TEST_F(LumetTest, BoundsHitTestsAndSlots) {
     std::vector<TextureSlot> alone;
     m_item->RenderToTextures(400, 200, &combiner, &alone, 0, 0, 1.0f);
     EXPECT_EQ(alone.size(), 1u);
-    for (std::vector<TextureSlot>* used : {&slots, &alone}) {
-        for (TextureSlot& slot : *used) {
-            CGLObjectFactory::DestroyPBO(slot.pbo);
-        }
-    }
+    DestroySlots(slots);
+    DestroySlots(alone);
 }
 
 // A render thread draws the item in a loop while the host starts it, updates
@@ -349,9 +343,7 @@ TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
             item.RenderToTextures(320, 200, &combiner, &slots, 0, 0, 1.0f);
             (void)item.GetState();
         }
-        for (TextureSlot& slot : slots) {
-            CGLObjectFactory::DestroyPBO(slot.pbo);
-        }
+        DestroySlots(slots);
     });
     for (int round = 0; round < 4; ++round) {
         const bool still = round == 3;  // nothing scrolls: the player counts

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/golden.h"
@@ -29,6 +30,14 @@ std::vector<uint8_t> Pixels(CTextRenderer& renderer) {
     std::vector<uint8_t> pixels(static_cast<size_t>(size.cx) * size.cy * 4);
     renderer.CopyBuffer(pixels.data(), static_cast<uint32_t>(pixels.size()));
     return pixels;
+}
+
+// At least 2 x 2, and within the picture limits.
+bool InLimits(const CTextRenderer& renderer) {
+    const SIZE size = renderer.GetSize();
+    return size.cx >= 2 && size.cy >= 2 && size.cx <= lumets::kMaxPictureSide &&
+           size.cy <= lumets::kMaxPictureSide &&
+           int64_t{size.cx} * size.cy <= lumets::kMaxPicturePixels;
 }
 
 TextStyle Style(int32_t fontSize, uint32_t color) {
@@ -102,8 +111,7 @@ TEST(TextRendererGolden, StylesMatchTheirPictures) {
 
 TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
     CTextRenderer renderer;
-    EXPECT_EQ(renderer.GetSize().cx, 0);
-    EXPECT_EQ(renderer.GetSize().cy, 0);
+    EXPECT_EQ(std::pair(renderer.GetSize().cx, renderer.GetSize().cy), std::pair(0, 0));
     uint8_t sentinel[16];
     std::memset(sentinel, 0x5A, sizeof sentinel);
     renderer.CopyBuffer(sentinel, sizeof sentinel);
@@ -119,19 +127,16 @@ TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
     TextStyle style = Style(17, 0);
     style.backAlpha = 100;
     renderer.Render(u"", &style);
-    EXPECT_EQ(renderer.GetSize().cx, 2);
-    EXPECT_EQ(renderer.GetSize().cy, 18);
+    EXPECT_EQ(std::pair(renderer.GetSize().cx, renderer.GetSize().cy), std::pair(2, 18));
     for (uint8_t b : Pixels(renderer)) {
         ASSERT_EQ(b, 0);  // fully transparent whatever the background says
     }
     style.vertical = 1;
     renderer.Render(u"", &style);
-    EXPECT_EQ(renderer.GetSize().cx, 18);
-    EXPECT_EQ(renderer.GetSize().cy, 2);
+    EXPECT_EQ(std::pair(renderer.GetSize().cx, renderer.GetSize().cy), std::pair(18, 2));
     style.fontSize = 0;
     renderer.Render(u"", &style);
-    EXPECT_EQ(renderer.GetSize().cx, 2);
-    EXPECT_EQ(renderer.GetSize().cy, 2);
+    EXPECT_EQ(std::pair(renderer.GetSize().cx, renderer.GetSize().cy), std::pair(2, 2));
 
     // A null text changes nothing.
     renderer.Render(u"abc", &style);
@@ -207,9 +212,11 @@ TEST(TextRenderer, LongTextsPlaceEveryLineAsOneLayoutWould) {
 // pictures, as outlines (a pen) or as a path (an em past 512 px), and stay
 // where the glyph pictures put them.
 TEST(TextRenderer, ColourGlyphsKeepTheirColoursInEveryWayOfDrawing) {
-    auto yellowColumns = [](const CTextRenderer& renderer, const std::vector<uint8_t>& pixels,
-                            double* centre) {
+    // How many pixels are emoji yellow, and their mean column (a fraction of
+    // the width).
+    auto yellow = [](CTextRenderer& renderer) {
         const SIZE size = renderer.GetSize();
+        const std::vector<uint8_t> pixels = Pixels(renderer);
         int count = 0;
         double sum = 0;
         for (int y = 0; y < size.cy; ++y) {
@@ -221,25 +228,23 @@ TEST(TextRenderer, ColourGlyphsKeepTheirColoursInEveryWayOfDrawing) {
                 }
             }
         }
-        *centre = count > 0 ? sum / count : 0;
-        return count;
+        return std::pair(count, count > 0 ? sum / count : 0);
     };
     TextStyle style = Style(380, 0x2040FF);  // 507 px em: glyph pictures
     CTextRenderer renderer;
     renderer.Render(u"ab\U0001F600", &style);
-    double pictureCentre = 0;
-    ASSERT_GT(yellowColumns(renderer, Pixels(renderer), &pictureCentre), 10000);
+    const auto [pictureCount, pictureCentre] = yellow(renderer);
+    ASSERT_GT(pictureCount, 10000);
     style.fontSize = 400;  // 533 px em: a path
     renderer.Render(u"ab\U0001F600", &style);
-    double pathCentre = 0;
-    EXPECT_GT(yellowColumns(renderer, Pixels(renderer), &pathCentre), 10000);
+    const auto [pathCount, pathCentre] = yellow(renderer);
+    EXPECT_GT(pathCount, 10000);
     EXPECT_NEAR(pathCentre, pictureCentre, 0.02);
     style.fontSize = 16;
     style.outline = 1;
     style.outlineWidth = 2;
     renderer.Render(u"ab\U0001F600", &style);
-    double outlineCentre = 0;
-    EXPECT_GT(yellowColumns(renderer, Pixels(renderer), &outlineCentre), 50);
+    EXPECT_GT(yellow(renderer).first, 50);
 }
 
 // Outlined text is rasterised glyph by glyph: a glyph's counters stay holes.
@@ -318,9 +323,7 @@ TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
     }
     TextStyle style;
     renderer.Render(block.get(), &style);
-    SIZE size = renderer.GetSize();
-    EXPECT_LE(size.cx, lumets::kMaxPictureSide);
-    EXPECT_LE(size.cy, lumets::kMaxPictureSide);
+    EXPECT_TRUE(InLimits(renderer));
 
     // A face name filling all 32 units without a terminator.
     TextStyle longFace;
@@ -339,12 +342,7 @@ TEST(TextRendererBadInput, NeverReadsOrWritesOutsideAndStaysInLimits) {
             s.outlineWidth = outlineWidth;
             s.fillAngle = outlineWidth;  // odd angles too
             renderer.Render(u"Big 字✨", &s);
-            size = renderer.GetSize();
-            EXPECT_GE(size.cx, 2);
-            EXPECT_GE(size.cy, 2);
-            EXPECT_LE(size.cx, lumets::kMaxPictureSide);
-            EXPECT_LE(size.cy, lumets::kMaxPictureSide);
-            EXPECT_LE(static_cast<int64_t>(size.cx) * size.cy, lumets::kMaxPicturePixels);
+            EXPECT_TRUE(InLimits(renderer)) << fontSize << " pt, pen " << outlineWidth;
         }
     }
 }

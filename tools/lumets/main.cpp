@@ -60,7 +60,7 @@ struct Size {
     int32_t height = 0;
 };
 
-// "WxH", each side 16 to 8192 and even (the H.264 encoder needs it).
+// "WxH", each side 16 to 8192.
 std::string CheckSize(const std::string& text) {
     int32_t w = 0;
     int32_t h = 0;
@@ -198,6 +198,11 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
     const bool png = fs::path(out).extension() == ".png";
     if (png && !options.at) {
         std::fprintf(stderr, "lumets: a single PNG needs --at SECONDS\n");
+        return kBadCommandLine;
+    }
+    if (mp4 && (size.width % 2 != 0 || size.height % 2 != 0)) {
+        std::fprintf(stderr, "lumets: an MP4 needs an even width and height, not %dx%d\n",
+                     size.width, size.height);
         return kBadCommandLine;
     }
     const uint64_t frames =
