@@ -47,6 +47,11 @@ class CountingIterator {
     size_t* m_read;
 };
 
+constexpr size_t kMaxDepth = 32;
+constexpr size_t kMaxSceneBytes = size_t{16} << 20;
+
+struct SceneTooDeep {};
+
 // Builds the document as the library's own parser does, and notes where each
 // value and key starts, by JSON pointer ("/subtitles/0/id"; keys as "#key").
 class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
@@ -68,8 +73,7 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
     }
     bool string(json::string_t& value) { return Note(value.size() + 2), Base::string(value); }
     bool start_object(std::size_t size) {
-        Note(1, true);
-        m_frames.push_back(Frame{false, 0, {}});
+        Enter(false);
         return Base::start_object(size);
     }
     bool key(json::string_t& name) {
@@ -83,8 +87,7 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
         return Base::end_object();
     }
     bool start_array(std::size_t size) {
-        Note(1, true);
-        m_frames.push_back(Frame{true, 0, {}});
+        Enter(true);
         return Base::start_array(size);
     }
     bool end_array() {
@@ -105,6 +108,16 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
         size_t index;
         std::string key;
     };
+
+    // No scene nests deeper than a few levels; a file that does is refused
+    // before the work per value, which grows with the depth, adds up.
+    void Enter(bool array) {
+        Note(1, true);
+        if (m_frames.size() >= kMaxDepth) {
+            throw SceneTooDeep();
+        }
+        m_frames.push_back(Frame{array, 0, {}});
+    }
 
     std::string Path() const {
         std::string path;
@@ -196,6 +209,11 @@ class Reader {
     std::string m_baseDir;
     const LocatingParser& m_parser;
 };
+
+// Huge unsigned numbers read back negative, and are out of range either way.
+bool InCoordinateRange(int64_t value) {
+    return value >= -1'000'000 && value <= 1'000'000;
+}
 
 // The name of a field as a message shows it: "subtitles[0].items[1].text".
 std::string Dotted(const std::string& path) {
@@ -349,7 +367,7 @@ POINT Object::Point(const char* name, POINT fallback) {
     }
     const int64_t x = (*value)[0].get<int64_t>();
     const int64_t y = (*value)[1].get<int64_t>();
-    if (std::max(std::abs(x), std::abs(y)) > 1'000'000) {
+    if (!InCoordinateRange(x) || !InCoordinateRange(y)) {
         Fail(path, Dotted(path) + " is out of range");
     }
     return POINT{static_cast<int32_t>(x), static_cast<int32_t>(y)};
@@ -363,13 +381,25 @@ RECT Object::Rect(const char* name, RECT fallback) {
     }
     bool ok = value->is_array() && value->size() == 4;
     for (size_t i = 0; ok && i < 4; ++i) {
-        ok = (*value)[i].is_number_integer() && std::abs((*value)[i].get<int64_t>()) <= 1'000'000;
+        ok = (*value)[i].is_number_integer() && InCoordinateRange((*value)[i].get<int64_t>());
     }
     if (!ok) {
         Fail(path, Dotted(path) + " must be [left, top, right, bottom] in whole pixels");
     }
     const auto at = [&](size_t i) { return static_cast<int32_t>((*value)[i].get<int64_t>()); };
     return RECT{at(0), at(1), at(2), at(3)};
+}
+
+// A list of at most limit entries at path, or a located error.
+const json& List(Object& o, const json& value, const std::string& path, const char* what,
+                 size_t limit) {
+    if (!value.is_array()) {
+        o.Fail(path, Dotted(path) + " must be a list");
+    }
+    if (value.size() > limit) {
+        o.Fail(path, Dotted(path) + " has more than " + std::to_string(limit) + " " + what);
+    }
+    return value;
 }
 
 int32_t Direction(Object& object) {
@@ -499,9 +529,10 @@ Subtitle ReadSubtitle(const Reader& reader, const json& value, const std::string
     subtitle.intervalMs = o.Int("interval", 0, 0, 3'600'000);
     std::string itemsPath;
     const json* items = o.Take("items", &itemsPath);
-    if (items == nullptr || !items->is_array() || items->empty()) {
+    if (items == nullptr || (items->is_array() && items->empty())) {
         o.Fail(items == nullptr ? path : itemsPath, Dotted(path) + " needs a list of \"items\"");
     }
+    List(o, *items, itemsPath, "items", 256);
     for (size_t i = 0; i < items->size(); ++i) {
         subtitle.items.push_back(
             ReadItem(reader, (*items)[i], itemsPath + "/" + std::to_string(i)));
@@ -639,8 +670,14 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
     const CountingIterator first(text.data(), text.data(), &read);
     const CountingIterator last(text.data() + text.size(), text.data(), &read);
     Reader reader(name, text, baseDir, parser);
+    if (text.size() > kMaxSceneBytes) {
+        throw SceneError(name + ": larger than 16 MiB; no scene is that large");
+    }
     try {
         json::sax_parse(first, last, &parser);
+    } catch (const SceneTooDeep&) {
+        throw SceneError(reader.Where(read) + ": nested more than " + std::to_string(kMaxDepth) +
+                         " levels deep");
     } catch (const json::parse_error& error) {
         // "[json.exception.parse_error.101] parse error at line 3, column 7: syntax error
         // while parsing value - ...": keep what follows the position.
@@ -679,9 +716,8 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         }
     }
     if (const json* subtitles = o.Take("subtitles", &path)) {
-        if (!subtitles->is_array()) {
-            o.Fail(path, "\"subtitles\" must be a list");
-        }
+        // Every subtitle plays on threads of its own.
+        List(o, *subtitles, path, "subtitles", 256);
         for (size_t i = 0; i < subtitles->size(); ++i) {
             scene.subtitles.push_back(
                 ReadSubtitle(reader, (*subtitles)[i], path + "/" + std::to_string(i)));
@@ -696,9 +732,7 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         s.Done();
     }
     if (const json* actions = o.Take("actions", &path)) {
-        if (!actions->is_array()) {
-            o.Fail(path, "\"actions\" must be a list");
-        }
+        List(o, *actions, path, "actions", 100000);
         for (size_t i = 0; i < actions->size(); ++i) {
             scene.actions.push_back(
                 ReadAction(reader, (*actions)[i], path + "/" + std::to_string(i)));
@@ -714,6 +748,9 @@ Scene LoadScene(const std::string& path) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error)) {
         throw SceneError(path + ": no such scene file");
+    }
+    if (std::filesystem::file_size(path, error) > kMaxSceneBytes) {
+        throw SceneError(path + ": larger than 16 MiB; no scene is that large");
     }
     std::ifstream in(path, std::ios::binary);
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

@@ -1,0 +1,25 @@
+// Fuzz target: arbitrary bytes as a scene file. Reading must end in a scene
+// or in a located SceneError, never in another exception, a crash or a
+// stall; no media file exists, so any media reference is an error too.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "scene_file.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    try {
+        const lumets::tool::Scene scene =
+            lumets::tool::ParseScene(text, "fuzz.json", "/nonexistent-lumets-media");
+        if (scene.width < 16 || scene.height < 16 || !(scene.fps >= 1) ||
+            scene.subtitles.size() > 256) {
+            std::abort();
+        }
+    } catch (const lumets::tool::SceneError& error) {
+        if (std::string(error.what()).rfind("fuzz.json:", 0) != 0) {
+            std::abort();  // every message names the file first
+        }
+    }
+    return 0;
+}
