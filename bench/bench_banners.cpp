@@ -4,14 +4,12 @@
 //
 //   bench_banners --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "alloc_counter.h"
+#include "bench_fixtures.h"
 #include "image/pixel_ops.h"
 #include "lumets/weird_subtitle_manager.h"
 
@@ -20,15 +18,10 @@ namespace {
 constexpr int kFrameW = 1920;
 constexpr int kFrameH = 1080;
 
-std::string g_dir;
-
 std::u16string MakeImage(const std::string& name, const std::string& source) {
-    const std::string path = g_dir + "/" + name;
-    const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i '" + source +
-                                "' -frames:v 1 -pix_fmt rgba '" + path + "'";
-    if (std::system(command.c_str()) != 0) {
-        std::abort();
-    }
+    static const lumets::bench::ScratchDir dir;
+    const std::string path =
+        dir.Ffmpeg(name, "-f lavfi -i '" + source + "' -frames:v 1 -pix_fmt rgba");
     return std::u16string(path.begin(), path.end());
 }
 
@@ -92,16 +85,4 @@ BENCHMARK(BM_ComposeOmbrel)->Arg(10)->Arg(15)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "lumets-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        return 1;
-    }
-    g_dir = pattern;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::error_code ignored;
-    std::filesystem::remove_all(g_dir, ignored);
-    return 0;
-}
+BENCHMARK_MAIN();

@@ -5,31 +5,20 @@
 // start-up. The target buffer is reused, as a banner reloading its image
 // would. The plate drawn at two scales is in bench_scale.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "bench_fixtures.h"
 #include "image/image_loader.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets {
 namespace {
 
-std::string g_dir;
-
-std::string MakePicture(const std::string& name, const std::string& args) {
-    const std::string path = g_dir + "/" + name;
-    const std::string command =
-        "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=1920x1080:rate=1 -frames:v 1 " +
-        args + " '" + path + "'";
-    if (std::system(command.c_str()) != 0) {
-        std::fprintf(stderr, "could not make %s\n", path.c_str());
-    }
-    return path;
+std::string MakePicture(const bench::ScratchDir& dir, const std::string& name,
+                        const std::string& args) {
+    return dir.Ffmpeg(name, "-f lavfi -i testsrc2=size=1920x1080:rate=1 -frames:v 1 " + args);
 }
 
 struct Buffer {
@@ -67,14 +56,10 @@ BENCHMARK(BM_LoadMaskResource)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
     using namespace lumets;
-    std::string pattern = (std::filesystem::temp_directory_path() / "lumets-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        return 1;
-    }
-    g_dir = pattern;
-    const std::string rgbaPng = MakePicture("rgba.png", "-pix_fmt rgba");
-    const std::string rgbPng = MakePicture("rgb.png", "-pix_fmt rgb24");
-    const std::string jpeg = MakePicture("yuv420.jpg", "-pix_fmt yuvj420p -q:v 3");
+    const bench::ScratchDir dir;
+    const std::string rgbaPng = MakePicture(dir, "rgba.png", "-pix_fmt rgba");
+    const std::string rgbPng = MakePicture(dir, "rgb.png", "-pix_fmt rgb24");
+    const std::string jpeg = MakePicture(dir, "yuv420.jpg", "-pix_fmt yuvj420p -q:v 3");
 
     benchmark::RegisterBenchmark("BM_LoadPng1080pRgba", LoadFileBenchmark, rgbaPng)
         ->Unit(benchmark::kMillisecond);
@@ -86,7 +71,5 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    std::error_code ignored;
-    std::filesystem::remove_all(g_dir, ignored);
     return 0;
 }

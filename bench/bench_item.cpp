@@ -6,49 +6,34 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "alloc_counter.h"
+#include "bench_fixtures.h"
 #include "image/pixel_ops.h"
 #include "subtitle/lumet.h"
 
 namespace {
 
 struct Scene {
-    std::string dir;
+    lumets::bench::ScratchDir dir;
     SwfPart swf{};
-    std::unique_ptr<TextPart> text = std::make_unique<TextPart>();
+    std::unique_ptr<TextPart> text =
+        lumets::bench::OutlinedText(u"Live subtitle 直播字幕 scrolling across the frame", 32);
     BackgroundPart plate{0x804020, 80, 0, {}};
     lumets::CLumet item;
 
     Scene() {
-        char pattern[] = "/tmp/lumets-bench-XXXXXX";
-        dir = mkdtemp(pattern);
-        const std::string movie = dir + "/movie.apng";
-        const std::string command =
-            "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=s=640x360:d=2:r=30 -plays 0 "
-            "-f apng " +
-            movie;
-        if (std::system(command.c_str()) != 0) {
-            std::abort();
-        }
+        const std::string movie =
+            dir.Ffmpeg("movie.apng", "-f lavfi -i testsrc2=s=640x360:d=2:r=30 -plays 0 -f apng");
         const std::u16string path(movie.begin(), movie.end());
         std::copy(path.begin(), path.end(), swf.szPath);
         swf.rcClip = RECT{0, 0, 1280, 720};
         swf.x = 100;
         swf.y = 80;
-        std::memset(static_cast<void*>(text.get()), 0, sizeof(TextPart));
-        text->style = TextStyle();
-        text->style.fontSize = 32;
-        text->style.fillColor1 = text->style.fillColor2 = 0xFFFFFF;
-        text->style.outline = 1;
-        text->style.outlineWidth = 2;
-        const char16_t line[] = u"Live subtitle 直播字幕 scrolling across the frame";
-        std::memcpy(text->text, line, sizeof line);
         text->rcClip = RECT{0, 600, 1280, 700};
         text->x = 200;
         text->y = 620;
@@ -61,10 +46,7 @@ struct Scene {
         }
         item.SignalPlay();
     }
-    ~Scene() {
-        item.Stop();
-        std::system(("rm -rf " + dir).c_str());
-    }
+    ~Scene() { item.Stop(); }
 };
 
 void BM_CompositeToFrame(benchmark::State& state) {

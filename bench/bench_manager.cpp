@@ -5,13 +5,12 @@
 // the heap allocations of the drawing thread per frame.
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "alloc_counter.h"
+#include "bench_fixtures.h"
 #include "image/pixel_ops.h"
 #include "lumets/host/headless_gl.h"
 #include "manager/lumet_manager.h"
@@ -19,33 +18,18 @@
 namespace {
 
 struct Scene {
-    std::string dir;
+    lumets::bench::ScratchDir dir;
     SwfPart swf{};
-    std::unique_ptr<TextPart> text = std::make_unique<TextPart>();
+    std::unique_ptr<TextPart> text =
+        lumets::bench::OutlinedText(u"Live subtitle 直播字幕 scrolls", 24);
     lumets::CLumetManager manager;
 
     Scene() {
-        char pattern[] = "/tmp/lumets-bench-XXXXXX";
-        dir = mkdtemp(pattern);
-        const std::string movie = dir + "/movie.apng";
-        const std::string command =
-            "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=s=320x180:d=2:r=30 -plays 0 -f "
-            "apng " +
-            movie;
-        if (std::system(command.c_str()) != 0) {
-            std::abort();
-        }
+        const std::string movie =
+            dir.Ffmpeg("movie.apng", "-f lavfi -i testsrc2=s=320x180:d=2:r=30 -plays 0 -f apng");
         const std::u16string path(movie.begin(), movie.end());
         std::copy(path.begin(), path.end(), swf.szPath);
         swf.rcClip = RECT{0, 0, 400, 240};
-        std::memset(static_cast<void*>(text.get()), 0, sizeof(TextPart));
-        text->style = TextStyle();
-        text->style.fontSize = 24;
-        text->style.fillColor1 = text->style.fillColor2 = 0xFFFFFF;
-        text->style.outline = 1;
-        text->style.outlineWidth = 2;
-        const char16_t line[] = u"Live subtitle 直播字幕 scrolls";
-        std::memcpy(text->text, line, sizeof line);
         text->rcClip = RECT{0, 190, 400, 240};
         text->y = 200;
         text->nDirection = 2;
@@ -60,10 +44,7 @@ struct Scene {
                                 0);
         }
     }
-    ~Scene() {
-        manager.RemoveAllSubtitles();
-        std::system(("rm -rf " + dir).c_str());
-    }
+    ~Scene() { manager.RemoveAllSubtitles(); }
 };
 
 Scene& TheScene() {

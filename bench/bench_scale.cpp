@@ -9,12 +9,11 @@
 //   bench_scale --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "alloc_counter.h"
+#include "bench_fixtures.h"
 #include "image/pixel_ops.h"
 #include "lumets/host/flash_player.h"
 #include "lumets/time_source.h"
@@ -42,14 +41,8 @@ void Report(benchmark::State& state, uint64_t allocations, uint32_t scales) {
 // 40 characters of mixed CJK and Latin, gradient and outline.
 void BM_TextSteady(benchmark::State& state, float scale) {
     lumets::CTextRenderer renderer;
-    TextStyle style;
-    style.fontSize = 24;
-    style.fillColor1 = 0xFF4000;
-    style.fillColor2 = 0x2040FF;
-    style.fillAngle = 30.0f;
-    style.outline = 1;
-    style.outlineWidth = 2.0f;
-    renderer.Render(u"Live 直播 subtitle 字幕 test 测试 line 行 ok", &style);
+    const TextStyle style = lumets::bench::GradientOutlineStyle();
+    renderer.Render(lumets::bench::kMixedLine, &style);
     std::vector<uint8_t> frame = HostFrame();
     const RECT clip{0, 0, kFrameW, kFrameH};
     const auto draw = [&] {
@@ -89,17 +82,11 @@ void BM_Plate(benchmark::State& state, float scale, bool colourChanges) {
 
 // A 640 x 360 WebM with alpha at 25 fps; the host draws every 16.7 ms.
 void BM_Movie60OverA25fpsMovie(benchmark::State& state, float scale) {
+    const lumets::bench::ScratchDir dir;
     const std::string file =
-        (std::filesystem::temp_directory_path() / "lumets-bench-25fps.webm").string();
-    const std::string command =
-        "ffmpeg -nostdin -v error -y -f lavfi -i "
-        "'testsrc2=s=640x360:r=25:d=2,format=rgba,colorchannelmixer=aa=0.6' -c:v libvpx-vp9 "
-        "-pix_fmt yuva420p -deadline realtime -cpu-used 8 -b:v 2M '" +
-        file + "'";
-    if (std::system(command.c_str()) != 0) {
-        state.SkipWithError("ffmpeg could not make the movie");
-        return;
-    }
+        dir.Ffmpeg("25fps.webm",
+                   "-f lavfi -i 'testsrc2=s=640x360:r=25:d=2,format=rgba,colorchannelmixer=aa=0.6' "
+                   "-c:v libvpx-vp9 -pix_fmt yuva420p -deadline realtime -cpu-used 8 -b:v 2M");
     lumets::SetTimeMode(lumets::TimeMode::Virtual);
     IFlashPlayer* player = CreateFlashPlayer();
     const std::u16string path(file.begin(), file.end());
@@ -127,7 +114,6 @@ void BM_Movie60OverA25fpsMovie(benchmark::State& state, float scale) {
     Report(state, allocations, 0);
     DeleteFlashPlayer(player);
     lumets::SetTimeMode(lumets::TimeMode::Real);
-    std::filesystem::remove(file);
 }
 
 }  // namespace

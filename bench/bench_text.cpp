@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_fixtures.h"
 #include "text/cairo_handles.h"
 #include "text/font_system.h"
 #include "text/pango_handles.h"
@@ -14,26 +15,14 @@
 
 namespace {
 
-// 40 characters mixing CJK and Latin.
-const char16_t kLine[] = u"Live 直播 subtitle 字幕 test 测试 line 行 ok";
-
-TextStyle BenchStyle() {
-    TextStyle style;
-    style.fontSize = 24;
-    style.fillColor1 = 0xFF4000;
-    style.fillColor2 = 0x2040FF;
-    style.fillAngle = 30.0f;
-    style.outline = 1;
-    style.outlineWidth = 2.0f;
-    style.outlineColor = 0x000000;
-    return style;
-}
+using lumets::bench::kMixedLine;
+constexpr auto BenchStyle = lumets::bench::GradientOutlineStyle;
 
 void BM_Render(benchmark::State& state) {
     lumets::CTextRenderer renderer;
     const TextStyle style = BenchStyle();
     for (auto _ : state) {
-        renderer.Render(kLine, &style);
+        renderer.Render(kMixedLine, &style);
         benchmark::DoNotOptimize(renderer.GetSize());
     }
 }
@@ -61,7 +50,7 @@ BENCHMARK(BM_RenderManyOutlinedLines)->Unit(benchmark::kMillisecond);
 void BM_BarePangoCairoFloor(benchmark::State& state) {
     lumets::CTextRenderer renderer;
     const TextStyle style = BenchStyle();
-    renderer.Render(kLine, &style);
+    renderer.Render(kMixedLine, &style);
     const SIZE size = renderer.GetSize();
     std::vector<uint8_t> pixels(static_cast<size_t>(size.cx) * size.cy * 4);
     const char* utf8 = "Live 直播 subtitle 字幕 test 测试 line 行 ok";
