@@ -101,6 +101,19 @@ void BlendText(const PictureView& frame, const char16_t* text, const TextStyle& 
     renderer.BlendInto(frame, POINT{centred ? x - renderer.GetSize().cx / 2 : x, y});
 }
 
+const char16_t* const kTavrinTexts[6] = {u"主播", u"嘉宾", u"连麦中", u"PK 3:2", u"甲", u"乙乙"};
+
+// Every banner ready with the test's texts and images.
+void SetUpAll(IWeirdSubtitleManager* m, int reserved = 0) {
+    m->SetTavrinTexts(kTavrinTexts[0], kTavrinTexts[1], kTavrinTexts[2], kTavrinTexts[3],
+                      kTavrinTexts[4], kTavrinTexts[5]);
+    m->LoadTavrinImages(P("image1.png").c_str(), P("image2.png").c_str());
+    m->SetQuellinTexts(u"第 3 关", u"得分 12800", reserved);
+    m->LoadQuellinPlate(P("plate.png").c_str());
+    m->SetOmbrelText(u"Ombrel 冠军 ✨", 20);
+    m->LoadOmbrelImages(P("caps.png").c_str(), P("middle.png").c_str());
+}
+
 struct Manager {
     Manager() : m(CreateWeirdSubtitleManager()) {}
     ~Manager() { DeleteWeirdSubtitleManager(m); }
@@ -108,15 +121,9 @@ struct Manager {
     IWeirdSubtitleManager* m;
 };
 
-const char16_t* const kTavrinTexts[6] = {u"主播", u"嘉宾", u"连麦中", u"PK 3:2", u"甲", u"乙乙"};
-
 TEST(Banners, TavrinAndQuellinLandWhereTheLayoutPutsThem) {
     Manager manager;
-    manager->SetTavrinTexts(kTavrinTexts[0], kTavrinTexts[1], kTavrinTexts[2], kTavrinTexts[3],
-                            kTavrinTexts[4], kTavrinTexts[5]);
-    manager->LoadTavrinImages(P("image1.png").c_str(), P("image2.png").c_str());
-    manager->SetQuellinTexts(u"第 3 关", u"得分 12800", 12345);
-    manager->LoadQuellinPlate(P("plate.png").c_str());
+    SetUpAll(manager.m, 12345);  // the reserved value is never read
     const POINT tavrin{30, 200};
     const POINT quellin{700, 40};
     Frame frame(1280, 720);
@@ -285,13 +292,7 @@ TEST_F(OmbrelTest, ThePlateIsRebuiltOnlyForANewSizeAndScaledOnce) {
 
 TEST(Banners, AllThreeInAFrameMatchTheGolden) {
     Manager manager;
-    manager->SetTavrinTexts(kTavrinTexts[0], kTavrinTexts[1], kTavrinTexts[2], kTavrinTexts[3],
-                            kTavrinTexts[4], kTavrinTexts[5]);
-    manager->LoadTavrinImages(P("image1.png").c_str(), P("image2.png").c_str());
-    manager->SetQuellinTexts(u"第 3 关", u"得分 12800", 0);
-    manager->LoadQuellinPlate(P("plate.png").c_str());
-    manager->SetOmbrelText(u"Ombrel 冠军 ✨", 20);
-    manager->LoadOmbrelImages(P("caps.png").c_str(), P("middle.png").c_str());
+    SetUpAll(manager.m);
     Frame frame(1280, 720);
     const POINT tavrin{40, 600};
     const POINT quellin{900, 400};
@@ -316,14 +317,7 @@ TEST(Banners, RefusalsAndBadInputDrawNothing) {
         int32_t width = 320;
         int32_t height = 200;
     };
-    auto ready = [](IWeirdSubtitleManager* m) {
-        m->SetTavrinTexts(u"a", u"b", u"c", u"d", u"e", u"f");
-        m->LoadTavrinImages(P("image1.png").c_str(), P("image2.png").c_str());
-        m->SetQuellinTexts(u"a", u"b", 0);
-        m->LoadQuellinPlate(P("plate.png").c_str());
-        m->SetOmbrelText(u"a", 16);
-        m->LoadOmbrelImages(P("caps.png").c_str(), P("middle.png").c_str());
-    };
+    const auto ready = [](IWeirdSubtitleManager* m) { SetUpAll(m); };
     const Case cases[] = {
         {"nothing set", [](IWeirdSubtitleManager*) {}},
         {"no images",
