@@ -685,6 +685,12 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         const size_t colon = what.find(": ", what.find("column"));
         what = colon == std::string::npos ? what : what.substr(colon + 2);
         throw SceneError(reader.Where(error.byte == 0 ? 0 : error.byte - 1) + ": " + what);
+    } catch (const json::exception& error) {
+        // A number beyond a double's range, say: the parser stops where it read.
+        std::string what = error.what();
+        const size_t close = what.find("] ");
+        throw SceneError(reader.Where(read) + ": " +
+                         (close == std::string::npos ? what : what.substr(close + 2)));
     }
 
     Scene scene;
