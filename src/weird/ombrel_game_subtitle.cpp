@@ -139,7 +139,7 @@ void COmbrelGameSubtitle::Compose(uint8_t* frame, int32_t width, int32_t height,
     const ConstPictureView plate = sw == plateWidth && sh == plateHeight
                                        ? std::as_const(m_plate).View()
                                        : m_scaledPlate.Get(m_plate, m_plateVersion, sw, sh);
-    // Both sides of the rectangle are >= 0, so these sums cannot overflow.
+    // Every side of the rectangle is >= 0, so these differences cannot overflow.
     const int32_t halfWidth = (rect->right - rect->left) / 2;
     const int32_t halfHeight = (rect->bottom - rect->top) / 2;
     if (plate.data != nullptr) {
