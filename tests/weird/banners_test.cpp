@@ -39,6 +39,15 @@ class BannerFiles : public ::testing::Environment {
         Make("middle_rgb.png", "color=c=0x802040:s=800x36", "rgb24");
         Make("big.png", "color=c=black:s=4097x4096", "rgb24");
         ASSERT_TRUE(test::WriteBytes(m_dir.File("corrupt.png"), {0x89, 'P', 'N', 'G', 1, 2, 3}));
+        // A PNG whose header claims 20000 x 20000 pixels over a few bytes of data.
+        ASSERT_TRUE(RunCommand(
+            "python3 -c 'import struct, sys, zlib\n"
+            "def chunk(t, d): return struct.pack(\">I\", len(d)) + t + d + struct.pack(\">I\", "
+            "zlib.crc32(t + d))\n"
+            "sys.stdout.buffer.write(b\"\\x89PNG\\r\\n\\x1a\\n\" + chunk(b\"IHDR\", "
+            "struct.pack(\">IIBBBBB\", 20000, 20000, 8, 6, 0, 0, 0)) + chunk(b\"IDAT\", "
+            "zlib.compress(bytes(4096))) + chunk(b\"IEND\", b\"\"))' > " +
+            Quote(m_dir.File("huge.png"))));
     }
     // Caps of a given width, left half red and right half green.
     std::u16string Caps(int width) {
@@ -331,6 +340,7 @@ TEST(Banners, RefusalsAndBadInputDrawNothing) {
              m->SetTavrinTexts(u"a", u"b", u"c", u"d", u"e", u"f");
              m->LoadTavrinImages(P("image1.png").c_str(), P("missing.png").c_str());
              m->SetQuellinTexts(u"a", u"b", 0);
+             m->LoadQuellinPlate(P("huge.png").c_str());
              m->LoadQuellinPlate(P("corrupt.png").c_str());
              m->SetOmbrelText(u"a", 16);
              m->LoadOmbrelImages(P("big.png").c_str(), P("").c_str());
