@@ -104,6 +104,11 @@ class CLumet : public CFlashPlayerEventHandler {
     void PlayingLumetProc();
     void StepFlashLayer();
     void StepTextLayer();
+    // One step of layer (the movie's or the text's motion, its lock held)
+    // inside its clip. While the other layer shows, the clip widens to the
+    // layer's origin, and layers moving in lock step move as one block.
+    void StepWithin(LayerMotion& layer, SIZE own, bool otherShows, const LayerMotion& flash,
+                    SIZE movie, const LayerMotion& text, SIZE textSize);
     void AdvancePosition(POINT& pos, float step, int32_t direction, const RECT& clip, SIZE extent,
                          bool wrap);
     bool IsFlashScrolling();

@@ -224,17 +224,7 @@ void CLumet::StepFlashLayer() {
         textMotion = m_text;
     }
     CAutoLock lock(&m_flashLock);
-    SIZE extent = movie;
-    RECT clip = m_flash.clip;
-    if (text.cx != 0 && text.cy != 0) {
-        clip = WidenedTo(clip, m_flash.origin);
-        if (InLockStep(m_flash, textMotion)) {
-            extent = BlockExtent(m_flash, movie, textMotion, text, m_flash.origin);
-        }
-    }
-    if (extent.cx != 0 && extent.cy != 0 && m_flash.step > 1e-5f && IsMoving(m_flash.direction)) {
-        AdvancePosition(m_flash.pos, m_flash.step, m_flash.direction, clip, extent, m_flash.wrap);
-    }
+    StepWithin(m_flash, movie, text.cx != 0 && text.cy != 0, m_flash, movie, textMotion, text);
 }
 
 void CLumet::StepTextLayer() {
@@ -263,16 +253,21 @@ void CLumet::StepTextLayer() {
         flash = m_flash;
     }
     CAutoLock lock(&m_textPosLock);
-    SIZE extent = text;
-    RECT clip = m_text.clip;
-    if (movie.cx != 0 && movie.cy != 0) {
-        clip = WidenedTo(clip, m_text.origin);
-        if (InLockStep(flash, m_text)) {
-            extent = BlockExtent(flash, movie, m_text, text, m_text.origin);
+    StepWithin(m_text, text, movie.cx != 0 && movie.cy != 0, flash, movie, m_text, text);
+}
+
+void CLumet::StepWithin(LayerMotion& layer, SIZE own, bool otherShows, const LayerMotion& flash,
+                        SIZE movie, const LayerMotion& text, SIZE textSize) {
+    SIZE extent = own;
+    RECT clip = layer.clip;
+    if (otherShows) {
+        clip = WidenedTo(clip, layer.origin);
+        if (InLockStep(flash, text)) {
+            extent = BlockExtent(flash, movie, text, textSize, layer.origin);
         }
     }
-    if (extent.cx != 0 && extent.cy != 0 && m_text.step > 1e-5f && IsMoving(m_text.direction)) {
-        AdvancePosition(m_text.pos, m_text.step, m_text.direction, clip, extent, m_text.wrap);
+    if (extent.cx != 0 && extent.cy != 0 && layer.step > 1e-5f && IsMoving(layer.direction)) {
+        AdvancePosition(layer.pos, layer.step, layer.direction, clip, extent, layer.wrap);
     }
 }
 
