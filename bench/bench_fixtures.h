@@ -6,6 +6,7 @@
 #include <lumets/records.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -59,6 +60,16 @@ inline TextStyle GradientOutlineStyle() {
     style.outline = 1;
     style.outlineWidth = 2.0f;
     return style;
+}
+
+// A movie record for a looping two-second test pattern of the given size
+// ("640x360"), made in dir; clip and position are the caller's.
+inline SwfPart PatternMovie(const ScratchDir& dir, const std::string& size) {
+    const std::string movie = dir.Ffmpeg(
+        "movie-" + size + ".apng", "-f lavfi -i testsrc2=s=" + size + ":d=2:r=30 -plays 0 -f apng");
+    SwfPart swf{};
+    std::copy(movie.begin(), movie.end(), swf.szPath);  // the temp folder is ASCII
+    return swf;
 }
 
 // A text record for text in white with a 2-pixel outline; the geometry is

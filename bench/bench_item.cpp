@@ -20,17 +20,13 @@ namespace {
 
 struct Scene {
     lumets::bench::ScratchDir dir;
-    SwfPart swf{};
+    SwfPart swf = lumets::bench::PatternMovie(dir, "640x360");
     std::unique_ptr<TextPart> text =
         lumets::bench::OutlinedText(u"Live subtitle 直播字幕 scrolling across the frame", 32);
     BackgroundPart plate{0x804020, 80, 0, {}};
     lumets::CLumet item;
 
     Scene() {
-        const std::string movie =
-            dir.Ffmpeg("movie.apng", "-f lavfi -i testsrc2=s=640x360:d=2:r=30 -plays 0 -f apng");
-        const std::u16string path(movie.begin(), movie.end());
-        std::copy(path.begin(), path.end(), swf.szPath);
         swf.rcClip = RECT{0, 0, 1280, 720};
         swf.x = 100;
         swf.y = 80;

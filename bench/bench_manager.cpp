@@ -19,16 +19,12 @@ namespace {
 
 struct Scene {
     lumets::bench::ScratchDir dir;
-    SwfPart swf{};
+    SwfPart swf = lumets::bench::PatternMovie(dir, "320x180");
     std::unique_ptr<TextPart> text =
         lumets::bench::OutlinedText(u"Live subtitle 直播字幕 scrolls", 24);
     lumets::CLumetManager manager;
 
     Scene() {
-        const std::string movie =
-            dir.Ffmpeg("movie.apng", "-f lavfi -i testsrc2=s=320x180:d=2:r=30 -plays 0 -f apng");
-        const std::u16string path(movie.begin(), movie.end());
-        std::copy(path.begin(), path.end(), swf.szPath);
         swf.rcClip = RECT{0, 0, 400, 240};
         text->rcClip = RECT{0, 190, 400, 240};
         text->y = 200;
