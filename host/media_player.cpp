@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <mutex>
 
+#include "image/scaled_composite.h"
 #include "lumets/time_source.h"
 #include "lumets_platform/event.h"
 #include "lumets_platform/utf16.h"
@@ -28,8 +29,6 @@ struct CMediaPlayer::Shared {
     bool loading = false;
     bool playing = false;
     bool quit = false;
-    // True while the playing thread runs the handler's OnPlayEnd.
-    bool inCallback = false;
     size_t frameIndex = 0;
     // While playing: the time-source instant at which the current pass began.
     // Signed: a position taken in one time mode may exceed the clock of another.
@@ -86,7 +85,6 @@ struct CMediaPlayer::Shared {
                 }
                 passes = self->Advance(&waitMs);
                 handler = self->handler;
-                self->inCallback = passes > 0 && handler != nullptr;
             }
             if (passes > 0 && handler != nullptr) {
                 // Never under our own lock: the handler pauses us and takes its
@@ -94,8 +92,6 @@ struct CMediaPlayer::Shared {
                 for (uint32_t i = 0; i < passes; ++i) {
                     handler->OnPlayEnd(FILE_TYPE_MEDIA);
                 }
-                std::lock_guard<std::mutex> lock(self->mutex);
-                self->inCallback = false;
                 continue;  // the handler may have paused or stopped us
             }
             self->wake.WaitFor(waitMs);
@@ -105,16 +101,17 @@ struct CMediaPlayer::Shared {
 
 CMediaPlayer::CMediaPlayer() : m_shared(std::make_shared<Shared>()) {}
 
+// Always waits for the thread, also while it is inside the handler's
+// OnPlayEnd: the handler (and what it reaches) must outlive every callback,
+// and the owner destroys the handler right after the player. A handler never
+// destroys the player that calls it, so the wait cannot be on itself.
 CMediaPlayer::~CMediaPlayer() {
-    bool inCallback = false;
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
         m_shared->quit = true;
-        inCallback = m_shared->inCallback;
     }
     m_shared->wake.Set();
-    // The thread owns its share of the state, so letting it go is safe.
-    m_thread.WaitForEnd(inCallback ? 0 : platform::kWaitInfinite);
+    m_thread.WaitForEnd(platform::kWaitInfinite);
 }
 
 void CMediaPlayer::SetEventHandler(CFlashPlayerEventHandler* handler) {
@@ -280,8 +277,16 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
     }
     const PictureView target =
         PackedPicture(frame, static_cast<int32_t>(width), static_cast<int32_t>(height), 24);
-    const RECT area = clip != nullptr ? *clip : RECT{0, 0, target.width, target.height};
-    const POINT origin = pos != nullptr ? *pos : POINT{0, 0};
+    // The clip and position come in item units, as the text's and the plate's
+    // do, and scale with the frame as theirs do.
+    RECT area{0, 0, target.width, target.height};
+    if (clip != nullptr) {
+        area = RECT{ScaleCoordinate(clip->left, scale), ScaleCoordinate(clip->top, scale),
+                    ScaleCoordinate(clip->right, scale), ScaleCoordinate(clip->bottom, scale)};
+    }
+    const POINT origin = pos != nullptr
+                             ? POINT{ScaleCoordinate(pos->x, scale), ScaleCoordinate(pos->y, scale)}
+                             : POINT{0, 0};
     m_scaledFrames.WithFrame(movie, index, scaledWidth, scaledHeight, [&](const uint8_t* pixels) {
         BlendIntoFrame24(target, area, origin,
                          PackedPicture(pixels, scaledWidth, scaledHeight, 32));

@@ -14,12 +14,12 @@
 #include "lumets_platform/geometry.h"
 
 namespace lumets {
-namespace {
 
-// float * scale truncated toward zero, saturated to int32 (NaN gives 0).
 int32_t ScaleCoordinate(int32_t value, float scale) {
     return TruncateSaturated(static_cast<double>(static_cast<float>(value) * scale));
 }
+
+namespace {
 
 // The rectangle of a width x height picture with its top-left at at.
 RECT Placed(POINT at, int64_t width, int64_t height) {

@@ -16,6 +16,11 @@ namespace lumets {
 // allocated with this much room after its last row.
 inline constexpr uint32_t kScalerSlackBytes = 64;
 
+// A coordinate in item units at the scale: float * scale truncated toward
+// zero, saturated to int32 (NaN gives 0). Every layer places itself with it,
+// so a movie, its plate and its text line up at any scale.
+int32_t ScaleCoordinate(int32_t value, float scale);
+
 // Ensure for a 32-bit width x height picture plus the scaler's slack.
 void EnsureScalable(PixelBuffer& buffer, uint32_t width, uint32_t height);
 

@@ -74,6 +74,11 @@ void CLumetManager::RemoveSubtitle(const char16_t* id) {
 
 void CLumetManager::RemoveAllSubtitles() {
     CAutoLock lock(&m_lock);
+    // Every queue is asked to stop before any is waited for, so removing many
+    // costs about one frame, not one per subtitle.
+    for (const auto& [id, player] : m_players) {
+        player->RequestStop();
+    }
     m_players.clear();
 }
 
@@ -87,6 +92,7 @@ void CLumetManager::TrimGroup(const char16_t* group, uint32_t keep) {
     const std::vector<Entry>& members = ByStartTime(group, false);
     for (size_t i = 0; i + keep < members.size(); ++i) {
         oldest.push_back(*members[i].id);
+        members[i].player->RequestStop();  // all asked before any is waited for
     }
     for (const std::u16string& id : oldest) {
         RemoveSubtitle(id.c_str());
@@ -188,10 +194,10 @@ void CLumetManager::DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height
 
 void CLumetManager::Release(const std::vector<TextureSlot>& slots, std::vector<GLuint>* names) {
     for (const TextureSlot& slot : slots) {
-        if (slot.texture != 0) {
-            names->push_back(slot.texture);
+        names->push_back(slot.texture);
+        if (slot.pbo != nullptr) {
+            CGLObjectFactory::DestroyPBO(slot.pbo);
         }
-        CGLObjectFactory::DestroyPBO(slot.pbo);
     }
 }
 
@@ -250,6 +256,9 @@ void CLumetManager::ReleaseGpuResources() {
     m_names.clear();
     for (const auto& [id, slots] : m_textureSlots) {
         Release(slots, &m_names);
+    }
+    if (m_names.empty()) {
+        glDeleteTextures(0, m_names.data());  // also with nothing to delete, as a GL trace expects
     }
     DeleteTexturesInBatches(m_names);
     m_textureSlots.clear();

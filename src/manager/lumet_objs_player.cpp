@@ -1,6 +1,7 @@
 #include "manager/lumet_objs_player.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "log/logger.h"
 #include "lumets/time_source.h"
@@ -11,6 +12,8 @@ namespace lumets {
 namespace {
 
 constexpr int32_t kPauseStepMs = 100;
+// The wait after a looping round that took no time: one frame step.
+constexpr int32_t kRoundFloorMs = 33;
 
 template <typename Part>
 std::unique_ptr<Part> CopyOf(const Part* part) {
@@ -68,52 +71,86 @@ void CLumetObjsPlayer::Setup(const char16_t* group, const ItemDescription* items
     m_loop.store(loop);
     platform::U16CopyTruncate(m_group, kGroupUnits, group, kGroupUnits);
     SetItems(items, count);
-    PlayAt(0);
-    m_currentIndex.store(0);
+    if (RestartEnded()) {
+        PlayAt(0);
+        m_currentIndex.store(0);
+    }
 }
 
-void CLumetObjsPlayer::Pause() {
-    const int32_t interval = m_intervalMs.load();
-    if (interval > 0 && interval <= kPauseStepMs) {
-        SleepMs(static_cast<uint32_t>(interval));
+bool CLumetObjsPlayer::RestartEnded() {
+    std::vector<std::unique_ptr<CLumet>> failed;
+    {
+        CAutoLock lock(&m_lock);
+        const size_t n = std::min(m_items.size(), m_descs.size());
+        for (size_t j = 0; j < n; ++j) {
+            // Items whose threads have ended start again; running ones (left
+            // waiting by a cycle that ended early) stay as they are.
+            const ItemDescription desc = m_descs[j].View();
+            if (m_items[j]->GetState() == LumetState::Idle &&
+                !m_items[j]->Start(&desc, false, m_loop.load())) {
+                // As a failed creation: the item goes, the queue is idle and
+                // a later Setup tries again.
+                m_current.store(nullptr);
+                failed.assign(std::make_move_iterator(m_items.begin() + static_cast<ptrdiff_t>(j)),
+                              std::make_move_iterator(m_items.end()));
+                m_items.resize(j);
+                break;
+            }
+        }
+    }
+    return failed.empty();  // the failed items are destroyed outside the lock
+}
+
+void CLumetObjsPlayer::Pause(int32_t intervalMs) {
+    if (intervalMs > 0 && intervalMs <= kPauseStepMs) {
+        m_wake.WaitFor(static_cast<uint32_t>(intervalMs));
         return;
     }
-    // Longer pauses go in steps that see a stop within one step.
-    for (int64_t slept = 0; slept < interval && !m_stopping.load(); slept += kPauseStepMs) {
-        SleepMs(kPauseStepMs);
+    // Longer pauses go in steps, as a host would see them: the pause is the
+    // interval rounded up to a whole step.
+    for (int64_t slept = 0; slept < intervalMs && !m_stopping.load(); slept += kPauseStepMs) {
+        if (m_wake.WaitFor(kPauseStepMs)) {
+            return;
+        }
     }
 }
 
 void CLumetObjsPlayer::PlayAt(uint32_t index) {
-    const size_t n = m_descs.size();
-    if (n == 0) {
-        return;
-    }
-    if (index >= n) {
-        if (!m_loop.load()) {
-            return;  // the queue has ended; the last item stays current
+    int32_t pauseMs = 0;
+    {
+        CAutoLock lock(&m_lock);
+        const size_t n = m_descs.size();
+        if (n == 0) {
+            return;
         }
-        index = static_cast<uint32_t>(index % n);
-    }
-    m_currentIndex.store(index);
-    if (index == 0) {
-        const bool cycling = !m_items.empty() && !m_stopping.load();
-        if (cycling) {
+        if (index >= n) {
+            if (!m_loop.load()) {
+                return;  // the queue has ended; the last item stays current
+            }
+            index = static_cast<uint32_t>(index % n);
+        }
+        m_currentIndex.store(index);
+        if (index == 0 && !m_items.empty() && !m_stopping.load()) {
+            // A repeat cycle. A round that took no time at all (every turn
+            // without a step, no interval) waits one frame, or it would hand
+            // the turn round for ever.
             m_cycling.store(true);
             m_current.store(nullptr);
-            Pause();
-        }
-        for (size_t j = 0; j < n; ++j) {
-            const ItemDescription desc = m_descs[j].View();
-            if (j < m_items.size()) {
-                // An ended queue set up again replays from the start: items
-                // whose threads have ended start again (with the new
-                // descriptions); running ones are left as they are.
-                if (m_items[j]->GetState() == LumetState::Idle) {
-                    m_items[j]->Start(&desc, false, m_loop.load());
-                }
-                continue;
+            pauseMs = m_intervalMs.load();
+            if (pauseMs <= 0 && MonotonicMs() == m_roundStartMs) {
+                pauseMs = kRoundFloorMs;
             }
+        }
+    }
+    if (pauseMs > 0) {
+        Pause(pauseMs);  // without the lock: a stop must get in
+    }
+    CAutoLock lock(&m_lock);
+    if (index == 0) {
+        m_roundStartMs = MonotonicMs();
+        // A stop during the pause starts nothing.
+        for (size_t j = m_items.size(); j < m_descs.size() && !m_stopping.load(); ++j) {
+            const ItemDescription desc = m_descs[j].View();
             auto item = std::make_unique<CLumet>();
             item->SetOwner(this);
             if (!item->Start(&desc, false, m_loop.load())) {
@@ -139,19 +176,41 @@ void CLumetObjsPlayer::OnPlayedOnce() {
     PlayAt(next);
 }
 
-void CLumetObjsPlayer::Stop() {
+void CLumetObjsPlayer::RequestStop() {
+    CAutoLock lock(&m_lock);
+    // Under the lock: a PlayAt either finished its changes or sees the flag.
     m_stopping.store(true);
     m_currentIndex.store(static_cast<uint32_t>(m_descs.size()));
     m_loop.store(false);
-    // Every thread is joined before any item goes: a thread still ending its
-    // turn may give the next item its turn.
+    m_wake.Set();
     for (std::unique_ptr<CLumet>& item : m_items) {
+        item->RequestStop();
+    }
+}
+
+void CLumetObjsPlayer::Stop() {
+    RequestStop();
+    std::vector<CLumet*> items;
+    {
+        CAutoLock lock(&m_lock);
+        for (std::unique_ptr<CLumet>& item : m_items) {
+            items.push_back(item.get());
+        }
+    }
+    // Every thread is joined before any item goes: a thread still ending its
+    // turn may give the next item its turn. The joins run without the lock,
+    // which a pause that a stop just ended takes again on its way out.
+    for (CLumet* item : items) {
         item->Stop();
     }
-    CAutoLock lock(&m_lock);
-    m_items.clear();
-    m_current.store(nullptr);
-    m_stopping.store(false);
+    std::vector<std::unique_ptr<CLumet>> ended;
+    {
+        CAutoLock lock(&m_lock);
+        ended.swap(m_items);
+        m_current.store(nullptr);
+        m_stopping.store(false);
+        m_wake.Reset();
+    }
 }
 
 bool CLumetObjsPlayer::IsInGroup(const char16_t* group) const {
@@ -226,6 +285,7 @@ void CLumetObjsPlayer::UpdateFirst(std::unique_ptr<Part> OwnedDescription::*memb
     if (part == nullptr) {
         return;
     }
+    CAutoLock lock(&m_lock);
     for (size_t i = 0; i < m_descs.size(); ++i) {
         if (m_descs[i].*member) {
             *(m_descs[i].*member) = *part;

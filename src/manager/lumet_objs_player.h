@@ -7,8 +7,12 @@
 //
 // The manager calls every operation under its lock. OnPlayedOnce, and with it
 // PlayAt, runs on item threads (or the movie player's thread) without it, so
-// the fields those threads share with the host's are atomics. Items are
-// destroyed only by Stop and the destructor, after their threads have ended.
+// the fields those threads share with the host's are atomics, and m_lock
+// guards the descriptions and the items (see lock.h). Items are destroyed
+// only on the host's thread, by Stop, the destructor and a Setup whose
+// restart fails, after their threads have ended and outside m_lock. The
+// repeat pause runs on the thread that ended the turn; a stop wakes it at once
+// and nothing starts after it.
 #pragma once
 
 #include <atomic>
@@ -17,6 +21,7 @@
 #include <vector>
 
 #include "lumets/records.h"
+#include "lumets_platform/event.h"
 #include "lumets_platform/lock.h"
 #include "subtitle/lumet.h"
 
@@ -41,6 +46,9 @@ class CLumetObjsPlayer final : public CLumetEventHandler {
 
     void Setup(const char16_t* group, const ItemDescription* items, uint32_t count, int32_t x,
                int32_t y, bool loop, int32_t intervalMs);
+    // Asks every item to stop and ends a repeat pause, without waiting: a
+    // manager removing many queues asks them all before it waits for any.
+    void RequestStop();
     void Stop();
     void PlayAt(uint32_t index);
     void SetItems(const ItemDescription* items, uint32_t count);
@@ -60,8 +68,11 @@ class CLumetObjsPlayer final : public CLumetEventHandler {
     void UpdateBackground(const BackgroundPart* part);
 
   private:
-    // The repeat pause before position 0 comes round again.
-    void Pause();
+    // The repeat pause before position 0 comes round again, ended by a stop.
+    void Pause(int32_t intervalMs);
+    // Starts again the items of an ended queue (new descriptions); false when
+    // one cannot start, which then goes with the items after it.
+    bool RestartEnded();
     template <typename Part>
     void UpdateFirst(std::unique_ptr<Part> OwnedDescription::*member, const Part* part,
                      void (CLumet::*apply)(const Part*));
@@ -69,13 +80,18 @@ class CLumetObjsPlayer final : public CLumetEventHandler {
     std::atomic<bool> m_stopping{false};
     char16_t m_group[kGroupUnits] = {};
     CLock m_lock;
-    std::vector<OwnedDescription> m_descs;
-    POINT m_position{};  // the host's thread only
+    std::vector<OwnedDescription> m_descs;  // m_lock
+    POINT m_position{};                     // the host's thread only
     std::atomic<bool> m_loop{false};
     std::atomic<int32_t> m_intervalMs{0};
     std::atomic<uint32_t> m_currentIndex{0};
     std::atomic<CLumet*> m_current{nullptr};
-    std::vector<std::unique_ptr<CLumet>> m_items;
+    std::vector<std::unique_ptr<CLumet>> m_items;  // m_lock
+    // When the running round began: a looping round of turns without a
+    // single step passes in no time, and waits a frame before the next.
+    uint64_t m_roundStartMs = 0;  // m_lock
+    // Set by a stop to end a repeat pause at once.
+    platform::AutoResetEvent m_wake;
     POINT m_dragAnchor{};
     POINT m_dragOrigin{};
     // Set while a looping queue pauses and brings position 0 round again:

@@ -67,6 +67,7 @@ bool CLumet::Start(const ItemDescription* desc, bool playNow, bool repeat) {
     m_startTime.store(WallClockMs() / 1000, std::memory_order_relaxed);
     m_state.store(LumetState::Starting, std::memory_order_relaxed);
     m_stopRequested.store(false, std::memory_order_relaxed);
+    m_stopEvent.Reset();
 
     if (desc->pSwf != nullptr) {
         const SwfPart& swf = *desc->pSwf;
@@ -148,7 +149,7 @@ bool CLumet::Start(const ItemDescription* desc, bool playNow, bool repeat) {
     return true;
 }
 
-void CLumet::Stop() {
+void CLumet::RequestStop() {
     m_stopRequested.store(true, std::memory_order_relaxed);
     {
         CAutoLock lock(&m_playerLock);
@@ -157,10 +158,16 @@ void CLumet::Stop() {
         }
     }
     m_playEvent.Set();
+    m_stopEvent.Set();
+}
+
+void CLumet::Stop() {
+    RequestStop();
     if (m_thread.IsStarted()) {
         m_thread.WaitForEnd(platform::kWaitInfinite);
     }
     m_playEvent.Reset();
+    m_stopEvent.Reset();
     m_state.store(LumetState::Idle, std::memory_order_relaxed);
 }
 

@@ -71,6 +71,9 @@ class CLumet : public CFlashPlayerEventHandler {
     // (the item is then Starting, without a thread).
     bool Start(const ItemDescription* desc, bool playNow, bool repeat);
     bool SignalPlay();
+    // Asks the playing thread to end and wakes it from any wait, without
+    // waiting for it: an owner stopping many items asks them all first.
+    void RequestStop();
     // Stops the movie, wakes and joins the playing thread; the item is Idle.
     void Stop();
     // Playing only while the movie really plays (when there is one).
@@ -157,6 +160,8 @@ class CLumet : public CFlashPlayerEventHandler {
     float m_stepRemainder = 0.0f;       // the playing thread only
     std::vector<uint8_t> m_textPixels;  // grows only; m_textLock
     platform::AutoResetEvent m_playEvent;
+    // Ends the frame step's wait at once when a stop is asked for.
+    platform::AutoResetEvent m_stopEvent;
     bool m_repeat = false;
     std::optional<uint64_t> m_lastFrameMs;  // the playing thread only
 };

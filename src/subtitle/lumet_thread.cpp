@@ -294,7 +294,6 @@ void CLumet::PlayingLumetProc() {
         if (IFlashPlayer* player = m_callbackPlayer.load(std::memory_order_acquire)) {
             player->Play();
         }
-        bool stepped = false;
         while (!stopped() && HasPlaysLeft()) {
             {
                 CAutoLock lock(&m_flashLock);
@@ -305,14 +304,14 @@ void CLumet::PlayingLumetProc() {
                 m_text.pos = m_text.origin;
             }
             while (!stopped() && HasPlaysLeft()) {
-                stepped = true;
                 StepFlashLayer();
                 StepTextLayer();
                 // The pace follows the time source's clock; the first step of a
-                // thread does not wait, and a late step is not made up for.
+                // thread does not wait, and a late step is not made up for. A
+                // stop ends the wait at once.
                 const uint64_t now = MonotonicMs();
                 if (m_lastFrameMs && now >= *m_lastFrameMs && now - *m_lastFrameMs < kFrameMs) {
-                    SleepMs(static_cast<uint32_t>(kFrameMs - (now - *m_lastFrameMs)));
+                    m_stopEvent.WaitFor(static_cast<uint32_t>(kFrameMs - (now - *m_lastFrameMs)));
                 }
                 m_lastFrameMs = MonotonicMs();
                 bool passEnds = false;
@@ -333,12 +332,8 @@ void CLumet::PlayingLumetProc() {
             }
         }
         if (!IsCountedByPlayer()) {
-            // A turn without a single step (a count below 0) still lasts one
-            // frame: a looping queue of such items without a pause would
-            // otherwise hand the turn round for ever without time passing.
-            if (!stepped && !stopped()) {
-                SleepMs(static_cast<uint32_t>(kFrameMs));
-            }
+            // A turn without a single step (a count below 0) ends at once; the
+            // queue keeps a round of only such turns from spinning.
             {
                 CAutoLock lock(&m_playerLock);
                 if (m_player) {
@@ -368,8 +363,9 @@ void CLumet::OnPlayEnd(ENUM_FILE_TYPE /*type*/) {
     if (m_playsLeft.fetch_sub(1, std::memory_order_relaxed) - 1 > 0) {
         return;
     }
-    // The player calling back is alive until this returns: its destruction
-    // waits for its own thread.
+    // The player calling back is alive until this returns: its destructor
+    // waits for its thread, callbacks included, and the owner's repeat pause
+    // that may follow ends as soon as a stop is asked for.
     if (IFlashPlayer* player = m_callbackPlayer.load(std::memory_order_acquire)) {
         player->Pause();
     }

@@ -327,20 +327,24 @@ TEST_F(MediaPlayerTest, RenderToFramePlacesClipsAndScales) {
     }
     m_player->RenderToFrame(nullptr, kWidth, kHeight, &whole, nullptr, 1.f);
 
-    // Scaled: the covered area is the scaled size, truncated; solid regions
-    // stay solid away from their edges.
+    // Scaled: the position, the clip and the size all scale (truncated), as
+    // the text's and the plate's do; solid regions stay solid away from their
+    // edges.
     for (float scale : {1.5f, 0.5f, 0.7f}) {
         SCOPED_TRACE(testing::Message() << "scale " << scale);
         const auto w = static_cast<int>(kMovieWidth * scale);
         const auto h = static_cast<int>(kMovieHeight * scale);
-        const HostFrame frame = Render(&whole, {3, 4}, scale, kWidth, kHeight);
-        EXPECT_TRUE(Same(frame.At(3 + 1, 4 + 1), kRed, 1));
-        EXPECT_TRUE(Same(frame.At(3 + w - 2, 4 + h / 2 - 3), kRed, 1));
-        EXPECT_TRUE(Same(frame.At(3 + w / 4, 4 + h - 2), OverBackground(kRed, kHalfAlpha), 2));
-        EXPECT_TRUE(Same(frame.At(3 + w - 2, 4 + h - 2), kBackground));
-        EXPECT_TRUE(Same(frame.At(3 + w, 4 + 1), kBackground));
-        EXPECT_TRUE(Same(frame.At(3 + 1, 4 + h), kBackground));
-        EXPECT_TRUE(Same(frame.At(2, 4), kBackground));
+        const int x = static_cast<int>(3 * scale);
+        const int y = static_cast<int>(4 * scale);
+        const RECT narrow{0, 0, 3 + kMovieWidth / 2, kHeight};
+        const HostFrame frame = Render(&narrow, {3, 4}, scale, kWidth, kHeight);
+        EXPECT_TRUE(Same(frame.At(x + 1, y + 1), kRed, 1));
+        EXPECT_TRUE(Same(frame.At(x + w / 4, y + h - 2), OverBackground(kRed, kHalfAlpha), 2));
+        const int clipRight = static_cast<int>((3 + kMovieWidth / 2) * scale);
+        EXPECT_TRUE(Same(frame.At(clipRight - 1, y + 1), kRed, 1));
+        EXPECT_TRUE(Same(frame.At(clipRight, y + 1), kBackground));
+        EXPECT_TRUE(Same(frame.At(x + 1, y + h), kBackground));
+        EXPECT_TRUE(Same(frame.At(x - 1, y), kBackground));
     }
 }
 
@@ -459,8 +463,9 @@ TEST(FlashPlayerFactory, TheHookReplacesAndRestoresTheFactory) {
 
 // Concurrent use, on real time: threads really overlap here, in runs bounded
 // by short waits.
-bool WaitFor(const std::atomic<bool>& flag) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+bool WaitFor(const std::atomic<bool>& flag,
+             std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!flag && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
@@ -468,9 +473,10 @@ bool WaitFor(const std::atomic<bool>& flag) {
 }
 
 // First the callback pauses the player while the owner's lock is held across
-// Open; then the owner deletes its player while holding the lock that the
-// player's thread waits for inside OnPlayEnd: deleting must not wait for it.
-TEST(PlayerThreads, CallbacksThatWaitForTheOwnersLockNeitherDeadlockNorBlockDeletion) {
+// Open; then the owner deletes its player while the player's thread is inside
+// OnPlayEnd, blocked: the deletion returns only after the callback has left,
+// so a handler outlives every callback to it.
+TEST(PlayerThreads, DeletionWaitsForACallbackInProgress) {
     PassRecorder handler;
     handler.pauseAfter = 1;
     PlayerPtr player{nullptr, DeleteFlashPlayer};
@@ -480,6 +486,9 @@ TEST(PlayerThreads, CallbacksThatWaitForTheOwnersLockNeitherDeadlockNorBlockDele
         handler.player = player.get();
     }
     ASSERT_TRUE(WaitFor(handler.left));
+    std::atomic<bool> deleted{false};
+    std::atomic<bool> leftFirst{false};
+    std::thread deleter;
     {
         std::lock_guard<std::recursive_mutex> hold(handler.lock);
         EXPECT_FALSE(player->IsPlaying());
@@ -487,9 +496,15 @@ TEST(PlayerThreads, CallbacksThatWaitForTheOwnersLockNeitherDeadlockNorBlockDele
         player->Play();
         ASSERT_TRUE(WaitFor(handler.entered));
         handler.player = nullptr;
-        player.reset();  // returns although the callback is blocked on us
+        deleter = std::thread([&] {
+            player.reset();
+            leftFirst = handler.left.load();
+            deleted = true;
+        });
+        EXPECT_FALSE(WaitFor(deleted, std::chrono::milliseconds(100)));
     }
-    ASSERT_TRUE(WaitFor(handler.left));
+    deleter.join();
+    EXPECT_TRUE(leftFirst);
     EXPECT_EQ(handler.Ends().size(), 2u);
 }
 

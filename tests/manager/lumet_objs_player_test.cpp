@@ -49,7 +49,8 @@ class PlayQueueTest : public testing::Test {
     }
 
     void Start(size_t count, bool loop, int32_t interval, TextPart* text = nullptr) {
-        std::vector<ItemDescription> items(count, ItemDescription{&m_swf, nullptr, nullptr, 1, {}});
+        std::vector<ItemDescription> items(count,
+                                           ItemDescription{&m_swf, nullptr, nullptr, m_plays, {}});
         if (text != nullptr && count > 1) {
             items[1].pText = text;
         }
@@ -64,6 +65,7 @@ class PlayQueueTest : public testing::Test {
     test::ScratchDir m_dir;
     std::string m_movie = m_dir.File("movie.swf");
     SwfPart m_swf;
+    int32_t m_plays = 1;
     std::unique_ptr<CLumetObjsPlayer> m_queue;
 };
 
@@ -108,6 +110,52 @@ TEST_F(PlayQueueTest, AStopEndsALongPauseWithinAStep) {
     m_queue->Stop();
     EXPECT_LE(MonotonicMs(), 350u);
     EXPECT_EQ(m_queue->GetState(), LumetState::Idle);
+}
+
+// Removing a looping queue during its repeat pause starts nothing: no item
+// gets a new player, and the stop does not wait out the pause.
+TEST_F(PlayQueueTest, AStopInAPauseStartsNothing) {
+    Start(2, true, 5000);
+    AdvanceBy(2 * 198 + 50);
+    ASSERT_EQ(test::ScriptedPlayer::made.load(), 2);
+    const uint64_t stoppedAt = MonotonicMs();
+    m_queue->Stop();
+    AdvanceBy(6000);
+    EXPECT_EQ(test::ScriptedPlayer::made.load(), 2);
+    EXPECT_EQ(MonotonicMs() - stoppedAt, 6000u);
+}
+
+// An ended queue set up again while its movie file has gone is idle, not
+// busy for ever: the failed item goes, and a later Setup plays once the file
+// is back.
+TEST_F(PlayQueueTest, ARestartWithoutItsFileFailsAndALaterOneRetries) {
+    Start(1, false, 0);
+    AdvanceBy(500);
+    ASSERT_EQ(m_queue->GetState(), LumetState::Idle);
+    ItemDescription item{&m_swf, nullptr, nullptr, 1, {}};
+    std::remove(m_movie.c_str());
+    m_queue->Setup(u"group", &item, 1, 0, 0, false, 0);
+    EXPECT_EQ(m_queue->GetState(), LumetState::Idle);
+    ASSERT_TRUE(test::WriteBytes(m_movie, {1}));
+    m_queue->Setup(u"group", &item, 1, 0, 0, false, 0);
+    AdvanceBy(500);
+    EXPECT_EQ(Plays().size(), 2u);
+}
+
+// Turns without a single step (a count below 0) end in the millisecond they
+// begin; only a looping round made of nothing else waits, one frame a round.
+TEST_F(PlayQueueTest, TurnsWithoutAStepTakeNoTime) {
+    m_plays = -1;
+    Start(2, false, 0);
+    AdvanceBy(100);
+    EXPECT_EQ(Plays(), (Journal{{0, 0}, {0, 1}}));
+    m_queue->Stop();
+    TearDown();
+    SetUp();
+    m_plays = -1;
+    Start(1, true, 0);
+    AdvanceBy(100);
+    EXPECT_EQ(Plays(), (Journal{{0, 0}, {33, 0}, {66, 0}, {99, 0}}));
 }
 
 // A Setup that lands in a repeat pause finds the queue busy: position 0 gets
