@@ -13,7 +13,8 @@ namespace {
 // than anti-aliasing shows, coarse enough that a glyph repeats.
 constexpr double kPhaseSteps = 16;
 constexpr double kShapeSteps = 256;
-// Glyphs larger than this are rasterised each time, not kept.
+// Glyphs larger than this are rasterised each time, only where they meet the
+// picture, and not kept.
 constexpr int64_t kMaxCachedPixels = 1 << 20;
 // All kept coverage together; beyond it the cache starts again.
 constexpr size_t kMaxCacheBytes = 32u << 20;
@@ -50,11 +51,15 @@ void MaxSpans(int y, int count, const FT_Span* spans, void* user) {
     }
 }
 
-void Render(FT_Library library, FT_Outline* outline, bool evenOdd, std::vector<uint8_t>* bitmap,
-            int32_t width, int32_t height) {
+// Fills with the non-zero winding rule, as fonts mean their outlines: a
+// counter turns against the contour around it, and contours that overlap
+// (strokes of a variable or emboldened face, the pen's two borders) turn
+// alike and fill as one.
+void Render(FT_Library library, FT_Outline* outline, std::vector<uint8_t>* bitmap, int32_t width,
+            int32_t height) {
     bitmap->assign(static_cast<size_t>(width) * static_cast<size_t>(height), 0);
     SpanTarget target{bitmap->data(), width, height};
-    outline->flags = evenOdd ? FT_OUTLINE_EVEN_ODD_FILL : FT_OUTLINE_NONE;
+    outline->flags = FT_OUTLINE_NONE;
     FT_Raster_Params params{};
     params.source = outline;
     params.flags = FT_RASTER_FLAG_AA | FT_RASTER_FLAG_DIRECT | FT_RASTER_FLAG_CLIP;
@@ -95,7 +100,7 @@ bool COutlineRaster::Ready() const {
            cairo_surface_status(m_stroke.get()) == CAIRO_STATUS_SUCCESS;
 }
 
-void COutlineRaster::AddAndClear(cairo_t* cr) {
+void COutlineRaster::AddGlyphAndClear(cairo_t* cr) {
     CairoPathPtr path(cairo_copy_path(cr));
     cairo_new_path(cr);
     if (!Ready() || path == nullptr || path->status != CAIRO_STATUS_SUCCESS) {
@@ -103,7 +108,8 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
     }
     m_xy.clear();
     m_tags.clear();
-    std::vector<Contour> contours;
+    std::vector<Contour>& contours = m_contours;
+    contours.clear();
     const double reach = m_pen / 2 + 1;
     bool open = false;
     auto finish = [&] {
@@ -181,59 +187,44 @@ void COutlineRaster::AddAndClear(cairo_t* cr) {
     }
     finish();
 
-    // The contours of one glyph follow each other, and a hole lies inside the
-    // box of the contour around it: a glyph ends before a contour that lies
-    // in no box of it, so even-odd holes stay holes.
-    size_t glyph = 0;
-    for (size_t i = 1; i <= contours.size(); ++i) {
-        if (i < contours.size()) {
-            const Contour& next = contours[i];
-            const bool inside =
-                std::any_of(contours.begin() + static_cast<std::ptrdiff_t>(glyph),
-                            contours.begin() + static_cast<std::ptrdiff_t>(i),
-                            [&next](const Contour& c) { return c.box.Holds(next.box); });
-            if (inside) {
-                continue;
-            }
-        }
-        AddGlyph(contours, glyph, i);
-        glyph = i;
+    if (!contours.empty()) {
+        AddGlyph();
     }
     cairo_surface_mark_dirty(m_fill.get());
     cairo_surface_mark_dirty(m_stroke.get());
 }
 
-void COutlineRaster::AddGlyph(const std::vector<Contour>& contours, size_t begin, size_t end) {
-    const size_t first = contours[begin].first;
-    const size_t last = end < contours.size() ? contours[end].first : m_tags.size();
+void COutlineRaster::AddGlyph() {
+    const std::vector<Contour>& contours = m_contours;
+    const size_t last = m_tags.size();
     Box box;
-    for (size_t i = begin; i < end; ++i) {
-        box.Add(contours[i].box);
+    for (const Contour& contour : contours) {
+        box.Add(contour.box);
     }
-    if (last - first > kMaxGlyphPoints || !(box.right - box.left < kMaxGlyphExtent) ||
+    if (last > kMaxGlyphPoints || !(box.right - box.left < kMaxGlyphExtent) ||
         !(box.bottom - box.top < kMaxGlyphExtent)) {
         return;
     }
     // The key: the start's phase, then the contours' sizes, tags and points
     // relative to the start.
-    const double startX = m_xy[2 * first];
-    const double startY = m_xy[2 * first + 1];
+    const double startX = m_xy[0];
+    const double startY = m_xy[1];
     const double anchorX = std::floor(startX);
     const double anchorY = std::floor(startY);
     const double phaseX = std::round((startX - anchorX) * kPhaseSteps) / kPhaseSteps;
     const double phaseY = std::round((startY - anchorY) * kPhaseSteps) / kPhaseSteps;
     std::string key;
-    key.reserve(16 + (last - first) * 9 + (end - begin) * 4);
+    key.reserve(16 + last * 9 + contours.size() * 4);
     auto append = [&key](int32_t value) {
         key.append(reinterpret_cast<const char*>(&value), sizeof(value));
     };
     append(static_cast<int32_t>(phaseX * kPhaseSteps));
     append(static_cast<int32_t>(phaseY * kPhaseSteps));
-    for (size_t i = begin; i < end; ++i) {
+    for (size_t i = 0; i < contours.size(); ++i) {
         append(static_cast<int32_t>((i + 1 < contours.size() ? contours[i + 1].first : last) -
                                     contours[i].first));
     }
-    for (size_t i = first; i < last; ++i) {
+    for (size_t i = 0; i < last; ++i) {
         key.push_back(m_tags[i]);
         append(static_cast<int32_t>(std::lround((m_xy[2 * i] - startX) * kShapeSteps)));
         append(static_cast<int32_t>(std::lround((m_xy[2 * i + 1] - startY) * kShapeSteps)));
@@ -246,8 +237,8 @@ void COutlineRaster::AddGlyph(const std::vector<Contour>& contours, size_t begin
         return;
     }
     // Drawn from the key's own numbers, so that every hit gets the same.
-    const char* cursor = key.data() + 8 + (end - begin) * 4;
-    for (size_t i = first; i < last; ++i) {
+    const char* cursor = key.data() + 8 + contours.size() * 4;
+    for (size_t i = 0; i < last; ++i) {
         int32_t xy[2];
         std::memcpy(xy, cursor + 1, sizeof(xy));
         cursor += 1 + sizeof(xy);
@@ -255,14 +246,15 @@ void COutlineRaster::AddGlyph(const std::vector<Contour>& contours, size_t begin
         m_xy[2 * i + 1] = phaseY + xy[1] / kShapeSteps;
     }
     Coverage coverage;
-    if (!Rasterise(contours, begin, end, &coverage)) {
+    bool keep = false;
+    if (!Rasterise(anchorXi, anchorYi, &coverage, &keep)) {
         return;
     }
     Stamp(coverage, anchorXi, anchorYi);
-    const size_t bytes = coverage.fill.size() + coverage.stroke.size();
-    if (int64_t{coverage.width} * coverage.height > kMaxCachedPixels) {
+    if (!keep) {
         return;
     }
+    const size_t bytes = coverage.fill.size() + coverage.stroke.size();
     if (m_cacheBytes + bytes > kMaxCacheBytes) {
         m_cache.clear();
         m_cacheBytes = 0;
@@ -271,38 +263,54 @@ void COutlineRaster::AddGlyph(const std::vector<Contour>& contours, size_t begin
     m_cache.emplace(std::move(key), std::move(coverage));
 }
 
-bool COutlineRaster::Rasterise(const std::vector<Contour>& contours, size_t begin, size_t end,
-                               Coverage* coverage) {
-    const size_t first = contours[begin].first;
-    const size_t last = end < contours.size() ? contours[end].first : m_tags.size();
+bool COutlineRaster::Rasterise(int64_t anchorX, int64_t anchorY, Coverage* coverage, bool* keep) {
+    const std::vector<Contour>& contours = m_contours;
+    const size_t last = m_tags.size();
     Box box;
-    for (size_t i = first; i < last; ++i) {
+    for (size_t i = 0; i < last; ++i) {
         box.Add(m_xy[2 * i], m_xy[2 * i + 1]);
     }
     const double reach = m_pen / 2 + 1;
-    coverage->x = static_cast<int32_t>(std::floor(box.left - reach));
-    coverage->y = static_cast<int32_t>(std::floor(box.top - reach));
-    coverage->width = static_cast<int32_t>(std::ceil(box.right + reach)) - coverage->x;
-    coverage->height = static_cast<int32_t>(std::ceil(box.bottom + reach)) - coverage->y;
+    auto left = static_cast<int64_t>(std::floor(box.left - reach));
+    auto top = static_cast<int64_t>(std::floor(box.top - reach));
+    auto right = static_cast<int64_t>(std::ceil(box.right + reach));
+    auto bottom = static_cast<int64_t>(std::ceil(box.bottom + reach));
+    *keep = (right - left) * (bottom - top) <= kMaxCachedPixels;
+    if (!*keep) {
+        // A line's underline, or a glyph of a huge em, may reach far beyond
+        // the picture: its coverage need not.
+        left = std::max(left, -anchorX);
+        top = std::max(top, -anchorY);
+        right = std::min(right, m_width - anchorX);
+        bottom = std::min(bottom, m_height - anchorY);
+        if (left >= right || top >= bottom) {
+            return false;
+        }
+    }
+    coverage->x = static_cast<int32_t>(left);
+    coverage->y = static_cast<int32_t>(top);
+    coverage->width = static_cast<int32_t>(right - left);
+    coverage->height = static_cast<int32_t>(bottom - top);
     // FreeType's y runs up from the bitmap's bottom edge.
     std::vector<FT_Vector> points;
-    points.reserve(last - first);
-    for (size_t i = first; i < last; ++i) {
+    points.reserve(last);
+    for (size_t i = 0; i < last; ++i) {
         points.push_back(FT_Vector{Fixed(m_xy[2 * i] - coverage->x),
                                    Fixed(coverage->y + coverage->height - m_xy[2 * i + 1])});
     }
     std::vector<short> ends;
-    for (size_t i = begin; i < end; ++i) {
-        const size_t next = i + 1 < contours.size() ? contours[i + 1].first : m_tags.size();
-        ends.push_back(static_cast<short>(next - first - 1));
+    ends.reserve(contours.size());
+    for (size_t i = 1; i <= contours.size(); ++i) {
+        const size_t next = i < contours.size() ? contours[i].first : last;
+        ends.push_back(static_cast<short>(next - 1));
     }
     FT_Outline outline{};
     outline.n_contours = static_cast<short>(ends.size());
     outline.n_points = static_cast<short>(points.size());
     outline.points = points.data();
-    outline.tags = m_tags.data() + first;
+    outline.tags = m_tags.data();
     outline.contours = ends.data();
-    Render(m_library.get(), &outline, true, &coverage->fill, coverage->width, coverage->height);
+    Render(m_library.get(), &outline, &coverage->fill, coverage->width, coverage->height);
     if (m_pen <= 0) {
         return true;
     }
@@ -321,7 +329,7 @@ bool COutlineRaster::Rasterise(const std::vector<Contour>& contours, size_t begi
     stroked.tags = strokeTags.data();
     stroked.contours = strokeEnds.data();
     FT_Stroker_Export(m_stroker.get(), &stroked);
-    Render(m_library.get(), &stroked, false, &coverage->stroke, coverage->width, coverage->height);
+    Render(m_library.get(), &stroked, &coverage->stroke, coverage->width, coverage->height);
     return true;
 }
 

@@ -31,10 +31,12 @@ class COutlineRaster {
     // False when the masks or FreeType could not be set up: nothing is drawn.
     bool Ready() const;
 
-    // Adds the fill (even-odd within each glyph) and the stroke (round joins)
-    // of cr's current path, taken in device space, and clears the path.
-    // Where glyphs overlap, coverage combines as the larger of the two.
-    void AddAndClear(cairo_t* cr);
+    // Adds the fill (non-zero winding) and the stroke (round joins) of cr's
+    // current path, taken in device space, as one glyph, and clears the path.
+    // A glyph's contours fill together, so its counters stay holes and its
+    // overlapping strokes join without seams; where two glyphs overlap,
+    // coverage combines as the larger of the two.
+    void AddGlyphAndClear(cairo_t* cr);
 
     cairo_surface_t* Fill() const { return m_fill.get(); }
     cairo_surface_t* Stroke() const { return m_stroke.get(); }  // empty without a pen
@@ -56,9 +58,6 @@ class COutlineRaster {
             Add(box.left, box.top);
             Add(box.right, box.bottom);
         }
-        bool Holds(const Box& box) const {
-            return box.left >= left && box.right <= right && box.top >= top && box.bottom <= bottom;
-        }
     };
     struct Contour {
         size_t first = 0;  // its first point in m_xy
@@ -74,10 +73,12 @@ class COutlineRaster {
         std::vector<uint8_t> stroke;
     };
 
-    void AddGlyph(const std::vector<Contour>& contours, size_t begin, size_t end);
-    // Rasterises the glyph whose points m_xy holds relative to its anchor.
-    bool Rasterise(const std::vector<Contour>& contours, size_t begin, size_t end,
-                   Coverage* coverage);
+    // Stamps the glyph m_xy and m_contours hold, rasterised or from the cache.
+    void AddGlyph();
+    // Rasterises the glyph whose points m_xy holds relative to its anchor;
+    // keep says whether it is small enough to cache. False when none of it
+    // can show.
+    bool Rasterise(int64_t anchorX, int64_t anchorY, Coverage* coverage, bool* keep);
     void Stamp(const Coverage& coverage, int64_t anchorX, int64_t anchorY);
 
     int32_t m_width;
@@ -87,9 +88,11 @@ class COutlineRaster {
     FreeTypeStrokerPtr m_stroker;
     CairoSurfacePtr m_fill;
     CairoSurfacePtr m_stroke;
-    // The path being added: device coordinates and FreeType point tags.
+    // The glyph being added: device coordinates, FreeType point tags and
+    // where each contour starts; kept to spare an allocation per glyph.
     std::vector<double> m_xy;
     std::vector<char> m_tags;
+    std::vector<Contour> m_contours;
     std::unordered_map<std::string, Coverage> m_cache;
     size_t m_cacheBytes = 0;
 };

@@ -489,20 +489,92 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     }
 }
 
+namespace {
+
+// The underlines and strike-outs of line at cr's current point. Pango draws
+// them together with the glyphs, which are emptied meanwhile.
+void DecorationPath(cairo_t* cr, PangoLayoutLine* line) {
+    std::vector<PangoGlyph> saved;
+    for (GSList* l = line->runs; l != nullptr; l = l->next) {
+        PangoGlyphString* glyphs = static_cast<PangoLayoutRun*>(l->data)->glyphs;
+        for (int i = 0; i < glyphs->num_glyphs; ++i) {
+            saved.push_back(glyphs->glyphs[i].glyph);
+            glyphs->glyphs[i].glyph = PANGO_GLYPH_EMPTY;
+        }
+    }
+    pango_cairo_layout_line_path(cr, line);
+    size_t next = 0;
+    for (GSList* l = line->runs; l != nullptr; l = l->next) {
+        PangoGlyphString* glyphs = static_cast<PangoLayoutRun*>(l->data)->glyphs;
+        for (int i = 0; i < glyphs->num_glyphs; ++i) {
+            glyphs->glyphs[i].glyph = saved[next++];
+        }
+    }
+}
+
+// Puts each glyph of run, its origin at (x, y) in device space, into cr's
+// path on its own and calls use(cr): the glyph boundaries are Pango's, not
+// guessed from the path. single is a one-glyph string to draw with.
+void EachGlyphPath(cairo_t* cr, const PangoLayoutRun& run, double x, double y,
+                   PangoGlyphString* single, const std::function<void(cairo_t*)>& use) {
+    PangoFont* font = run.item->analysis.font;
+    cairo_scaled_font_t* scaled = font != nullptr && PANGO_IS_CAIRO_FONT(font)
+                                      ? pango_cairo_font_get_scaled_font(PANGO_CAIRO_FONT(font))
+                                      : nullptr;
+    const bool outlines =
+        scaled != nullptr && cairo_scaled_font_status(scaled) == CAIRO_STATUS_SUCCESS;
+    bool fontSet = false;
+    int64_t advance = 0;  // Pango units
+    for (int i = 0; i < run.glyphs->num_glyphs; ++i) {
+        const PangoGlyphInfo& info = run.glyphs->glyphs[i];
+        const double glyphX = x + static_cast<double>(advance) / PANGO_SCALE;
+        advance += info.geometry.width;
+        if (info.glyph == PANGO_GLYPH_EMPTY) {
+            continue;
+        }
+        if (outlines && (info.glyph & PANGO_GLYPH_UNKNOWN_FLAG) == 0) {
+            if (!fontSet) {
+                cairo_set_scaled_font(cr, scaled);
+                fontSet = true;
+            }
+            const cairo_glyph_t glyph{
+                info.glyph, glyphX + static_cast<double>(info.geometry.x_offset) / PANGO_SCALE,
+                y + static_cast<double>(info.geometry.y_offset) / PANGO_SCALE};
+            cairo_glyph_path(cr, &glyph, 1);
+        } else {
+            // A missing glyph's box, or a font Cairo cannot draw: Pango
+            // knows what stands in for it.
+            single->glyphs[0] = info;
+            single->log_clusters[0] = 0;
+            cairo_move_to(cr, glyphX, y);
+            pango_cairo_glyph_string_path(cr, font, single);
+            fontSet = false;
+        }
+        use(cr);
+    }
+}
+
+}  // namespace
+
 void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
                                const std::function<void(cairo_t*)>& use) const {
     if (m_layout == nullptr || m_empty) {
         return;
     }
+    const bool decorated = m_style.underline || m_style.strikeOut;
+    const PangoGlyphStringPtr single(pango_glyph_string_new());
+    pango_glyph_string_set_size(single.get(), 1);
     ForEachBlock(cr, rect, [&](PangoLayout* layout) {
         pango_cairo_update_layout(cr, layout);
         // Missing glyphs' boxes at a huge em would make huge digit pictures.
         const CPictureGlyphs pictures(layout, m_emPixels <= kMaxRasterGlyphPixels);
-        // One line at a time keeps the path small; lines outside the clip are
-        // skipped.
+        // Lines outside the clip are skipped.
         const CullBox drawable = Drawable(cr);
+        // A block is only moved, so its glyphs are placed in device space
+        // directly and the matrix stays the identity throughout.
         cairo_matrix_t block;
         cairo_get_matrix(cr, &block);
+        cairo_identity_matrix(cr);
         PangoLayoutIterPtr iter(pango_layout_get_iter(layout));
         do {
             PangoRectangle logical{};
@@ -513,14 +585,28 @@ void StyledLayout::ForEachPath(cairo_t* cr, const RectF& rect,
                                 logical.height / double{PANGO_SCALE})) {
                 continue;
             }
-            cairo_move_to(
-                cr, x,
-                static_cast<double>(pango_layout_iter_get_baseline(iter.get())) / PANGO_SCALE);
-            pango_cairo_layout_line_path(cr, pango_layout_iter_get_line_readonly(iter.get()));
-            cairo_identity_matrix(cr);
-            use(cr);
-            cairo_set_matrix(cr, &block);
+            const double lineX = block.x0 + x;
+            const double baseline =
+                block.y0 +
+                static_cast<double>(pango_layout_iter_get_baseline(iter.get())) / PANGO_SCALE;
+            PangoLayoutLine* line = pango_layout_iter_get_line_readonly(iter.get());
+            if (decorated) {
+                cairo_move_to(cr, lineX, baseline);
+                DecorationPath(cr, line);
+                use(cr);
+            }
+            // Runs follow each other along the line as Pango's renderer
+            // places them: each one its glyphs' advances after the last.
+            int64_t runX = 0;  // Pango units
+            for (GSList* l = line->runs; l != nullptr; l = l->next) {
+                const auto& run = *static_cast<const PangoLayoutRun*>(l->data);
+                EachGlyphPath(cr, run, lineX + static_cast<double>(runX) / PANGO_SCALE,
+                              baseline - static_cast<double>(run.y_offset) / PANGO_SCALE,
+                              single.get(), use);
+                runX += pango_glyph_string_get_width(run.glyphs);
+            }
         } while (pango_layout_iter_next_line(iter.get()));
+        cairo_set_matrix(cr, &block);
     });
 }
 
@@ -548,7 +634,7 @@ void StyledLayout::ShowIn(cairo_t* cr, const RectF& rect) const {
         COutlineRaster raster(cairo_image_surface_get_width(target),
                               cairo_image_surface_get_height(target), 0);
         if (raster.Ready()) {
-            ForEachPath(cr, rect, [&raster](cairo_t* c) { raster.AddAndClear(c); });
+            ForEachPath(cr, rect, [&raster](cairo_t* c) { raster.AddGlyphAndClear(c); });
             cairo_mask_surface(cr, raster.Fill(), 0, 0);
         }
         DrawPictureGlyphs(cr, rect);

@@ -64,10 +64,12 @@ class StyledLayout {
 
     double EmPixels() const { return m_emPixels; }
 
-    // With the text's box at rect, puts the outline of each line that can
-    // reach the clip into cr's path in turn, and calls use(cr) with the
-    // identity matrix to consume it. Glyphs that are pictures (colour glyphs,
-    // boxes for missing glyphs) are left out; DrawPictureGlyphs draws them.
+    // With the text's box at rect, puts the outline of each glyph of the
+    // lines that can reach the clip into cr's path in turn, and calls use(cr)
+    // with the identity matrix to consume it; a line's underlines and
+    // strike-outs come as one more path of their own. Glyphs that are
+    // pictures (colour glyphs, boxes for missing glyphs) are left out;
+    // DrawPictureGlyphs draws them.
     // For drawing without outline, ShowIn paints the text with the current
     // source, clipped to rect.
     void ForEachPath(cairo_t* cr, const RectF& rect,

@@ -190,7 +190,7 @@ void CTextRenderer::Draw() {
             COutlineRaster raster(w, h, stroke ? std::min<double>(penWidth, layout.EmPixels()) : 0);
             if (raster.Ready()) {
                 layout.ForEachPath(cr.get(), shifted,
-                                   [&raster](cairo_t* c) { raster.AddAndClear(c); });
+                                   [&raster](cairo_t* c) { raster.AddGlyphAndClear(c); });
                 if (stroke) {
                     SetSourceArgb(cr.get(),
                                   ArgbFromStyleColor(m_style.outlineColor, m_style.outlineAlpha));
