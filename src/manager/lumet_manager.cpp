@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "log/logger.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets {
@@ -215,6 +216,7 @@ void CLumetManager::DrawToTarget(int32_t width, int32_t height, float scale) {
             m_combiner->Init();
         }
     }
+    NoteLostContext();
     m_stale.clear();
     {
         CAutoLock lock(&m_lock);
@@ -246,6 +248,27 @@ void CLumetManager::DrawToTarget(int32_t width, int32_t height, float scale) {
     DeleteTexturesInBatches(m_names);
 }
 
+// A host that destroys its GL context without ReleaseGpuResources leaves the
+// slots holding names that are no longer textures, and nothing draws until it
+// calls it. That is the host's to do, but it hears of it once.
+void CLumetManager::NoteLostContext() {
+    if (m_lostContextNoted) {
+        return;
+    }
+    for (const auto& [id, slots] : m_textureSlots) {
+        if (!slots.empty() && slots.front().texture != 0) {
+            if (glIsTexture(slots.front().texture) == GL_FALSE) {
+                m_lostContextNoted = true;
+                Logger::Write(LogError, "clumetmanager", __LINE__, "CLumetManager::DrawToTarget",
+                              "Texture %u is no longer a texture: the GL context was lost; call "
+                              "ReleaseGpuResources before drawing on a new one",
+                              slots.front().texture);
+            }
+            return;
+        }
+    }
+}
+
 // Deliberately without the lock: the host calls it on its GL thread, which
 // alone touches the GPU state, while other threads may hold the lock.
 void CLumetManager::ReleaseGpuResources() {
@@ -262,6 +285,7 @@ void CLumetManager::ReleaseGpuResources() {
     }
     DeleteTexturesInBatches(m_names);
     m_textureSlots.clear();
+    m_lostContextNoted = false;
 }
 
 }  // namespace lumets

@@ -63,6 +63,8 @@ class CLumetManager final : public ILumetManager {
     CLumetObjsPlayer* Find(const char16_t* id);
     // Deletes the textures of the slots and destroys their buffer objects.
     static void Release(const std::vector<TextureSlot>& slots, std::vector<GLuint>* names);
+    // One log record when the slots' textures have gone with a lost context.
+    void NoteLostContext();
 
     CLock m_lock;
     std::map<std::u16string, std::unique_ptr<CLumetObjsPlayer>> m_players;
@@ -73,6 +75,7 @@ class CLumetManager final : public ILumetManager {
     // texture names to delete.
     std::vector<std::u16string> m_stale;
     std::vector<GLuint> m_names;
+    bool m_lostContextNoted = false;
 };
 
 }  // namespace lumets

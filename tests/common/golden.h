@@ -29,8 +29,8 @@ struct GoldenTolerance {
 
 // Channel c (0 B, 1 G, 2 R, 3 A) of pixel (x, y), premultiplied.
 inline int Premultiplied(const ConstPictureView& picture, int x, int y, int c) {
-    const uint8_t* p =
-        picture.data + picture.strideBytes * y + static_cast<size_t>(x) * (picture.bitsPerPixel / 8);
+    const uint8_t* p = picture.data + picture.strideBytes * y +
+                       static_cast<size_t>(x) * (picture.bitsPerPixel / 8);
     const int a = picture.bitsPerPixel == 32 ? p[3] : 255;
     return c == 3 ? a : (p[c] * a + 127) / 255;
 }
@@ -54,8 +54,8 @@ inline ::testing::AssertionResult MatchesGolden(const std::string& path,
         for (int x = 0; x < picture.width; ++x) {
             int diff = 0;
             for (int c = 0; c < 4; ++c) {
-                diff = std::max(diff, std::abs(Premultiplied(want, x, y, c) -
-                                               Premultiplied(picture, x, y, c)));
+                diff = std::max(
+                    diff, std::abs(Premultiplied(want, x, y, c) - Premultiplied(picture, x, y, c)));
             }
             worst = std::max(worst, diff);
             differing += diff > tolerance.maxChannelDiff;

@@ -3,11 +3,14 @@
 #pragma once
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -60,6 +63,22 @@ inline bool WriteBytes(const std::string& file, const std::vector<uint8_t>& byte
 inline std::vector<uint8_t> ReadBytes(const std::string& file) {
     std::ifstream in(file, std::ios::binary);
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+// What the library writes to standard output (its console log records)
+// while body runs.
+inline std::string CaptureStdout(const std::string& file, const std::function<void()>& body) {
+    std::fflush(stdout);
+    const int saved = dup(1);
+    if (saved < 0 || std::freopen(file.c_str(), "w", stdout) == nullptr) {
+        return {};
+    }
+    body();
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    const std::vector<uint8_t> bytes = ReadBytes(file);
+    return std::string(bytes.begin(), bytes.end());
 }
 
 }  // namespace lumets::test

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/host_threads.h"
 #include "common/scratch_files.h"
 #include "lumets/host/headless_gl.h"
 #include "lumets/lumet_manager.h"
@@ -27,69 +28,6 @@
 
 namespace lumets {
 namespace {
-
-// Aborts the test program when a case has not ended within its limit.
-class Watchdog {
-  public:
-    explicit Watchdog(std::string what) : m_what(std::move(what)) {
-        m_thread = std::thread([this] {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            if (!m_done.wait_for(lock, std::chrono::seconds(60), [this] { return m_finished; })) {
-                std::fprintf(stderr, "hung: %s\n", m_what.c_str());
-                std::abort();
-            }
-        });
-    }
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_finished = true;
-        }
-        m_done.notify_one();
-        m_thread.join();
-    }
-
-  private:
-    std::string m_what;
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_finished = false;
-    std::thread m_thread;
-};
-
-// Draws on two host threads, to a buffer and (where EGL opens) to a target,
-// until it goes.
-class Drawers {
-  public:
-    explicit Drawers(ILumetManager* manager) {
-        m_threads.emplace_back([this, manager] {
-            std::vector<uint8_t> frame(size_t{640} * 360 * 3);
-            while (!m_stop) {
-                manager->DrawToBuffer(frame.data(), 640, 360, 1.5f);
-            }
-        });
-        m_threads.emplace_back([this, manager] {
-            host::CHeadlessGl gl;
-            if (!gl.OpenDisplay() || !gl.CreateContext() || !gl.CreateFramebuffer(640, 360)) {
-                return;
-            }
-            while (!m_stop) {
-                manager->DrawToTarget(640, 360, 1.5f);
-            }
-            manager->ReleaseGpuResources();
-        });
-    }
-    ~Drawers() {
-        m_stop = true;
-        for (std::thread& thread : m_threads) {
-            thread.join();
-        }
-    }
-
-  private:
-    std::atomic<bool> m_stop{false};
-    std::vector<std::thread> m_threads;
-};
 
 struct Kind {
     const char* name;
@@ -172,9 +110,9 @@ class LifetimeTest : public testing::Test {
         ASSERT_NE(manager, nullptr);
         manager->AddSubtitle(u"id", u"group", &item, 1, 10, 10, kind.loop, kind.intervalMs);
         {
-            std::unique_ptr<Drawers> drawers;
+            std::unique_ptr<test::Drawers> drawers;
             if (drawing) {
-                drawers = std::make_unique<Drawers>(manager);
+                drawers = std::make_unique<test::Drawers>(manager, 640, 360, 1.5f);
             }
             wait();
             switch (ending) {
@@ -209,7 +147,7 @@ TEST_F(LifetimeTest, EveryKindEndedInEveryPhaseInVirtualTime) {
             for (const auto& [ending, how] : kEndings) {
                 const std::string what = std::string(kind.name) + ", " + phase.name + ", " + how;
                 SCOPED_TRACE(what);
-                Watchdog watchdog(what);
+                test::Watchdog watchdog(what);
                 SetTimeMode(TimeMode::Virtual);
                 Run(
                     kind, [&] { AdvanceBy(phase.atMs); }, phase.drawing, ending,
@@ -228,7 +166,7 @@ TEST_F(LifetimeTest, EveryKindEndedAtRandomInRealTime) {
             const std::string what =
                 std::string(kind.name) + ", after " + std::to_string(delay.count()) + " ms, " + how;
             SCOPED_TRACE(what);
-            Watchdog watchdog(what);
+            test::Watchdog watchdog(what);
             Run(
                 kind, [&] { std::this_thread::sleep_for(delay); }, true, ending,
                 [] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); });

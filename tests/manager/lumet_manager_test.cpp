@@ -23,6 +23,7 @@
 #include "common/counting_gl_factory.h"
 #include "common/gl_context.h"
 #include "common/golden.h"
+#include "common/host_threads.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
 #include "image/pixel_ops.h"
@@ -168,12 +169,31 @@ class ManagerGpuTest : public test::GlTest<320, 200> {
         m_counting.reset();
     }
 
+    // Draws to the target at the scale and counts the pixels more than 24
+    // per channel away from the CPU's frame.
+    int DifferingFromTarget(const std::vector<uint8_t>& cpu, float scale) {
+        m_gl.Clear(0x30, 0x30, 0x30, 255);
+        m_queue.m_manager->DrawToTarget(320, 200, scale);
+        const std::vector<uint8_t> gpu = m_gl.ReadPixels();
+        int differing = 0;
+        for (int y = 0; y < 200; ++y) {
+            for (int x = 0; x < 320; ++x) {
+                const uint8_t* c = &cpu[static_cast<size_t>(RowStride(320, 24)) * y + x * 3];
+                const uint8_t* g = &gpu[(static_cast<size_t>(y) * 320 + x) * 4];
+                differing += std::abs(c[0] - g[0]) > 24 || std::abs(c[1] - g[1]) > 24 ||
+                             std::abs(c[2] - g[2]) > 24;
+            }
+        }
+        return differing;
+    }
+
     std::optional<test::CountingGlFactory> m_counting;
     static inline std::atomic<int>& textures = test::CountingGlFactory::textures;
     static inline std::atomic<int>& buffers = test::CountingGlFactory::buffers;
     struct Queue : ManagerTest {
         void TestBody() override {}
         using ManagerTest::Add;
+        using ManagerTest::m_dir;
         using ManagerTest::m_manager;
         using ManagerTest::SetUp;
         using ManagerTest::TearDown;
@@ -236,20 +256,108 @@ TEST_F(ManagerGpuTest, TheNewerSubtitleIsPaintedOverTheOlder) {
     const uint8_t* overlap =
         &cpu[static_cast<size_t>(RowStride(320, 24)) * (200 - 1 - 48) + 200 * 3];
     EXPECT_GT(overlap[0], overlap[2]);
-    m_gl.Clear(0x30, 0x30, 0x30, 255);
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
-    const std::vector<uint8_t> gpu = m_gl.ReadPixels();
-    int differing = 0;
-    for (int y = 0; y < 200; ++y) {
-        for (int x = 0; x < 320; ++x) {
-            const uint8_t* c = &cpu[static_cast<size_t>(RowStride(320, 24)) * y + x * 3];
-            const uint8_t* g = &gpu[(static_cast<size_t>(y) * 320 + x) * 4];
-            differing += std::abs(c[0] - g[0]) > 24 || std::abs(c[1] - g[1]) > 24 ||
-                         std::abs(c[2] - g[2]) > 24;
-        }
-    }
-    EXPECT_LE(differing, 320 * 200 / 50);
+    EXPECT_LE(DifferingFromTarget(cpu, 1.0f), 320 * 200 / 50);
     m_queue.m_manager->ReleaseGpuResources();
+}
+
+// One item with all three layers lands in one place on the CPU and on the
+// GPU at every scale: the movie's position and clip scale as the text's and
+// the plate's do.
+TEST_F(ManagerGpuTest, CpuAndGpuAgreeAtEveryScale) {
+    test::ScriptedPlayer::Install(false);  // the real player, on a real movie
+    const std::string movie = m_queue.m_dir.File("blue.apng");
+    ASSERT_TRUE(
+        test::RunCommand("ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i "
+                         "color=c=0x3070D0:s=64x48:r=10 -t 0.3 -plays 0 -f apng " +
+                         test::Quote(movie)));
+    SwfPart swf{};
+    std::copy(movie.begin(), movie.end(), swf.szPath);
+    swf.rcClip = RECT{0, 0, 50, 80};
+    swf.x = 10;
+    swf.y = 10;
+    auto text = std::make_unique<TextPart>();
+    std::copy_n(u"scaled", 7, text->text);
+    text->style.fontSize = 16;
+    text->style.fillColor1 = text->style.fillColor2 = 0xFFFFFF;
+    text->rcClip = RECT{0, 60, 160, 90};
+    text->x = 20;
+    text->y = 62;
+    BackgroundPart plate{0xC02020, 100, 0, {}};
+    ItemDescription item{&swf, text.get(), &plate, 0, {}};
+    m_queue.m_manager->AddSubtitle(u"all", u"g", &item, 1, 30, 20, false, 0);
+    WaitUntilSettled();
+    for (const float scale : {0.5f, 1.5f, 2.0f}) {
+        SCOPED_TRACE(scale);
+        std::vector<uint8_t> cpu(RowStride(320, 24) * 200, 0x30);
+        m_queue.m_manager->DrawToBuffer(cpu.data(), 320, 200, scale);
+        EXPECT_LE(DifferingFromTarget(cpu, scale), 320 * 200 / 50);
+    }
+    m_queue.m_manager->ReleaseGpuResources();
+}
+
+// A GL trace of the releases: a frame with nothing stale deletes nothing, a
+// release deletes its list in one call even when it is empty, and a slot
+// without a buffer object destroys none.
+PFNGLDELETETEXTURESPROC g_deleteTextures = nullptr;
+std::vector<GLsizei> g_deleted;
+void RecordDeletes(GLsizei n, const GLuint* names) {
+    g_deleted.push_back(n);
+    g_deleteTextures(n, names);
+}
+
+TEST_F(ManagerGpuTest, ReleasesAsAGlTraceSeesThem) {
+    glDeleteTextures(0, nullptr);  // the entry point resolves itself on its first call
+    g_deleteTextures = epoxy_glDeleteTextures;
+    epoxy_glDeleteTextures = RecordDeletes;
+    test::CountingGlFactory::refuseBuffers = true;
+    m_queue.Add(u"one", u"g", 0, 0);
+    m_queue.Add(u"two", u"g", 50, 50);
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    m_queue.m_manager->RemoveSubtitle(u"one");
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    m_queue.m_manager->ReleaseGpuResources();
+    m_queue.m_manager->ReleaseGpuResources();
+    epoxy_glDeleteTextures = g_deleteTextures;
+    EXPECT_EQ(g_deleted, (std::vector<GLsizei>{1, 1, 0}));
+    EXPECT_EQ(test::CountingGlFactory::nullDestroyed.load(), 0);
+}
+
+// A host that loses its GL context without ReleaseGpuResources hears of it,
+// once, in the log.
+TEST_F(ManagerGpuTest, ALostContextIsLoggedOnce) {
+    m_queue.Add(u"one", u"g", 0, 0);
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    m_gl.Close();
+    ASSERT_TRUE(m_gl.OpenDisplay() && m_gl.CreateContext() && m_gl.CreateFramebuffer(320, 200));
+    const std::string log = test::CaptureStdout(m_queue.m_dir.File("stdout.txt"), [&] {
+        m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+        m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    });
+    const size_t first = log.find("is no longer a texture");
+    EXPECT_NE(first, std::string::npos) << log;
+    EXPECT_EQ(log.find("is no longer a texture", first + 1), std::string::npos) << log;
+    m_queue.m_manager->ReleaseGpuResources();
+}
+
+// Removing many subtitles costs about one frame, not one per subtitle: every
+// item is asked to stop before any is waited for, and a stop ends a frame
+// step's wait at once.
+TEST_F(ManagerTest, RemovingManyCostsAboutOneFrame) {
+    m_swf.nDirection = 1;
+    m_swf.nSpeed = 100;
+    ItemDescription item{&m_swf, nullptr, nullptr, 0, {}};
+    for (char16_t i = 0; i < 60; ++i) {
+        const char16_t id[] = {u'A', static_cast<char16_t>(u'A' + i), 0};
+        m_manager->AddSubtitle(id, i % 2 ? u"odd" : u"even", &item, 1, 0, 0, false, 0);
+        AdvanceBy(7);  // frame steps due at every phase
+    }
+    uint64_t before = MonotonicMs();
+    m_manager->TrimGroup(u"odd", 0);
+    EXPECT_LE(MonotonicMs() - before, 33u);
+    before = MonotonicMs();
+    m_manager->RemoveAllSubtitles();
+    EXPECT_LE(MonotonicMs() - before, 33u);
 }
 
 // Bounded, in real time: four host threads add, remove, trim, hit-test, move
@@ -261,17 +369,7 @@ TEST_F(ManagerTest, ManyThreadsAtOnceInRealTime) {
     swf.nDirection = 1;
     swf.nSpeed = 2000;
     CLumetManager& manager = *m_manager;
-    std::atomic<bool> done{false};
-    std::atomic<bool> finished{false};
-    std::thread watchdog([&] {
-        for (int tick = 0; tick < 6000 && !finished; ++tick) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        if (!finished) {
-            std::fprintf(stderr, "the manager deadlocked\n");
-            std::abort();
-        }
-    });
+    test::Watchdog watchdog("many threads at once");
     auto host = [&](uint32_t seed) {
         std::minstd_rand random(seed);
         BackgroundPart plate{0x204080, 60, 0, {}};
@@ -311,32 +409,13 @@ TEST_F(ManagerTest, ManyThreadsAtOnceInRealTime) {
     for (uint32_t seed = 1; seed <= 4; ++seed) {
         threads.emplace_back(host, seed);
     }
-    std::thread drawer([&] {
-        std::vector<uint8_t> frame(RowStride(320, 24) * 200);
-        while (!done) {
-            manager.DrawToBuffer(frame.data(), 320, 200, 1.5f);
+    {
+        test::Drawers drawers(&manager, 320, 200, 1.5f);
+        for (std::thread& thread : threads) {
+            thread.join();
         }
-    });
-    std::thread gl([&] {
-        host::CHeadlessGl context;
-        const bool ok =
-            context.OpenDisplay() && context.CreateContext() && context.CreateFramebuffer(320, 200);
-        while (ok && !done) {
-            manager.DrawToTarget(320, 200, 1.0f);
-        }
-        if (ok) {
-            manager.ReleaseGpuResources();
-        }
-    });
-    for (std::thread& thread : threads) {
-        thread.join();
     }
-    done = true;
-    drawer.join();
-    gl.join();
     manager.RemoveAllSubtitles();
-    finished = true;
-    watchdog.join();
 }
 
 }  // namespace

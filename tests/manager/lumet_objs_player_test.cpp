@@ -200,17 +200,10 @@ TEST_F(PlayQueueTest, UpdatesReachTheFirstTextAndDragsFollowTheMouse) {
 
 // Each finished turn leaves its record, with the next position.
 TEST_F(PlayQueueTest, ATurnLeavesItsLogRecord) {
-    const std::string captured = m_dir.File("stdout.txt");
-    std::fflush(stdout);
-    const int saved = dup(1);
-    ASSERT_NE(std::freopen(captured.c_str(), "w", stdout), nullptr);
-    Start(1, true, 250);
-    AdvanceBy(300);
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    const std::vector<uint8_t> bytes = test::ReadBytes(captured);
-    const std::string text(bytes.begin(), bytes.end());
+    const std::string text = test::CaptureStdout(m_dir.File("stdout.txt"), [&] {
+        Start(1, true, 250);
+        AdvanceBy(300);
+    });
     EXPECT_NE(text.find("Lumet Played one time, next=1"), std::string::npos) << text;
 }
 

@@ -8,6 +8,12 @@
 //      into play queues and items, including the joins of item threads;
 //      the scene manager's lock (CVirtualSceneManager::m_lock) is its peer
 //      and is never held together with it;
+//   1a. a play queue's lock (CLumetObjsPlayer::m_lock). It guards the queue's
+//      descriptions and its items (the vector and what its entries point
+//      to), which the host's thread changes and the threads that end turns
+//      read and change; held while items are started or given their turn,
+//      never while pausing or waiting for a thread. An item is destroyed
+//      only after its thread has ended and outside this lock;
 //   2. an item's five layer locks (m_flashLock, m_textPosLock, m_playerLock,
 //      m_textLock, m_backgroundLock), in the orders the item documents;
 //   3. a text renderer's lock (CTextRenderer::m_lock);
