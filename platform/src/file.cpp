@@ -6,26 +6,9 @@
 
 #include <cerrno>
 
+#include "lumets_platform/file_descriptor.h"
+
 namespace lumets::platform {
-namespace {
-
-class CFileDescriptor {
-  public:
-    explicit CFileDescriptor(int fd) : m_fd(fd) {}
-    ~CFileDescriptor() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    CFileDescriptor(const CFileDescriptor&) = delete;
-    CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-    int Get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
-
-}  // namespace
 
 bool ReadRegularFile(const char* path, size_t maxBytes,
                      const std::function<uint8_t*(size_t)>& allocate) {

@@ -1,6 +1,7 @@
 #include "log/logger.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "log/log_config.h"
 #include "lumets/time_source.h"
 #include "lumets_platform/debug_output.h"
+#include "lumets_platform/file_descriptor.h"
 
 namespace lumets {
 namespace {
@@ -257,14 +259,25 @@ void WriteLogFile(const LocalTime& now, const char* record, size_t length) {
         return;
     }
     // Opened and closed per record, so the file can be moved or deleted while
-    // the host runs. A missing "log" directory means no file output.
-    const int fd = open(state.currentFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0) {
+    // the host runs. A missing "log" directory means no file output, and so
+    // does anything but a regular file there: opening a FIFO without a reader
+    // would block every logging thread behind g_outputMutex, so the open never
+    // waits, and a device or a FIFO that did open is left alone.
+    const platform::CFileDescriptor file(
+        open(state.currentFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+             0666));
+    struct stat info {};
+    if (file.Get() < 0 || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return;
+    }
+    // Writes to a regular file wait for the disk as they always did.
+    const int flags = fcntl(file.Get(), F_GETFL);
+    if (flags < 0 || fcntl(file.Get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
         return;
     }
     size_t done = 0;
     while (done < length) {
-        const ssize_t written = write(fd, record + done, length - done);
+        const ssize_t written = write(file.Get(), record + done, length - done);
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -273,13 +286,14 @@ void WriteLogFile(const LocalTime& now, const char* record, size_t length) {
         }
         done += static_cast<size_t>(written);
     }
-    close(fd);
 }
 
 }  // namespace
 
 void Logger::Write(int32_t level, const char* file, int32_t line, const char* function,
                    const char* format, ...) {
+    // Before log.ini has been read the level is LogTrace: nothing in range is
+    // dropped here, the level check after ConfigureOnce decides.
     if (level < LogFatal || level > LogTrace || level > g_level.load(std::memory_order_relaxed)) {
         return;
     }
@@ -314,11 +328,15 @@ void Logger::Write(int32_t level, const char* file, int32_t line, const char* fu
     }
     const size_t length = builder.Finish();
 
-    platform::DebugOutput(record);
-
-    // After the record is built, so the first record of a process always
-    // carries the initial level and mask.
+    // After the record is built, so the first record of a process carries the
+    // initial fields; before it is filtered, so log.ini's level already decides
+    // whether that first record is written.
     ConfigureOnce();
+    if (level > g_level.load(std::memory_order_relaxed)) {
+        return;
+    }
+
+    platform::DebugOutput(record);
 
     const std::lock_guard<std::mutex> lock(g_outputMutex);
     WriteConsole(level, record, length);

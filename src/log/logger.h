@@ -2,7 +2,8 @@
 // to the console (coloured by level on a terminal) and to a daily file
 // "<exe dir>/log/<exe name>_YYYYMMDD.log". "log.ini" beside the host
 // executable (section "LOG", keys "level" and "mask") is read once, after the
-// first record has been formatted.
+// first record has been formatted and before it is filtered: that record
+// carries the initial fields, but its level is already judged by log.ini.
 #pragma once
 
 #include <cstdint>

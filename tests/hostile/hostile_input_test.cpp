@@ -24,6 +24,8 @@
 #include "image/pixel_ops.h"
 #include "image/scaled_composite.h"
 #include "log/log_config.h"
+#include "log/logger.h"
+#include "lumets/time_source.h"
 #include "lumets_platform/utf16.h"
 #include "manager/lumet_manager.h"
 #include "subtitle/subtitle_background.h"
@@ -92,6 +94,10 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::string zero = dir.File("zero.ini");
     std::filesystem::create_symlink("/dev/zero", zero);
+    // The day's log file of a host "host.bin" on 2021-03-03 (UTC), a FIFO
+    // that nobody reads.
+    std::filesystem::create_directory(dir.Path() / "log");
+    ASSERT_EQ(mkfifo(dir.File("log/host.bin_20210303.log").c_str(), 0600), 0);
     const std::string strip = dir.File("strip.png");
     ASSERT_TRUE(
         test::RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgb24 -s "
@@ -155,6 +161,16 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
          [&] { return ReadLogConfigFile(fifo.c_str()).level == LogInfo; }},
         {"log.ini a link to /dev/zero", 0.5, 128,
          [&] { return ReadLogConfigFile(zero.c_str()).level == LogInfo; }},
+        {"the day's log file a FIFO", 0.5, 128,
+         [&] {
+             setenv("TZ", "UTC", 1);
+             tzset();
+             SetTimeMode(TimeMode::Virtual);
+             SetVirtualWallClockMs(1614774896789);  // 2021-03-03 12:34:56.789 UTC
+             Logger::ResetForTesting(dir.File("host.bin").c_str());
+             LUMETS_LOG(LogError, "to the console only");
+             return true;
+         }},
         {"copy between overlapping rectangles", 0.5, 128,
          [] {
              std::vector<uint8_t> bytes(RowStride(64, 24) * 64, 7);

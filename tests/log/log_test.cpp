@@ -1,5 +1,5 @@
-// The log.ini reader, and the logger: records built with the initial settings
-// until log.ini beside the executable has been read, one file per local day,
+// The log.ini reader, and the logger: the first record built with the initial
+// fields, every level judged by log.ini beside the executable, one file per local day,
 // cut records, whole records from many threads, colours on a terminal.
 #include <poll.h>
 #include <pty.h>
@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -129,14 +130,15 @@ class LoggerTest : public ::testing::Test {
     const fs::path dir_ = scratch_.Path();
 };
 
-TEST_F(LoggerTest, FirstRecordUsesInitialSettingsThenIniDecides) {
-    // log.ini, the levels written after the first record, the fields between
-    // the time and the message.
+TEST_F(LoggerTest, FirstRecordHasInitialFieldsButIniDecidesEveryLevel) {
+    // log.ini, the levels written (the first record is a TRACE one), the
+    // fields between the time and the message after the first record.
     const char* const cases[][3] = {
         {nullptr, "012345", ""},
         {"[LOG]\n", "0123", ""},
         {"[LOG]\nlevel=-1\n", "", ""},
         {"[log]\n  Level = 0\n  MASK = fileline|function\n", "0", "f.cpp[1]|fn|"},
+        {"[LOG]\nlevel=5\nmask=fileline\n", "012345", "f.cpp[1]|"},
     };
     for (const auto& [ini, written, fields] : cases) {
         SCOPED_TRACE(ini != nullptr ? ini : "no log.ini");
@@ -147,7 +149,8 @@ TEST_F(LoggerTest, FirstRecordUsesInitialSettingsThenIniDecides) {
             Logger::Write(level, "f.cpp", 1, "fn", "L%d", level);
         }
         const std::string console = testing::internal::GetCapturedStdout();
-        std::string expected = "[TRACE] 12:34:56:789 first\n";
+        std::string expected =
+            std::strchr(written, '5') != nullptr ? "[TRACE] 12:34:56:789 first\n" : "";
         for (const char* level = written; *level != '\0'; ++level) {
             expected += kLevelText[*level - '0'] + std::string("12:34:56:789 ") + fields + "L" +
                         *level + "\n";
