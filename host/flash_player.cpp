@@ -1,9 +1,10 @@
 // The player library's factory, its test hook and the handler's own bodies.
 #include "lumets/host/flash_player.h"
 
-#include <new>
+#include <memory>
 
 #include "factory_hook.h"
+#include "host_guard.h"
 #include "media_player.h"
 
 // The player reports only OnPlayEnd; the other two are the library's own
@@ -16,8 +17,42 @@ void CFlashPlayerEventHandler::OnFinish(ENUM_FILE_TYPE /*type*/) {}
 
 namespace {
 
+using lumets::host::HostGuarded;
+
+// The player the host gets: the real one behind a guard, so that nothing it
+// throws reaches the host.
+class CGuardedPlayer final : public lumets::host::CHostGuarded<IFlashPlayer> {
+  public:
+    using CGuardedDecorator::CGuardedDecorator;
+
+    void SetEventHandler(CFlashPlayerEventHandler* handler) override {
+        Forward(__func__, &IFlashPlayer::SetEventHandler, handler);
+    }
+    void Open(const char16_t* path, int32_t reserved, bool autoPlay) override {
+        Forward(__func__, &IFlashPlayer::Open, path, reserved, autoPlay);
+    }
+    void Play() override { Forward(__func__, &IFlashPlayer::Play); }
+    void Pause() override { Forward(__func__, &IFlashPlayer::Pause); }
+    void Stop() override { Forward(__func__, &IFlashPlayer::Stop); }
+    bool IsReady() override { return Forward(__func__, &IFlashPlayer::IsReady); }
+    bool IsLoading() override { return Forward(__func__, &IFlashPlayer::IsLoading); }
+    bool IsPlaying() override { return Forward(__func__, &IFlashPlayer::IsPlaying); }
+    double GetFrameRate() override { return Forward(__func__, &IFlashPlayer::GetFrameRate); }
+    bool GetSize(uint32_t* width, uint32_t* height) override {
+        return Forward(__func__, &IFlashPlayer::GetSize, width, height);
+    }
+    bool RenderToTexture(GLuint texture, uint32_t* width, uint32_t* height, IPBO* pbo) override {
+        return Forward(__func__, &IFlashPlayer::RenderToTexture, texture, width, height, pbo);
+    }
+    void RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height, const RECT* clip,
+                       const POINT* pos, float scale) override {
+        Forward(__func__, &IFlashPlayer::RenderToFrame, frame, width, height, clip, pos, scale);
+    }
+};
+
 IFlashPlayer* CreateMediaPlayer() {
-    return new (std::nothrow) lumets::host::CMediaPlayer();
+    return std::make_unique<CGuardedPlayer>(std::make_unique<lumets::host::CMediaPlayer>())
+        .release();
 }
 
 void DeleteMediaPlayer(IFlashPlayer* player) {
@@ -32,11 +67,11 @@ lumets::host::CFactoryHook<IFlashPlayer>& Factories() {
 }  // namespace
 
 IFlashPlayer* CreateFlashPlayer() {
-    return Factories().Make();
+    return HostGuarded(__func__, [] { return Factories().Make(); });
 }
 
 void DeleteFlashPlayer(IFlashPlayer* player) {
-    Factories().Free(player);
+    HostGuarded(__func__, [player] { Factories().Free(player); });
 }
 
 namespace lumets::host {

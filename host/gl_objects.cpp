@@ -9,10 +9,12 @@
 #include <new>
 
 #include "gl/gl_util.h"
+#include "host_guard.h"
 
 using lumets::GlDrainErrors;
 using lumets::GlHasCurrentContext;
 using lumets::GlOk;
+using lumets::host::HostGuarded;
 
 namespace {
 
@@ -92,26 +94,31 @@ uint32_t PictureBytes(int32_t width, int32_t height) {
     return bytes > UINT32_MAX ? 0 : static_cast<uint32_t>(bytes);
 }
 
+// The host calls these operations directly: each one that reaches GL (and so
+// the debug output, which may allocate) runs under HostGuarded; the others
+// only read or store members and are noexcept.
 class CPBO final : public IPBO {
   public:
     void Init(int32_t width, int32_t height) override {
-        Resize(width, height);
-        if (GlHasCurrentContext()) {
-            GlDrainErrors();
-            CTransferStateGuard guard;
-            EnsureBuffer(PictureBytes(m_width, m_height));
-        }
+        HostGuarded(__func__, [&] {
+            Resize(width, height);
+            if (GlHasCurrentContext()) {
+                GlDrainErrors();
+                CTransferStateGuard guard;
+                EnsureBuffer(PictureBytes(m_width, m_height));
+            }
+        });
     }
 
-    void Resize(int32_t width, int32_t height) override {
+    void Resize(int32_t width, int32_t height) noexcept override {
         m_width = width > 0 ? width : 0;
         m_height = height > 0 ? height : 0;
     }
 
-    int32_t GetWidth() const override { return m_width; }
-    int32_t GetHeight() const override { return m_height; }
-    uint32_t GetCapacity() const override { return m_capacity; }
-    GLuint GetBufferName() const override { return m_buffer; }
+    int32_t GetWidth() const noexcept override { return m_width; }
+    int32_t GetHeight() const noexcept override { return m_height; }
+    uint32_t GetCapacity() const noexcept override { return m_capacity; }
+    GLuint GetBufferName() const noexcept override { return m_buffer; }
 
     // Binds the texture and reads the size of its first level.
     static bool BindTexture(GLuint texture, GLint* width, GLint* height) {
@@ -137,49 +144,53 @@ class CPBO final : public IPBO {
     }
 
     bool Download(GLuint texture, void* pixels, uint32_t size, GLenum format) override {
-        if (TransferBytes(texture, pixels, size, format) == 0) {
-            return false;
-        }
-        GlDrainErrors();
-        CTransferStateGuard guard;
-        glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
-        // glGetTexImage writes the whole level: refuse a texture of another size
-        // rather than write past the caller's buffer.
-        GLint texWidth = 0;
-        GLint texHeight = 0;
-        if (!BindTexture(texture, &texWidth, &texHeight) || texWidth != m_width ||
-            texHeight != m_height) {
-            return false;
-        }
-        glGetTexImage(GL_TEXTURE_2D, 0, format, GL_UNSIGNED_BYTE, pixels);
-        return GlOk("glGetTexImage");
+        return HostGuarded(__func__, [&] {
+            if (TransferBytes(texture, pixels, size, format) == 0) {
+                return false;
+            }
+            GlDrainErrors();
+            CTransferStateGuard guard;
+            glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+            // glGetTexImage writes the whole level: refuse a texture of another size
+            // rather than write past the caller's buffer.
+            GLint texWidth = 0;
+            GLint texHeight = 0;
+            if (!BindTexture(texture, &texWidth, &texHeight) || texWidth != m_width ||
+                texHeight != m_height) {
+                return false;
+            }
+            glGetTexImage(GL_TEXTURE_2D, 0, format, GL_UNSIGNED_BYTE, pixels);
+            return GlOk("glGetTexImage");
+        });
     }
 
     bool Upload(GLuint texture, const void* pixels, uint32_t size, GLenum format) override {
-        const uint32_t needed = TransferBytes(texture, pixels, size, format);
-        if (needed == 0) {
-            return false;
-        }
-        GlDrainErrors();
-        CTransferStateGuard guard;
-        if (!EnsureBuffer(needed) || !FillBuffer(pixels, needed)) {
-            return false;
-        }
-        GLint texWidth = 0;
-        GLint texHeight = 0;
-        if (!BindTexture(texture, &texWidth, &texHeight)) {
-            return false;
-        }
-        // Rows arrive bottom-up, which is OpenGL's own row order: no flip. The
-        // last argument is an offset into the bound unpack buffer.
-        if (texWidth == m_width && texHeight == m_height) {
-            glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, m_width, m_height, format, GL_UNSIGNED_BYTE,
-                            nullptr);
-            return GlOk("glTexSubImage2D");
-        }
-        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, m_width, m_height, 0, format, GL_UNSIGNED_BYTE,
-                     nullptr);
-        return GlOk("glTexImage2D");
+        return HostGuarded(__func__, [&] {
+            const uint32_t needed = TransferBytes(texture, pixels, size, format);
+            if (needed == 0) {
+                return false;
+            }
+            GlDrainErrors();
+            CTransferStateGuard guard;
+            if (!EnsureBuffer(needed) || !FillBuffer(pixels, needed)) {
+                return false;
+            }
+            GLint texWidth = 0;
+            GLint texHeight = 0;
+            if (!BindTexture(texture, &texWidth, &texHeight)) {
+                return false;
+            }
+            // Rows arrive bottom-up, which is OpenGL's own row order: no flip. The
+            // last argument is an offset into the bound unpack buffer.
+            if (texWidth == m_width && texHeight == m_height) {
+                glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, m_width, m_height, format, GL_UNSIGNED_BYTE,
+                                nullptr);
+                return GlOk("glTexSubImage2D");
+            }
+            glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, m_width, m_height, 0, format, GL_UNSIGNED_BYTE,
+                         nullptr);
+            return GlOk("glTexImage2D");
+        });
     }
 
     void DeleteBuffer() {
@@ -296,17 +307,19 @@ lumets::host::GLObjectFactory CurrentFactory() {
 }  // namespace
 
 GLuint CGLObjectFactory::CreateTexture() {
-    return CurrentFactory().createTexture();
+    return HostGuarded(__func__, [&] { return CurrentFactory().createTexture(); });
 }
 
 IPBO* CGLObjectFactory::CreatePBO(EnumPBOType type, uint32_t bitsPerPixel) {
-    return CurrentFactory().createPBO(type, bitsPerPixel);
+    return HostGuarded(__func__, [&] { return CurrentFactory().createPBO(type, bitsPerPixel); });
 }
 
 void CGLObjectFactory::DestroyPBO(IPBO* pbo) {
-    if (pbo != nullptr) {
-        CurrentFactory().destroyPBO(pbo);
-    }
+    HostGuarded(__func__, [&] {
+        if (pbo != nullptr) {
+            CurrentFactory().destroyPBO(pbo);
+        }
+    });
 }
 
 namespace lumets::host {

@@ -9,10 +9,12 @@
 
 #include "factory_hook.h"
 #include "gl/gl_util.h"
+#include "host_guard.h"
 
 using lumets::GlDrainErrors;
 using lumets::GlHasCurrentContext;
 using lumets::GlOk;
+using lumets::host::HostGuarded;
 
 namespace {
 
@@ -140,129 +142,140 @@ class CDrawStateGuard {
     GLint m_sampler0 = 0;
 };
 
+// As with the pixel-buffer object, the operations that reach GL run under
+// HostGuarded and the others are noexcept.
 class CGPUCombiner final : public IGPUCombiner {
   public:
     ~CGPUCombiner() override { Release(); }
 
     bool Init() override {
-        Release();
-        if (!GlHasCurrentContext()) {
-            return false;
-        }
-        GlDrainErrors();
-        const GLint previousVertexArray = GetInteger(GL_VERTEX_ARRAY_BINDING);
-        const GLint previousArrayBuffer = GetInteger(GL_ARRAY_BUFFER_BINDING);
-        const bool ok = BuildProgram() && BuildQuad();
-        glBindVertexArray(static_cast<GLuint>(previousVertexArray));
-        glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(previousArrayBuffer));
-        if (!ok) {
+        return HostGuarded(__func__, [&] {
             Release();
-            return false;
-        }
-        m_drawCount = 0;
-        return true;
+            if (!GlHasCurrentContext()) {
+                return false;
+            }
+            GlDrainErrors();
+            const GLint previousVertexArray = GetInteger(GL_VERTEX_ARRAY_BINDING);
+            const GLint previousArrayBuffer = GetInteger(GL_ARRAY_BUFFER_BINDING);
+            const bool ok = BuildProgram() && BuildQuad();
+            glBindVertexArray(static_cast<GLuint>(previousVertexArray));
+            glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(previousArrayBuffer));
+            if (!ok) {
+                Release();
+                return false;
+            }
+            m_drawCount = 0;
+            return true;
+        });
     }
 
     void Release() override {
-        if (GlHasCurrentContext()) {
-            if (m_program != 0) {
-                glDeleteProgram(m_program);
+        HostGuarded(__func__, [&] {
+            if (GlHasCurrentContext()) {
+                if (m_program != 0) {
+                    glDeleteProgram(m_program);
+                }
+                if (m_vertexArray != 0) {
+                    glDeleteVertexArrays(1, &m_vertexArray);
+                }
+                if (m_vertexBuffer != 0) {
+                    glDeleteBuffers(1, &m_vertexBuffer);
+                }
+                GlOk("Release");
             }
-            if (m_vertexArray != 0) {
-                glDeleteVertexArrays(1, &m_vertexArray);
-            }
-            if (m_vertexBuffer != 0) {
-                glDeleteBuffers(1, &m_vertexBuffer);
-            }
-            GlOk("Release");
-        }
-        m_program = 0;
-        m_vertexArray = 0;
-        m_vertexBuffer = 0;
+            m_program = 0;
+            m_vertexArray = 0;
+            m_vertexBuffer = 0;
+        });
     }
 
-    void SetOpacity(float opacity) override {
+    void SetOpacity(float opacity) noexcept override {
         // NaN fails both comparisons and becomes 0.
         m_opacity = opacity >= 1.f ? 1.f : (opacity > 0.f ? opacity : 0.f);
     }
-    float GetOpacity() const override { return m_opacity; }
+    float GetOpacity() const noexcept override { return m_opacity; }
 
     void Clear(uint32_t argb) override {
-        if (!GlHasCurrentContext()) {
-            return;
-        }
-        GlDrainErrors();
-        GLfloat previous[4] = {};
-        glGetFloatv(GL_COLOR_CLEAR_VALUE, previous);
-        glClearColor(static_cast<GLfloat>((argb >> 16) & 0xFF) / 255.f,
-                     static_cast<GLfloat>((argb >> 8) & 0xFF) / 255.f,
-                     static_cast<GLfloat>(argb & 0xFF) / 255.f,
-                     static_cast<GLfloat>(argb >> 24) / 255.f);
-        glClear(GL_COLOR_BUFFER_BIT);
-        glClearColor(previous[0], previous[1], previous[2], previous[3]);
-        GlOk("glClear");
+        HostGuarded(__func__, [&] {
+            if (!GlHasCurrentContext()) {
+                return;
+            }
+            GlDrainErrors();
+            GLfloat previous[4] = {};
+            glGetFloatv(GL_COLOR_CLEAR_VALUE, previous);
+            glClearColor(static_cast<GLfloat>((argb >> 16) & 0xFF) / 255.f,
+                         static_cast<GLfloat>((argb >> 8) & 0xFF) / 255.f,
+                         static_cast<GLfloat>(argb & 0xFF) / 255.f,
+                         static_cast<GLfloat>(argb >> 24) / 255.f);
+            glClear(GL_COLOR_BUFFER_BIT);
+            glClearColor(previous[0], previous[1], previous[2], previous[3]);
+            GlOk("glClear");
+        });
     }
 
-    uint32_t GetDrawCount() const override { return m_drawCount; }
+    uint32_t GetDrawCount() const noexcept override { return m_drawCount; }
 
     bool DrawTexture(GLuint texture, int32_t /*mode*/) override {
-        if (texture == 0 || m_program == 0 || !m_hasDestination ||
-            (!m_wholeTexture && !m_hasSource) || !GlHasCurrentContext()) {
-            return false;
-        }
-        GlDrainErrors();
-        CDrawStateGuard guard;
+        return HostGuarded(__func__, [&] {
+            if (texture == 0 || m_program == 0 || !m_hasDestination ||
+                (!m_wholeTexture && !m_hasSource) || !GlHasCurrentContext()) {
+                return false;
+            }
+            GlDrainErrors();
+            CDrawStateGuard guard;
 
-        // Top-down target units onto clip space; the viewport then maps clip
-        // space onto pixels, so a target of width / scale draws item units
-        // scaled by scale. Clip space y grows upwards.
-        const float tw = static_cast<float>(m_targetWidth);
-        const float th = static_cast<float>(m_targetHeight);
-        const float dLeft = 2.f * static_cast<float>(m_destination.left) / tw - 1.f;
-        const float dRight = 2.f * static_cast<float>(m_destination.right) / tw - 1.f;
-        const float dTop = 1.f - 2.f * static_cast<float>(m_destination.top) / th;
-        const float dBottom = 1.f - 2.f * static_cast<float>(m_destination.bottom) / th;
+            // Top-down target units onto clip space; the viewport then maps clip
+            // space onto pixels, so a target of width / scale draws item units
+            // scaled by scale. Clip space y grows upwards.
+            const float tw = static_cast<float>(m_targetWidth);
+            const float th = static_cast<float>(m_targetHeight);
+            const float dLeft = 2.f * static_cast<float>(m_destination.left) / tw - 1.f;
+            const float dRight = 2.f * static_cast<float>(m_destination.right) / tw - 1.f;
+            const float dTop = 1.f - 2.f * static_cast<float>(m_destination.top) / th;
+            const float dBottom = 1.f - 2.f * static_cast<float>(m_destination.bottom) / th;
 
-        // Texture rows are stored bottom-up: t = 0 is the picture's bottom edge.
-        float sLeft = 0.f;
-        float sRight = 1.f;
-        float sTop = 1.f;
-        float sBottom = 0.f;
-        if (!m_wholeTexture) {
-            const float sw = static_cast<float>(m_textureWidth);
-            const float sh = static_cast<float>(m_textureHeight);
-            sLeft = static_cast<float>(m_source.left) / sw;
-            sRight = static_cast<float>(m_source.right) / sw;
-            sTop = 1.f - static_cast<float>(m_source.top) / sh;
-            sBottom = 1.f - static_cast<float>(m_source.bottom) / sh;
-        }
+            // Texture rows are stored bottom-up: t = 0 is the picture's bottom edge.
+            float sLeft = 0.f;
+            float sRight = 1.f;
+            float sTop = 1.f;
+            float sBottom = 0.f;
+            if (!m_wholeTexture) {
+                const float sw = static_cast<float>(m_textureWidth);
+                const float sh = static_cast<float>(m_textureHeight);
+                sLeft = static_cast<float>(m_source.left) / sw;
+                sRight = static_cast<float>(m_source.right) / sw;
+                sTop = 1.f - static_cast<float>(m_source.top) / sh;
+                sBottom = 1.f - static_cast<float>(m_source.bottom) / sh;
+            }
 
-        glUseProgram(m_program);
-        glUniform4f(m_destinationLocation, dLeft, dTop, dRight, dBottom);
-        glUniform4f(m_sourceLocation, sLeft, sTop, sRight, sBottom);
-        glUniform1f(m_opacityLocation, m_opacity);
-        glUniform1i(m_textureLocation, 0);
-        glBindSampler(0, 0);
-        glBindTexture(GL_TEXTURE_2D, texture);
-        glBindVertexArray(m_vertexArray);
-        glEnable(GL_BLEND);
-        glBlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
-        glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
-        glDisable(GL_DEPTH_TEST);
-        glDisable(GL_STENCIL_TEST);
-        glDisable(GL_CULL_FACE);
-        if (!GlOk("DrawTexture setup")) {
-            return false;
-        }
-        glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
-        if (!GlOk("glDrawArrays")) {
-            return false;
-        }
-        ++m_drawCount;
-        return true;
+            glUseProgram(m_program);
+            glUniform4f(m_destinationLocation, dLeft, dTop, dRight, dBottom);
+            glUniform4f(m_sourceLocation, sLeft, sTop, sRight, sBottom);
+            glUniform1f(m_opacityLocation, m_opacity);
+            glUniform1i(m_textureLocation, 0);
+            glBindSampler(0, 0);
+            glBindTexture(GL_TEXTURE_2D, texture);
+            glBindVertexArray(m_vertexArray);
+            glEnable(GL_BLEND);
+            glBlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
+            glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE,
+                                GL_ONE_MINUS_SRC_ALPHA);
+            glDisable(GL_DEPTH_TEST);
+            glDisable(GL_STENCIL_TEST);
+            glDisable(GL_CULL_FACE);
+            if (!GlOk("DrawTexture setup")) {
+                return false;
+            }
+            glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+            if (!GlOk("glDrawArrays")) {
+                return false;
+            }
+            ++m_drawCount;
+            return true;
+        });
     }
 
-    void GetRects(RECT* destination, RECT* source) const override {
+    void GetRects(RECT* destination, RECT* source) const noexcept override {
         if (destination != nullptr) {
             *destination = m_destination;
         }
@@ -272,7 +285,7 @@ class CGPUCombiner final : public IGPUCombiner {
     }
 
     bool SetDestination(const RECT* rect, int32_t targetWidth, int32_t targetHeight,
-                        int32_t flag) override {
+                        int32_t flag) noexcept override {
         m_hasDestination = rect != nullptr && targetWidth > 0 && targetHeight > 0 &&
                            rect->right > rect->left && rect->bottom > rect->top;
         if (!m_hasDestination) {
@@ -286,7 +299,7 @@ class CGPUCombiner final : public IGPUCombiner {
     }
 
     bool SetSource(const RECT* rect, int32_t texWidth, int32_t texHeight,
-                   int32_t /*reserved*/) override {
+                   int32_t /*reserved*/) noexcept override {
         m_hasSource = rect != nullptr && texWidth > 0 && texHeight > 0 &&
                       rect->right > rect->left && rect->bottom > rect->top;
         if (!m_hasSource) {
@@ -376,11 +389,11 @@ lumets::host::CFactoryHook<IGPUCombiner>& Factories() {
 }  // namespace
 
 IGPUCombiner* CProcessorFactory::CreateCombiner() {
-    return Factories().Make();
+    return HostGuarded(__func__, [&] { return Factories().Make(); });
 }
 
 void CProcessorFactory::DestroyCombiner(IGPUCombiner* combiner) {
-    Factories().Free(combiner);
+    HostGuarded(__func__, [&] { Factories().Free(combiner); });
 }
 
 namespace lumets::host {
