@@ -54,11 +54,15 @@ void CLumetManager::AddSubtitle(const char16_t* id, const char16_t* group,
         return;
     }
     CAutoLock lock(&m_lock);
-    std::unique_ptr<CLumetObjsPlayer>& player = m_players[std::u16string(id)];
-    if (!player) {
-        player = std::make_unique<CLumetObjsPlayer>();
+    std::u16string key(id);
+    auto found = m_players.find(key);
+    if (found == m_players.end()) {
+        // Made before it enters the registry: a failed allocation leaves no
+        // empty entry behind.
+        auto player = std::make_unique<CLumetObjsPlayer>();
+        found = m_players.emplace(std::move(key), std::move(player)).first;
     }
-    player->Setup(group, items, count, x, y, loop, intervalMs);
+    found->second->Setup(group, items, count, x, y, loop, intervalMs);
 }
 
 void CLumetManager::RemoveSubtitle(const char16_t* id) {

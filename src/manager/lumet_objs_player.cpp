@@ -190,17 +190,11 @@ void CLumetObjsPlayer::RequestStop() {
 
 void CLumetObjsPlayer::Stop() {
     RequestStop();
-    std::vector<CLumet*> items;
-    {
-        CAutoLock lock(&m_lock);
-        for (std::unique_ptr<CLumet>& item : m_items) {
-            items.push_back(item.get());
-        }
-    }
     // Every thread is joined before any item goes: a thread still ending its
     // turn may give the next item its turn. The joins run without the lock,
-    // which a pause that a stop just ended takes again on its way out.
-    for (CLumet* item : items) {
+    // which a pause that a stop just ended takes again on its way out; once
+    // stopping, nothing adds to the items, so reading them here is safe.
+    for (std::unique_ptr<CLumet>& item : m_items) {
         item->Stop();
     }
     std::vector<std::unique_ptr<CLumet>> ended;
