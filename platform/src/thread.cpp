@@ -81,6 +81,11 @@ bool Thread::Start(std::function<void()> body) {
     } catch (const std::system_error&) {
         s.LibraryThreadNotStarted();
         return false;
+    } catch (...) {
+        // No thread (its state could not be allocated): it must not count as
+        // runnable, or every virtual-time wait would wait for it for ever.
+        s.LibraryThreadNotStarted();
+        throw;
     }
     m_state = std::move(state);
     return true;
