@@ -12,8 +12,6 @@ namespace lumets {
 namespace {
 
 constexpr int32_t kPauseStepMs = 100;
-// The wait after a looping round that took no time: one frame step.
-constexpr int32_t kRoundFloorMs = 33;
 
 template <typename Part>
 std::unique_ptr<Part> CopyOf(const Part* part) {
@@ -138,7 +136,7 @@ void CLumetObjsPlayer::PlayAt(uint32_t index) {
             m_current.store(nullptr);
             pauseMs = m_intervalMs.load();
             if (pauseMs <= 0 && MonotonicMs() == m_roundStartMs) {
-                pauseMs = kRoundFloorMs;
+                pauseMs = static_cast<int32_t>(kFrameMs);  // one frame step
             }
         }
     }

@@ -17,8 +17,6 @@ namespace lumets {
 
 namespace {
 
-constexpr uint64_t kFrameMs = 33;
-
 bool IsMoving(int32_t direction) {
     return direction >= 1 && direction <= 4;
 }

@@ -9,6 +9,9 @@
 
 namespace lumets {
 
+// A playing thread steps its layers at most once in this many milliseconds.
+inline constexpr uint64_t kFrameMs = 33;
+
 // The pixels per 33 ms frame of a speed in pixels per second.
 float StepFromSpeed(uint32_t speed);
 // Adds step to remainder and takes out its whole pixels.
