@@ -50,7 +50,8 @@ LUMETS_PLATFORM_API void SleepMs(uint32_t durationMs);
 // library thread may take. Waits due at the same instant are woken one at a
 // time in the order they began, each thread settling before the next wakes.
 // One host thread advances time at a time; others wait for their turn. Does
-// nothing in real mode and on a library thread.
+// nothing in real mode, on a library thread, and for a step that would take
+// time past INT64_MAX milliseconds (a negative or NaN count converted, say).
 LUMETS_PLATFORM_API void AdvanceBy(uint64_t durationMs);
 
 // Virtual mode: returns once every thread started through the platform layer

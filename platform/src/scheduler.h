@@ -25,6 +25,9 @@ namespace lumets::platform::detail {
 
 struct Waiter;
 
+// Virtual time never passes what a signed 64-bit millisecond clock can show.
+inline constexpr uint64_t kMaxVirtualMs = static_cast<uint64_t>(INT64_MAX);
+
 // The waits on one object (an event, a thread's end), first come first served.
 using WaitQueue = std::deque<Waiter*>;
 

@@ -305,8 +305,13 @@ void Scheduler::AdvanceBy(uint64_t ms) {
     if (!AcquireDriver(lk, nullptr)) {
         return;
     }
+    // A step past what a signed 64-bit millisecond clock can show is no step
+    // a clock can take (a negative or NaN count converted, say), and taking
+    // it would wake every periodic wait until the end of time: refused.
     const uint64_t now = m_now.load(std::memory_order_relaxed);
-    RunTo(lk, ms > UINT64_MAX - now ? UINT64_MAX : now + ms, nullptr);
+    if (ms <= kMaxVirtualMs - now) {
+        RunTo(lk, now + ms, nullptr);
+    }
     ReleaseDriver();
 }
 

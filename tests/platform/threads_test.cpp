@@ -187,6 +187,11 @@ TEST_F(VirtualTime, UntimedHostWaitsDriveTimeToo) {
         }
     }));
     AdvanceBy(100);
+    // Steps no clock can take are refused at once, not run to the end of time.
+    for (const uint64_t step : {uint64_t{1} << 63, UINT64_MAX, uint64_t{INT64_MAX} - 99}) {
+        AdvanceBy(step);
+        EXPECT_EQ(MonotonicMs(), 100u);
+    }
     stop = true;
     EXPECT_TRUE(threads_[0].WaitForEnd(kWaitInfinite));
     EXPECT_EQ(MonotonicMs(), 132u);

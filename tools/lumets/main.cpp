@@ -4,12 +4,15 @@
 // however fast or slow the machine is.
 //
 // Exit codes: 0 done; 1 an output could not be written or OpenGL is missing;
-// 2 a bad command line; 3 a bad scene file or a missing media file; 4 the
-// input ended inside a frame (the frames before it were all written).
+// 2 a bad command line; 3 a bad scene file or media file; 4 the input ended
+// inside a frame (the frames before it were all written); 128 + n stopped by
+// signal n (SIGHUP, SIGINT, SIGTERM) with the frames so far finished.
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -18,6 +21,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,8 +29,10 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "files.h"
 #include "scene_file.h"
 #include "scene_player.h"
+#include "signals.h"
 #include "video_io.h"
 
 namespace lumets::tool {
@@ -70,6 +76,24 @@ std::string CheckSize(const std::string& text) {
         return "must be WIDTHxHEIGHT, each 16 to 8192";
     }
     return {};
+}
+
+// A number from lo to hi. CLI11's own range check lets NaN through (every
+// comparison with it is false), and NaN frames never end.
+CLI::Validator Between(double lo, double hi) {
+    std::ostringstream range;
+    range << lo << " to " << hi;
+    const std::string words = range.str();
+    return CLI::Validator(
+        [lo, hi, words](std::string& text) -> std::string {
+            char* end = nullptr;
+            const double value = std::strtod(text.c_str(), &end);
+            if (text.empty() || *end != '\0' || !std::isfinite(value) || value < lo || value > hi) {
+                return "must be a number from " + words + ", not " + text;
+            }
+            return {};
+        },
+        "NUMBER from " + words);
 }
 
 Size ParseSize(const std::string& text) {
@@ -161,66 +185,103 @@ std::optional<Scene> Load(const std::string& path) {
 }
 
 // The scene's background, or --background: a colour or a picture or video.
-bool ApplyBackground(Scene& scene, const std::string& value) {
+// 0, or the exit code with the reason given.
+int ApplyBackground(Scene& scene, const std::string& value) {
     if (value.empty()) {
-        return true;
+        return 0;
     }
     if (ParseColour(value, &scene.background.colour)) {
         scene.background.kind = Background::Kind::Colour;
-        return true;
+        return 0;
     }
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(value, error)) {
-        std::fprintf(stderr, "lumets: --background: no such file: %s\n", value.c_str());
-        return false;
+    if (value[0] == '#') {
+        std::fprintf(stderr,
+                     "lumets: --background: malformed colour %s: write it as #RRGGBB, six hex "
+                     "digits (#1c2a3a, say)\n",
+                     value.c_str());
+        return kBadCommandLine;
+    }
+    const std::string why = WhyNotUsable(value, MediaUse::Picture);
+    if (!why.empty()) {
+        std::fprintf(stderr, "lumets: --background %s: %s\n", value.c_str(), why.c_str());
+        return kBadScene;
     }
     scene.background.kind = Background::Kind::Video;  // a still picture works the same
     scene.background.path = value;
-    return true;
+    return 0;
 }
 
+// 128 + the signal's number, as a shell reports a process the signal ended.
+int StoppedBy(int signal) {
+    return 128 + signal;
+}
+
+enum class Output { Video, Picture, Folder };
+
 int Render(const RenderOptions& options, const std::string& pngBeside = {}, double pngAt = -1) {
+    namespace fs = std::filesystem;
+    const std::string& out = options.output;
+    const std::string extension = LowerExtension(out);
+    const VideoFormat* format = FindVideoFormat(extension);
+    std::error_code error;
+    Output kind = Output::Folder;
+    if (format != nullptr) {
+        kind = Output::Video;
+    } else if (extension == ".png") {
+        kind = Output::Picture;
+    } else if (!extension.empty() && !fs::is_directory(out, error)) {
+        std::fprintf(stderr,
+                     "lumets: -o %s: cannot write %s files; write a video in %s, a .png with "
+                     "--at, or numbered PNGs into a folder (a path without an extension)\n",
+                     out.c_str(), extension.c_str(), VideoFormatList().c_str());
+        return kBadCommandLine;
+    }
+    if (kind == Output::Picture && !options.at) {
+        std::fprintf(stderr, "lumets: a single PNG needs --at SECONDS\n");
+        return kBadCommandLine;
+    }
+
     std::optional<Scene> scene = Load(options.scene);
     if (!scene) {
         return kBadScene;
     }
-    if (!ApplyBackground(*scene, options.background)) {
-        return kBadScene;
+    if (const int rc = ApplyBackground(*scene, options.background); rc != 0) {
+        return rc;
     }
     const Size size =
         options.size.empty() ? Size{scene->width, scene->height} : ParseSize(options.size);
     const double fps = options.fps.value_or(scene->fps);
     const double duration = options.duration.value_or(scene->duration);
-
-    namespace fs = std::filesystem;
-    const std::string& out = options.output;
-    const bool mp4 = fs::path(out).extension() == ".mp4";
-    const bool png = fs::path(out).extension() == ".png";
-    if (png && !options.at) {
-        std::fprintf(stderr, "lumets: a single PNG needs --at SECONDS\n");
-        return kBadCommandLine;
-    }
-    if (mp4 && (size.width % 2 != 0 || size.height % 2 != 0)) {
-        std::fprintf(stderr, "lumets: an MP4 needs an even width and height, not %dx%d\n",
+    if (kind == Output::Video && (size.width % 2 != 0 || size.height % 2 != 0)) {
+        std::fprintf(stderr, "lumets: a video needs an even width and height, not %dx%d\n",
                      size.width, size.height);
         return kBadCommandLine;
     }
     const uint64_t frames =
-        png ? static_cast<uint64_t>(std::llround(*options.at * fps)) + 1
+        kind == Output::Picture
+            ? static_cast<uint64_t>(std::llround(*options.at * fps)) + 1
             : std::max<uint64_t>(1, static_cast<uint64_t>(std::llround(duration * fps)));
-    std::error_code error;
-    if (!mp4 && !png && !fs::is_directory(out, error) && !fs::create_directories(out, error)) {
-        std::fprintf(stderr, "lumets: cannot make the folder %s\n", out.c_str());
+    if (kind == Output::Folder && !fs::is_directory(out, error) &&
+        (fs::create_directories(out, error), error)) {
+        std::fprintf(stderr, "lumets: cannot make the folder %s: %s\n", out.c_str(),
+                     error.message().c_str());
         return kOutputFailed;
     }
 
+    // The video is written beside its path and moved there once finished.
+    CPendingFile videoFile;
+    std::string why;
+    if (kind == Output::Video && !videoFile.Create(out, &why)) {
+        std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), why.c_str());
+        return kOutputFailed;
+    }
     SetTimeMode(TimeMode::Virtual);
     int rc = 0;
+    uint64_t done = 0;
     {
         BackgroundPainter background;
-        std::string why;
         if (!background.Open(scene->background, size.width, size.height, &why)) {
-            std::fprintf(stderr, "lumets: %s\n", why.c_str());
+            std::fprintf(stderr, "lumets: %s: %s\n", scene->background.path.c_str(), why.c_str());
             SetTimeMode(TimeMode::Real);
             return kBadScene;
         }
@@ -229,7 +290,8 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
         if (!player.Ok()) {
             std::fprintf(stderr, "lumets: %s\n", player.Error().c_str());
             rc = kOutputFailed;
-        } else if (mp4 && !video.Open(out, size.width, size.height, fps)) {
+        } else if (kind == Output::Video &&
+                   !video.Open(videoFile.TemporaryPath(), *format, size.width, size.height, fps)) {
             std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), video.Error().c_str());
             rc = kOutputFailed;
         }
@@ -237,38 +299,65 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
             pngAt >= 0 ? static_cast<uint64_t>(std::llround(pngAt * fps)) : frames;
         std::vector<uint8_t> frame(FrameBytes(size.width, size.height));
         Progress progress(frames);
-        for (uint64_t i = 0; rc == 0 && i < frames; ++i) {
-            background.Paint(static_cast<double>(i) / fps, frame.data());
-            player.Render(i, frame.data());
+        for (; rc == 0 && done < frames && CSignals::Caught() == 0; ++done) {
+            background.Paint(static_cast<double>(done) / fps, frame.data());
+            player.Render(done, frame.data());
             std::string file;
-            if (png && i + 1 == frames) {
+            if (kind == Output::Picture && done + 1 == frames) {
                 file = out;
-            } else if (!mp4 && !png) {
+            } else if (kind == Output::Folder) {
                 char name[32];
                 std::snprintf(name, sizeof name, "frame_%05llu.png",
-                              static_cast<unsigned long long>(i + 1));
+                              static_cast<unsigned long long>(done + 1));
                 file = (fs::path(out) / name).string();
             }
-            if (i == pngIndex) {
+            if (done == pngIndex) {
                 file = pngBeside;
             }
-            if (mp4 && !video.Write(frame.data())) {
+            if (kind == Output::Video && !video.Write(frame.data())) {
                 std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), video.Error().c_str());
                 rc = kOutputFailed;
             }
-            if (!file.empty() && !WritePng(file, frame.data(), size.width, size.height)) {
-                std::fprintf(stderr, "lumets: cannot write %s\n", file.c_str());
+            if (!file.empty() && !WritePng(file, frame.data(), size.width, size.height, &why)) {
+                std::fprintf(stderr, "lumets: %s: %s\n", file.c_str(), why.c_str());
                 rc = kOutputFailed;
             }
-            progress.Step(i + 1);
+            progress.Step(done + 1);
         }
-        if (mp4 && rc == 0 && !video.Close()) {
-            std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), video.Error().c_str());
+        // Stopped by a signal, a video still gets its end: the frames so far
+        // make a file that plays.
+        if (kind == Output::Video && rc == 0 && done > 0 &&
+            (!video.Close() || !videoFile.Commit(&why))) {
+            std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(),
+                         video.Error().empty() ? why.c_str() : video.Error().c_str());
             rc = kOutputFailed;
         }
     }
     SetTimeMode(TimeMode::Real);
-    return rc;
+    if (rc != 0) {
+        if (kind == Output::Video) {
+            std::fprintf(stderr, "lumets: nothing was written to %s\n", out.c_str());
+        }
+        return rc;
+    }
+    if (const int signal = CSignals::Caught(); signal != 0) {
+        if (done == 0 || kind == Output::Picture) {
+            std::fprintf(stderr, "lumets: stopped by %s; nothing was written to %s\n",
+                         CSignals::Name(signal), out.c_str());
+        } else {
+            std::fprintf(stderr, "lumets: stopped by %s after %llu of %llu frames; %s holds them\n",
+                         CSignals::Name(signal), static_cast<unsigned long long>(done),
+                         static_cast<unsigned long long>(frames), out.c_str());
+        }
+        return StoppedBy(signal);
+    }
+    if (pngBeside.empty()) {
+        std::fprintf(
+            g_out, "wrote %s: %s at %dx%d, %g fps\n", out.c_str(),
+            kind == Output::Picture ? "one picture" : (std::to_string(frames) + " frames").c_str(),
+            size.width, size.height, fps);
+    }
+    return 0;
 }
 
 struct FilterOptions {
@@ -279,17 +368,62 @@ struct FilterOptions {
     bool stats = false;
 };
 
-// Reads up to size bytes; the count read (short only at the end of input).
-size_t ReadFully(uint8_t* data, size_t size) {
-    size_t done = 0;
-    while (done < size) {
-        const size_t n = std::fread(data + done, 1, size - done, stdin);
-        if (n == 0) {
-            break;
+// Reading and writing raw frames without the C library's buffers, so that a
+// frame leaves as soon as it is composited and a stalled input or a signal is
+// seen at once.
+enum class Transfer { Done, Ended, Failed, Stopped };
+
+// Reads size bytes; *got says how many arrived (short when the input ends).
+// A signal caught while waiting for input stops the read.
+Transfer ReadAll(int fd, uint8_t* data, size_t size, size_t* got) {
+    *got = 0;
+    while (*got < size) {
+        pollfd wait[2] = {{fd, POLLIN, 0}, {CSignals::Fd(), POLLIN, 0}};
+        if (CSignals::Caught() != 0) {
+            return Transfer::Stopped;
         }
-        done += n;
+        if (poll(wait, CSignals::Fd() >= 0 ? 2 : 1, -1) < 0 && errno != EINTR) {
+            return Transfer::Failed;
+        }
+        if (CSignals::Caught() != 0) {
+            return Transfer::Stopped;
+        }
+        if ((wait[0].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) == 0) {
+            continue;
+        }
+        const ssize_t n = read(fd, data + *got, size - *got);
+        if (n == 0) {
+            return Transfer::Ended;
+        }
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN) {
+                continue;
+            }
+            return Transfer::Failed;
+        }
+        *got += static_cast<size_t>(n);
     }
-    return done;
+    return Transfer::Done;
+}
+
+// Writes the whole of data; a frame begun is finished even when a signal comes.
+Transfer WriteAll(int fd, const uint8_t* data, size_t size) {
+    for (size_t done = 0; done < size;) {
+        const ssize_t n = write(fd, data + done, size - done);
+        if (n < 0 && errno == EAGAIN) {
+            pollfd wait{fd, POLLOUT, 0};
+            poll(&wait, 1, -1);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return n < 0 && errno == EPIPE ? Transfer::Ended : Transfer::Failed;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return Transfer::Done;
 }
 
 int Filter(const FilterOptions& options) {
@@ -299,12 +433,8 @@ int Filter(const FilterOptions& options) {
     }
     const Size size = ParseSize(options.size);
     const double fps = options.fps.value_or(scene->fps);
-    // A reader that goes away ends the filter quietly instead of killing it.
-    std::signal(SIGPIPE, SIG_IGN);
-    static std::vector<char> inBuffer(size_t{1} << 20);
-    static std::vector<char> outBuffer(size_t{1} << 20);
-    std::setvbuf(stdin, inBuffer.data(), _IOFBF, inBuffer.size());
-    std::setvbuf(g_out, outBuffer.data(), _IOFBF, outBuffer.size());
+    const int in = STDIN_FILENO;
+    const int out = fileno(g_out);
 
     const size_t rowBytes = static_cast<size_t>(size.width) * 3;
     const size_t rawBytes = rowBytes * static_cast<size_t>(size.height);
@@ -323,7 +453,22 @@ int Filter(const FilterOptions& options) {
             rc = kOutputFailed;
         }
         while (rc == 0) {
-            const size_t got = ReadFully(raw.data(), rawBytes);
+            size_t got = 0;
+            const Transfer read = ReadAll(in, raw.data(), rawBytes, &got);
+            const int readError = errno;
+            if (read == Transfer::Stopped) {
+                std::fprintf(stderr, "lumets: stopped by %s; %llu whole frames were written\n",
+                             CSignals::Name(CSignals::Caught()),
+                             static_cast<unsigned long long>(frames));
+                rc = StoppedBy(CSignals::Caught());
+                break;
+            }
+            if (read == Transfer::Failed) {
+                std::fprintf(stderr, "lumets: cannot read standard input: %s\n",
+                             ErrnoText(readError).c_str());
+                rc = kOutputFailed;
+                break;
+            }
             if (got == 0) {
                 break;
             }
@@ -349,13 +494,23 @@ int Filter(const FilterOptions& options) {
                             frame.data() + FrameStride(size.width) * (size.height - 1 - y),
                             rowBytes);
             }
-            if (std::fwrite(raw.data(), 1, rawBytes, g_out) != rawBytes) {
+            const Transfer written = WriteAll(out, raw.data(), rawBytes);
+            const int writeError = errno;
+            if (written == Transfer::Ended) {
                 break;  // the reader has gone: nothing more to do
+            }
+            if (written == Transfer::Failed) {
+                std::fprintf(stderr,
+                             "lumets: cannot write standard output: %s; %llu whole frames were "
+                             "written\n",
+                             ErrnoText(writeError).c_str(),
+                             static_cast<unsigned long long>(frames));
+                rc = kOutputFailed;
+                break;
             }
             ++frames;
         }
     }
-    std::fflush(g_out);
     SetTimeMode(TimeMode::Real);
     if (options.stats) {
         const double total = std::chrono::duration<double>(Clock::now() - start).count();
@@ -380,7 +535,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer(
         "Exit codes: 0 done, 1 output failed or no OpenGL, 2 bad command line, 3 bad scene "
-        "file or missing media, 4 input ended inside a frame.");
+        "or media file, 4 input ended inside a frame, 129/130/143 stopped by SIGHUP/SIGINT/"
+        "SIGTERM (a video keeps the frames so far).");
 
     std::string demoDir = "out";
     bool demoGpu = false;
@@ -397,16 +553,17 @@ int main(int argc, char** argv) {
     renderCommand->add_option("scene", render.scene, "Scene file (JSON)")->required();
     renderCommand
         ->add_option("-o,--output", render.output,
-                     "OUT.mp4, a folder for numbered PNGs, or OUT.png with --at")
+                     "A video (.mp4, .mkv, .mov, .webm), OUT.png with --at, or a folder for "
+                     "numbered PNGs")
         ->required();
     renderCommand->add_option("--at", render.at, "With a PNG output: the time to show, seconds")
-        ->check(CLI::Range(0.0, 86400.0));
+        ->check(Between(0, 86400));
     renderCommand->add_option("--size", render.size, "Output size WxH (default: the scene's)")
         ->check(CheckSize);
     renderCommand->add_option("--fps", render.fps, "Frames per second (default: the scene's)")
-        ->check(CLI::Range(1.0, 240.0));
+        ->check(Between(1, 240));
     renderCommand->add_option("--duration", render.duration, "Seconds (default: the scene's)")
-        ->check(CLI::Range(0.001, 86400.0));
+        ->check(Between(0.001, 86400));
     renderCommand->add_option("--background", render.background,
                               "A colour #RRGGBB, or an image or video file as the backdrop");
     renderCommand->add_flag("--gpu", render.gpu, "Composite the subtitles with OpenGL");
@@ -419,7 +576,7 @@ int main(int argc, char** argv) {
         ->required()
         ->check(CheckSize);
     filterCommand->add_option("--fps", filter.fps, "Frames per second of the input")
-        ->check(CLI::Range(1.0, 240.0));
+        ->check(Between(1, 240));
     filterCommand->add_flag("--gpu", filter.gpu, "Composite with OpenGL, reading each frame back");
     filterCommand->add_flag("--stats", filter.stats,
                             "Report frames per second and the library's share of the time");
@@ -439,10 +596,13 @@ int main(int argc, char** argv) {
     }
     TakeStandardOutput(log);
     av_log_set_level(AV_LOG_ERROR);
+    if (!CSignals::Install()) {
+        std::fprintf(stderr, "lumets: cannot set up signal handling: %s\n",
+                     ErrnoText(errno).c_str());
+        return kOutputFailed;
+    }
 
     if (demo->parsed()) {
-        std::error_code error;
-        std::filesystem::create_directories(demoDir, error);
         RenderOptions options;
         options.scene = std::string(LUMETS_DATA_DIR) + "/demo/scene.json";
         options.output = (std::filesystem::path(demoDir) / "demo.mp4").string();

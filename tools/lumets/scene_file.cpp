@@ -6,14 +6,16 @@
 #include <cctype>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <limits>
 #include <map>
 #include <set>
 #include <sstream>
 
+#include "files.h"
+#include "lumets_platform/file.h"
 #include "lumets_platform/utf16.h"
+#include "video_io.h"
 
 namespace lumets::tool {
 namespace {
@@ -164,7 +166,7 @@ class Object {
     std::string String(const char* name, const std::string& fallback);
     std::u16string Text(const char* name);
     uint32_t Colour(const char* name, uint32_t fallback);
-    std::string Media(const char* name);
+    std::string Media(const char* name, MediaUse use);
     POINT Point(const char* name, POINT fallback);
     RECT Rect(const char* name, RECT fallback);
     void Done();
@@ -202,12 +204,23 @@ class Reader {
         const std::filesystem::path path(relative);
         return path.is_absolute() ? relative : (std::filesystem::path(m_baseDir) / path).string();
     }
+    // Why the file cannot serve as use; each file is decoded once, however
+    // many layers name it.
+    const std::string& WhyNotUsable(const std::string& file, MediaUse use) const {
+        const auto key = std::make_pair(file, use);
+        const auto found = m_checked.find(key);
+        if (found != m_checked.end()) {
+            return found->second;
+        }
+        return m_checked.emplace(key, tool::WhyNotUsable(file, use)).first->second;
+    }
 
   private:
     std::string m_name;
     std::string m_text;
     std::string m_baseDir;
     const LocatingParser& m_parser;
+    mutable std::map<std::pair<std::string, MediaUse>, std::string> m_checked;
 };
 
 // Huge unsigned numbers read back negative, and are out of range either way.
@@ -335,7 +348,7 @@ uint32_t Object::Colour(const char* name, uint32_t fallback) {
     return colour;
 }
 
-std::string Object::Media(const char* name) {
+std::string Object::Media(const char* name, MediaUse use) {
     std::string path;
     const json* value = Take(name, &path);
     if (value == nullptr) {
@@ -345,12 +358,12 @@ std::string Object::Media(const char* name) {
         Fail(path, Dotted(path) + " must be a file path");
     }
     const std::string file = m_reader.MediaPath(value->get<std::string>());
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(file, error)) {
-        Fail(path, "media file not found: " + file);
-    }
     if (platform::Utf8ToU16(file).size() > 259) {
         Fail(path, "media path longer than 259 characters: " + file);
+    }
+    const std::string& why = m_reader.WhyNotUsable(file, use);
+    if (!why.empty()) {
+        Fail(path, "media file " + file + ": " + why);
     }
     return file;
 }
@@ -493,7 +506,7 @@ Item ReadItem(const Reader& reader, const json& value, const std::string& path) 
     if (const json* movie = o.Take("movie", &part)) {
         Object m(reader, *movie, part);
         MovieLayer layer;
-        layer.path = m.Media("path");
+        layer.path = m.Media("path", MediaUse::Movie);
         layer.pos = m.Point("at", POINT{0, 0});
         layer.clip = m.Rect("clip", RECT{0, 0, 0, 0});
         layer.scroll = ReadScroll(m);
@@ -566,7 +579,8 @@ void ReadBanners(const Reader& reader, const json& value, const std::string& pat
         Object t(reader, *tavrin, part);
         TavrinBanner banner;
         banner.texts = Texts<6>(t, "texts");
-        banner.images = {t.Media("image1"), t.Media("image2")};
+        banner.images = {t.Media("image1", MediaUse::Picture),
+                         t.Media("image2", MediaUse::Picture)};
         banner.origin = t.Point("origin", POINT{0, 0});
         t.Done();
         scene.tavrin = banner;
@@ -575,7 +589,7 @@ void ReadBanners(const Reader& reader, const json& value, const std::string& pat
         Object q(reader, *quellin, part);
         QuellinBanner banner;
         banner.texts = Texts<2>(q, "texts");
-        banner.plate = q.Media("plate");
+        banner.plate = q.Media("plate", MediaUse::Picture);
         banner.origin = q.Point("origin", POINT{0, 0});
         q.Done();
         scene.quellin = banner;
@@ -585,8 +599,8 @@ void ReadBanners(const Reader& reader, const json& value, const std::string& pat
         OmbrelBanner banner;
         banner.text = m.Text("text");
         banner.fontSize = m.Int("fontSize", 16, 1, 2000);
-        banner.caps = m.Media("caps");
-        banner.middle = m.Media("middle");
+        banner.caps = m.Media("caps", MediaUse::Picture);
+        banner.middle = m.Media("middle", MediaUse::Picture);
         banner.rect = m.Rect("rect", RECT{0, 0, scene.width, scene.height});
         banner.scale = static_cast<float>(m.Number("scale", 1.0, 0.01, 100));
         m.Done();
@@ -649,6 +663,82 @@ Action ReadAction(const Reader& reader, const json& value, const std::string& pa
     }
     o.Done();
     return action;
+}
+
+// The subtitles alive at once as the manager keeps them: an add of a known id
+// sets that subtitle up again, a trim removes a group's oldest. None is
+// counted as ending by itself, so the count is the most there could be.
+class AliveSubtitles {
+  public:
+    size_t Add(const std::u16string& id, const std::u16string& group) {
+        Remove(id);
+        m_alive.emplace(id, std::make_pair(group, m_next));
+        m_groups[group].emplace(m_next++, id);
+        return m_alive.size();
+    }
+    void Remove(const std::u16string& id) {
+        const auto found = m_alive.find(id);
+        if (found != m_alive.end()) {
+            m_groups[found->second.first].erase(found->second.second);
+            m_alive.erase(found);
+        }
+    }
+    void Trim(const std::u16string& group, uint32_t keep) {
+        std::map<uint64_t, std::u16string>& members = m_groups[group];
+        while (members.size() > keep) {
+            m_alive.erase(members.begin()->second);
+            members.erase(members.begin());
+        }
+    }
+    void Clear() {
+        m_alive.clear();
+        m_groups.clear();
+    }
+
+  private:
+    uint64_t m_next = 0;
+    std::map<std::u16string, std::pair<std::u16string, uint64_t>> m_alive;  // group, age
+    std::map<std::u16string, std::map<uint64_t, std::u16string>> m_groups;  // age -> id
+};
+
+// Every subtitle plays on threads of its own, so no file may start more than
+// kMaxSubtitles at once, whichever way it starts them.
+constexpr size_t kMaxSubtitles = 256;
+
+// Refuses, at the add that would do it, a timeline that could have more than
+// kMaxSubtitles alive. order lists the actions' indices in time order.
+void CheckAlive(const Reader& reader, const Scene& scene, const std::vector<size_t>& order,
+                const std::string& actionsPath) {
+    AliveSubtitles alive;
+    for (const Subtitle& subtitle : scene.subtitles) {
+        alive.Add(subtitle.id, subtitle.group);
+    }
+    for (const size_t i : order) {
+        const Action& action = scene.actions[i];
+        switch (action.kind) {
+            case Action::Kind::Add:
+                if (alive.Add(action.subtitle->id, action.subtitle->group) > kMaxSubtitles) {
+                    const std::string path = actionsPath + "/" + std::to_string(i);
+                    reader.Fail(path, Dotted(path) + " could make " +
+                                          std::to_string(kMaxSubtitles + 1) +
+                                          " subtitles play at once; at most " +
+                                          std::to_string(kMaxSubtitles) +
+                                          " can: remove or trim some before it");
+                }
+                break;
+            case Action::Kind::Remove:
+                alive.Remove(action.id);
+                break;
+            case Action::Kind::RemoveAll:
+                alive.Clear();
+                break;
+            case Action::Kind::Trim:
+                alive.Trim(action.group, action.keep);
+                break;
+            default:
+                break;
+        }
+    }
 }
 
 }  // namespace
@@ -717,13 +807,12 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
             Object b(reader, *background, path);
             const bool video = b.Has("video");
             scene.background.kind = video ? Background::Kind::Video : Background::Kind::Image;
-            scene.background.path = b.Media(video ? "video" : "image");
+            scene.background.path = b.Media(video ? "video" : "image", MediaUse::Picture);
             b.Done();
         }
     }
     if (const json* subtitles = o.Take("subtitles", &path)) {
-        // Every subtitle plays on threads of its own.
-        List(o, *subtitles, path, "subtitles", 256);
+        List(o, *subtitles, path, "subtitles", kMaxSubtitles);
         for (size_t i = 0; i < subtitles->size(); ++i) {
             scene.subtitles.push_back(
                 ReadSubtitle(reader, (*subtitles)[i], path + "/" + std::to_string(i)));
@@ -734,7 +823,8 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
     }
     if (const json* virtualScene = o.Take("scene", &path)) {
         Object s(reader, *virtualScene, path);
-        scene.virtualScene = VirtualScene{s.Media("path"), s.Rect("rect", RECT{0, 0, 320, 180})};
+        scene.virtualScene =
+            VirtualScene{s.Media("path", MediaUse::Movie), s.Rect("rect", RECT{0, 0, 320, 180})};
         s.Done();
     }
     if (const json* actions = o.Take("actions", &path)) {
@@ -743,25 +833,44 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
             scene.actions.push_back(
                 ReadAction(reader, (*actions)[i], path + "/" + std::to_string(i)));
         }
-        std::stable_sort(scene.actions.begin(), scene.actions.end(),
-                         [](const Action& a, const Action& b) { return a.at < b.at; });
+        std::vector<size_t> order(scene.actions.size());
+        for (size_t i = 0; i < order.size(); ++i) {
+            order[i] = i;
+        }
+        std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+            return scene.actions[a].at < scene.actions[b].at;
+        });
+        CheckAlive(reader, scene, order, path);
+        std::vector<Action> sorted;
+        sorted.reserve(order.size());
+        for (const size_t i : order) {
+            sorted.push_back(std::move(scene.actions[i]));
+        }
+        scene.actions = std::move(sorted);
     }
     o.Done();
     return scene;
 }
 
 Scene LoadScene(const std::string& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error)) {
-        throw SceneError(path + ": no such scene file");
+    const std::string why = WhyNotAFile(path);
+    if (!why.empty()) {
+        throw SceneError("scene file " + path + ": " + why);
     }
-    if (std::filesystem::file_size(path, error) > kMaxSceneBytes) {
+    std::error_code error;
+    const uintmax_t size = std::filesystem::file_size(path, error);
+    if (!error && size > kMaxSceneBytes) {
         throw SceneError(path + ": larger than 16 MiB; no scene is that large");
     }
-    std::ifstream in(path, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (!in.good() && !in.eof()) {
-        throw SceneError(path + ": cannot read the scene file");
+    std::string text;
+    // Read without blocking and only if still a regular file: the path may
+    // have changed since it was looked at.
+    if (!error && size > 0 &&
+        !platform::ReadRegularFile(path.c_str(), kMaxSceneBytes, [&](size_t bytes) {
+            text.resize(bytes);
+            return reinterpret_cast<uint8_t*>(text.data());
+        })) {
+        throw SceneError("scene file " + path + ": cannot be read");
     }
     const std::filesystem::path base = std::filesystem::path(path).parent_path();
     return ParseScene(text, path, base.empty() ? "." : base.string());

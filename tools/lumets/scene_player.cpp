@@ -73,6 +73,10 @@ CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, do
       m_fps(fps),
       m_scale(static_cast<float>(width) / static_cast<float>(scene.width)),
       m_gpu(gpu) {
+    if (!(fps >= 1 && fps <= 240) || width < 16 || height < 16 || width > 8192 || height > 8192) {
+        m_error = "frames must be 16 to 8192 pixels a side, at 1 to 240 frames per second";
+        return;
+    }
     if (gpu || scene.virtualScene) {
         m_gl = std::make_unique<host::CHeadlessGl>();
         if (!m_gl->OpenDisplay() || !m_gl->CreateContext() ||
@@ -229,6 +233,9 @@ void CScenePlayer::AdvanceTo(uint64_t ms) {
 }
 
 void CScenePlayer::Render(uint64_t index, uint8_t* frame) {
+    if (!Ok()) {
+        return;
+    }
     const auto frameMs =
         static_cast<uint64_t>(std::llround(static_cast<double>(index) * 1000.0 / m_fps));
     const std::vector<Action>& actions = m_scene.actions;

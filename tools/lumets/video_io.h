@@ -19,20 +19,36 @@ inline size_t FrameBytes(int32_t width, int32_t height) {
     return FrameStride(width) * static_cast<size_t>(height);
 }
 
-// An H.264 (libx264, yuv420p) MP4 at a constant frame rate.
+// A video file kind the writer makes, chosen by the output's extension.
+struct VideoFormat {
+    const char* extension;  // ".mp4"
+    const char* muxer;      // FFmpeg's name for the container
+    const char* encoder;    // and for the encoder
+};
+
+// The format for a lower-case extension; null for one that is not a video.
+const VideoFormat* FindVideoFormat(const std::string& extension);
+// "MP4, MKV, MOV or WebM (.mp4, .mkv, .mov, .webm)", for messages.
+std::string VideoFormatList();
+
+// A yuv420p video (H.264, or VP9 in WebM) at a constant frame rate.
 class CVideoWriter {
   public:
     ~CVideoWriter();
     // False, with the reason in Error(), when the file cannot be made.
-    bool Open(const std::string& path, int32_t width, int32_t height, double fps);
+    bool Open(const std::string& path, const VideoFormat& format, int32_t width, int32_t height,
+              double fps);
     bool Write(const uint8_t* frame);
     // Flushes the encoder and finishes the file.
     bool Close();
+    // Why the last call failed: FFmpeg's or the system's own words.
     const std::string& Error() const { return m_error; }
 
   private:
     // Writes the packets the encoder has ready.
     bool Drain();
+    // Notes a failure of what, with FFmpeg's text for code; always false.
+    bool Fail(const std::string& what, int code);
 
     AvFormatContextPtr m_format;
     AvCodecContextPtr m_codec;
@@ -47,14 +63,28 @@ class CVideoWriter {
     std::string m_error;
 };
 
-// Writes one frame as an RGB PNG. False when it cannot.
-bool WritePng(const std::string& path, const uint8_t* frame, int32_t width, int32_t height);
+// Writes one frame as an RGB PNG, under a temporary name until it is whole.
+// False, with the reason in *error, when it cannot.
+bool WritePng(const std::string& path, const uint8_t* frame, int32_t width, int32_t height,
+              std::string* error);
+
+// What a scene does with a media file.
+enum class MediaUse {
+    Movie,    // played by the host's movie player: a movie layer, the scene movie
+    Picture,  // decoded by FFmpeg: a banner's picture, a backdrop picture or video
+};
+
+// Empty when path is a file that can serve as use; otherwise why not, in
+// words ("not found", "is a folder, not a file", "is empty", "holds no
+// movie ..."). Decodes the file's first picture, so it takes a moment.
+std::string WhyNotUsable(const std::string& path, MediaUse use);
 
 // A backdrop from an image (the same picture every frame) or a video (its
 // frame at each time, looping), scaled to width x height.
 class CBackdrop {
   public:
-    // Null, with the reason in *error, when the file cannot be decoded.
+    // Null, with the reason in *error (without the path), when the file
+    // cannot be decoded.
     static std::unique_ptr<CBackdrop> Open(const std::string& path, int32_t width, int32_t height,
                                            std::string* error);
     // Fills frame with the picture at time seconds.

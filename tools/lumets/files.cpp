@@ -1,0 +1,147 @@
+#include "files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "lumets_platform/file_descriptor.h"
+
+namespace lumets::tool {
+
+std::string ErrnoText(int code) {
+    char text[256] = {};
+    // The GNU form: it returns the text, in text or in a static string.
+    return strerror_r(code, text, sizeof text);
+}
+
+std::string WhyNotAFile(const std::string& path) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        const int code = errno;
+        if (code == ENOENT || code == ENOTDIR) {
+            return "not found";
+        }
+        if (code == ELOOP) {
+            return "is a symbolic link loop";
+        }
+        return "cannot be read: " + ErrnoText(code);
+    }
+    if (S_ISDIR(info.st_mode)) {
+        return "is a folder, not a file";
+    }
+    if (S_ISFIFO(info.st_mode)) {
+        return "is a named pipe (FIFO), not a file";
+    }
+    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) {
+        return "is a device, not a file";
+    }
+    if (S_ISSOCK(info.st_mode)) {
+        return "is a socket, not a file";
+    }
+    if (!S_ISREG(info.st_mode)) {
+        return "is not a regular file";
+    }
+    if (access(path.c_str(), R_OK) != 0) {
+        return "cannot be read: " + ErrnoText(errno);
+    }
+    return {};
+}
+
+std::string LowerExtension(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension;
+}
+
+CPendingFile::~CPendingFile() {
+    Discard();
+}
+
+bool CPendingFile::Create(const std::string& path, std::string* error) {
+    Discard();
+    namespace fs = std::filesystem;
+    const fs::path target(path);
+    const fs::path folder = target.parent_path();
+    std::error_code code;
+    if (!folder.empty() && !fs::is_directory(folder, code)) {
+        fs::create_directories(folder, code);
+        if (code) {
+            *error = "cannot make the folder " + folder.string() + ": " + code.message();
+            return false;
+        }
+    }
+    // Hidden, and named after the process so that two runs never share one.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string name = "." + target.filename().string() + "." + std::to_string(getpid()) +
+                                 "-" + std::to_string(attempt) + ".part";
+        const std::string temporary = (folder / name).string();
+        const platform::CFileDescriptor file(
+            open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+        if (file.Get() >= 0) {
+            m_path = path;
+            m_temporary = temporary;
+            return true;
+        }
+        if (errno != EEXIST) {
+            *error = "cannot write beside it: " + ErrnoText(errno);
+            return false;
+        }
+    }
+    *error = "cannot find a free temporary name beside it";
+    return false;
+}
+
+bool CPendingFile::Commit(std::string* error) {
+    if (m_temporary.empty()) {
+        *error = "nothing to commit";
+        return false;
+    }
+    if (std::rename(m_temporary.c_str(), m_path.c_str()) != 0) {
+        *error = "cannot move it into place: " + ErrnoText(errno);
+        return false;
+    }
+    m_temporary.clear();
+    return true;
+}
+
+void CPendingFile::Discard() {
+    if (!m_temporary.empty()) {
+        std::remove(m_temporary.c_str());
+        m_temporary.clear();
+    }
+}
+
+bool WriteWholeFile(const std::string& path, const uint8_t* data, size_t size, std::string* error) {
+    CPendingFile file;
+    if (!file.Create(path, error)) {
+        return false;
+    }
+    const platform::CFileDescriptor out(
+        open(file.TemporaryPath().c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (out.Get() < 0) {
+        *error = "cannot write: " + ErrnoText(errno);
+        return false;
+    }
+    for (size_t done = 0; done < size;) {
+        const ssize_t n = write(out.Get(), data + done, size - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            *error = "cannot write: " + ErrnoText(n < 0 ? errno : EIO);
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return file.Commit(error);
+}
+
+}  // namespace lumets::tool
