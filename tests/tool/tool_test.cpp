@@ -49,11 +49,14 @@ class ToolTest : public ::testing::Test {
     void Write(const std::string& name, const std::string& text) {
         std::ofstream(File(name)) << text;
     }
-    // Runs a bash command line; its exit status, standard error kept in Errors().
+    // Runs a bash command line in the scratch folder, for two minutes at
+    // most (a hang fails, as 124); its exit status, standard error kept in
+    // Errors().
     int Run(const std::string& command) {
-        Write("command.sh", command + "\n");
+        Write("command.sh", "cd " + Quote(m_dir.File("")) + "\n" + command + "\n");
         const int status = std::system(
-            ("bash " + Quote(File("command.sh")) + " 2>" + Quote(File("stderr"))).c_str());
+            ("timeout -k 5 120 bash " + Quote(File("command.sh")) + " 2>" + Quote(File("stderr")))
+                .c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::string Errors() const {
@@ -179,51 +182,113 @@ TEST_F(ToolTest, FiltersRawVideoInAPipeline) {
     }
 }
 
-TEST_F(ToolTest, BadScenesAndInputsFailCleanly) {
+// Waits (up to 30 s) until the file matched by the glob holds at least the
+// bytes given: a bounded wait for another process, not a timing.
+std::string AwaitBytes(const std::string& glob, size_t bytes) {
+    return "for i in $(seq 300); do [ \"$(cat " + glob + " 2>/dev/null | wc -c)\" -ge " +
+           std::to_string(bytes) + " ] && break; sleep 0.1; done; ";
+}
+
+// Every way a run can go wrong ends with its own exit code and a message that
+// says why, in bounded time, and leaves no broken file at an output's path.
+TEST_F(ToolTest, BadScenesInputsAndOutputsFailCleanly) {
+    constexpr size_t kFrame = size_t{kW} * kH * 3;
     Write("malformed.json", "{\n  \"fps\": 30,\n  \"size\": [320 180]\n}");
     Write("type.json", "{\n  \"fps\": \"fast\"\n}");
     Write("unknown.json", "{\n  \"subtitles\": [],\n  \"colour\": \"#FFFFFF\"\n}");
     Write("negative.json", "{ \"size\": [-320, 180] }");
-    Write(
-        "missing.json",
-        "{\"subtitles\": [{\"id\": \"a\", \"items\": [{\"movie\": {\"path\": \"gone.webm\"}}]}]}");
+    Write("huge.json", "{ \"duration\": 1e999 }");
+    const auto movieScene = [&](const std::string& name, const std::string& movie) {
+        Write(name, R"({"subtitles": [{"id": "a", "items": [{"movie": {"path": ")" + movie +
+                        R"("}}]}]})");
+    };
+    movieScene("missing.json", "gone.webm");
+    movieScene("corrupt.json", "corrupt.webm");
+    Write("corrupt.webm", "no movie at all, only these words");
+    movieScene("folder.json", ".");
+    std::string adds;
+    for (int i = 0; i < 2000; ++i) {
+        adds += std::string(i == 0 ? "" : ",") +
+                R"({"at": 0.1, "do": "add", "subtitle": {"id": "s)" + std::to_string(i) +
+                R"(", "items": [{"text": {"content": "hi"}}]}})";
+    }
+    Write("adds.json", R"({"size": [320, 180], "duration": 0.2, "actions": [)" + adds + "]}");
+    const std::string scene = Quote(File("scene.json"));
+    const std::string filter = Lumets("filter " + scene + " --size 320x180");
     const struct {
         std::string command;
         int status;
         std::string message;  // part of standard error
     } cases[] = {
-        {Lumets("render " + Quote(File("malformed.json")) + " -o x.mp4"), 3,
-         "malformed.json:3:18: syntax error"},
-        {Lumets("render " + Quote(File("type.json")) + " -o x.mp4"), 3,
-         "type.json:2:10: \"fps\" must be a number"},
-        {Lumets("render " + Quote(File("unknown.json")) + " -o x.mp4"), 3,
-         "unknown.json:3:3: unknown field \"colour\""},
-        {Lumets("render " + Quote(File("negative.json")) + " -o x.mp4"), 3,
-         "\"size\" must be [width, height]"},
-        {Lumets("render " + Quote(File("missing.json")) + " -o x.mp4"), 3,
-         "media file not found: " + File("gone.webm")},
-        {Lumets("render " + Quote(File("nothing.json")) + " -o x.mp4"), 3, "no such scene file"},
-        {Lumets("render " + Quote(File("scene.json")) + " --size -5x10 -o x.mp4"), 2, "--size"},
-        {Lumets("render " + Quote(File("scene.json")) + " -o " + Quote(File("x.png"))), 2,
-         "needs --at"},
+        {Lumets("render malformed.json -o x.mp4"), 3, "malformed.json:3:18: syntax error"},
+        {Lumets("render type.json -o x.mp4"), 3, "type.json:2:10: \"fps\" must be a number"},
+        {Lumets("render unknown.json -o x.mp4"), 3, "unknown.json:3:3: unknown field \"colour\""},
+        {Lumets("render negative.json -o x.mp4"), 3, "\"size\" must be [width, height]"},
+        {Lumets("render huge.json -o x.mp4"), 3, "huge.json:1:"},
+        {Lumets("render missing.json -o x.mp4"), 3, "media file ./gone.webm: not found"},
+        {Lumets("render corrupt.json -o x.mp4"), 3, "corrupt.webm: holds no movie"},
+        {Lumets("render folder.json -o x.mp4"), 3, "media file ./.: is a folder, not a file"},
+        {"mkfifo fifo; " + Lumets("render fifo -o x.mp4"), 3,
+         "scene file fifo: is a named pipe (FIFO), not a file"},
+        {Lumets("render " + scene + " --background fifo -o x.mp4"), 3,
+         "--background fifo: is a named pipe"},
+        {Lumets("render nothing.json -o x.mp4"), 3, "scene file nothing.json: not found"},
+        {Lumets("render adds.json -o x.mp4"), 3,
+         "\"actions[256]\" could make 257 subtitles play at once"},
+        // Numbers must be finite and in range: NaN passes every comparison.
+        {Lumets("render " + scene + " --at nan -o x.png"), 2, "--at: must be a number"},
+        {Lumets("render " + scene + " --fps nan -o x.mp4"), 2, "--fps: must be a number"},
+        {Lumets("render " + scene + " --duration inf -o x.mp4"), 2, "--duration: must be"},
+        {Lumets("filter " + scene + " --size 320x180 --fps nan"), 2, "--fps: must be"},
+        {Lumets("render " + scene + " --size -5x10 -o x.mp4"), 2, "--size"},
+        {Lumets("render " + scene + " --background '#fff' -o x.mp4"), 2,
+         "malformed colour #fff: write it as #RRGGBB"},
+        {Lumets("render " + scene + " -o x.png"), 2, "needs --at"},
+        {Lumets("render " + scene + " -o x.avi"), 2, "cannot write .avi files"},
         {Lumets("frobnicate"), 2, "subcommand"},
-        // Two frames and a half: both whole frames come out, the rest is reported.
-        {"head -c " + std::to_string(kW * kH * 3 * 5 / 2) + " " + Quote(File("in.raw")) + " | " +
-             Lumets("filter " + Quote(File("scene.json")) + " --size 320x180") + " > " +
-             Quote(File("cut.raw")),
-         4, "the input ended inside frame 3"},
-        // A reader that goes away: a quiet end, not a crash.
-        {Pattern(30) + " | " + Lumets("filter " + Quote(File("scene.json")) + " --size 320x180") +
-             " | head -c 1000 > /dev/null; exit ${PIPESTATUS[1]}",
+        // Capitals and new folders are no trouble; other containers are written.
+        {Lumets("render " + scene + " --at 0.5 -o X.PNG") + " && " +
+             Lumets("render " + scene + " --duration 0.5 -o new/deep/x.mkv"),
          0, ""},
+        // Two frames and a half: both whole frames come out, the rest is reported.
+        {"head -c " + std::to_string(kFrame * 5 / 2) + " in.raw | " + filter + " > cut.raw", 4,
+         "the input ended inside frame 3"},
+        // A reader that goes away: a quiet end, not a crash.
+        {Pattern(30) + " | " + filter + " | head -c 1000 > /dev/null; exit ${PIPESTATUS[1]}", 0,
+         ""},
+        {filter + " < in.raw > /dev/full", 1, "cannot write standard output: No space left"},
+        // A stalled input: the frames so far have all arrived, whole, and a
+        // signal ends the wait.
+        {"mkfifo stall; " + filter + " < stall > stalled.raw & p=$!; exec 3> stall; head -c " +
+             std::to_string(kFrame * 2) + " in.raw >&3; " + AwaitBytes("stalled.raw", kFrame * 2) +
+             "kill -TERM $p; wait $p",
+         143, "stopped by SIGTERM; 2 whole frames were written"},
+        // A render stopped half-way finishes its video; one over a file-size
+        // limit leaves nothing at its path.
+        {Lumets("render " + scene + " --duration 86400 -o sig/a.mp4") + " & p=$!; " +
+             AwaitBytes("sig/.a.mp4.*.part", 20000) + "kill -INT $p; wait $p",
+         130, "stopped by SIGINT after"},
+        {"ulimit -f 16; " + Lumets("render " + scene + " --duration 60 -o limit/a.mp4"), 1,
+         "limit/a.mp4: cannot write: File too large"},
     };
-    ASSERT_EQ(Run(Pattern(3) + " > " + Quote(File("in.raw"))), 0);
+    ASSERT_EQ(Run(Pattern(3) + " > in.raw"), 0);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);
         EXPECT_EQ(Run(c.command), c.status);
         EXPECT_NE(Errors().find(c.message), std::string::npos) << Errors();
     }
-    EXPECT_EQ(test::ReadBytes(File("cut.raw")).size(), size_t{kW} * kH * 3 * 2);
+    EXPECT_EQ(test::ReadBytes(File("cut.raw")).size(), kFrame * 2);
+    EXPECT_EQ(test::ReadBytes(File("stalled.raw")).size(), kFrame * 2);
+    EXPECT_EQ(test::ReadBytes(File("X.PNG")).at(1), 'P');
+    EXPECT_EQ(Run("for f in sig/a.mp4 new/deep/x.mkv; do ffprobe -v error -count_frames "
+                  "-show_entries stream=nb_read_frames -of csv=p=0 $f; done > probe && "
+                  "ls -A sig limit > files"),
+              0);
+    const std::vector<uint8_t> probe = test::ReadBytes(File("probe"));
+    EXPECT_GT(std::atoi(std::string(probe.begin(), probe.end()).c_str()), 0);
+    EXPECT_NE(std::string(probe.begin(), probe.end()).find("\n5\n"), std::string::npos);
+    const std::vector<uint8_t> files = test::ReadBytes(File("files"));
+    EXPECT_EQ(std::string(files.begin(), files.end()), "limit:\n\nsig:\na.mp4\n");
 }
 
 }  // namespace
