@@ -11,7 +11,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     try {
         const lumets::tool::Scene scene =
-            lumets::tool::ParseScene(text, "fuzz.json", "/nonexistent-lumets-media");
+            lumets::tool::ParseScene(text, "fuzz.json", "/nonexistent-lumets-media",
+                                     [](const std::string& path, lumets::tool::MediaUse) {
+                                         return lumets::tool::WhyNotAFile(path);
+                                     });
         if (scene.width < 16 || scene.height < 16 || !(scene.fps >= 1) ||
             scene.subtitles.size() > 256) {
             std::abort();

@@ -8,6 +8,12 @@
 
 namespace lumets::tool {
 
+// What a scene does with a media file.
+enum class MediaUse {
+    Movie,    // played by the host's movie player: a movie layer, the scene movie
+    Picture,  // decoded by FFmpeg: a banner's picture, a backdrop picture or video
+};
+
 // Empty when path names a regular file; otherwise why not, in words: "not
 // found", "is a folder, not a file", "is a named pipe (FIFO), not a file",
 // "is a symbolic link loop", "cannot be read: Permission denied", ...

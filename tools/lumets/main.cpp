@@ -177,7 +177,7 @@ struct RenderOptions {
 
 std::optional<Scene> Load(const std::string& path) {
     try {
-        return LoadScene(path);
+        return LoadScene(path, WhyNotUsable);
     } catch (const SceneError& error) {
         std::fprintf(stderr, "lumets: %s\n", error.what());
         return std::nullopt;

@@ -15,7 +15,6 @@
 #include "files.h"
 #include "lumets_platform/file.h"
 #include "lumets_platform/utf16.h"
-#include "video_io.h"
 
 namespace lumets::tool {
 namespace {
@@ -182,11 +181,13 @@ class Object {
 
 class Reader {
   public:
-    Reader(std::string name, std::string text, std::string baseDir, const LocatingParser& parser)
+    Reader(std::string name, std::string text, std::string baseDir, const LocatingParser& parser,
+           const MediaCheck& check)
         : m_name(std::move(name)),
           m_text(std::move(text)),
           m_baseDir(std::move(baseDir)),
-          m_parser(parser) {}
+          m_parser(parser),
+          m_check(check) {}
 
     [[noreturn]] void Fail(const std::string& path, const std::string& what) const {
         throw SceneError(Where(m_parser.OffsetOf(path)) + ": " + what);
@@ -212,7 +213,8 @@ class Reader {
         if (found != m_checked.end()) {
             return found->second;
         }
-        return m_checked.emplace(key, tool::WhyNotUsable(file, use)).first->second;
+        return m_checked.emplace(key, m_check ? m_check(file, use) : WhyNotAFile(file))
+            .first->second;
     }
 
   private:
@@ -220,6 +222,7 @@ class Reader {
     std::string m_text;
     std::string m_baseDir;
     const LocatingParser& m_parser;
+    const MediaCheck& m_check;
     mutable std::map<std::pair<std::string, MediaUse>, std::string> m_checked;
 };
 
@@ -753,13 +756,14 @@ bool ParseColour(const std::string& text, uint32_t* colour) {
     return true;
 }
 
-Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir) {
+Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir,
+                 const MediaCheck& check) {
     json root;
     size_t read = 0;
     LocatingParser parser(root, &read);
     const CountingIterator first(text.data(), text.data(), &read);
     const CountingIterator last(text.data() + text.size(), text.data(), &read);
-    Reader reader(name, text, baseDir, parser);
+    Reader reader(name, text, baseDir, parser, check);
     if (text.size() > kMaxSceneBytes) {
         throw SceneError(name + ": larger than 16 MiB; no scene is that large");
     }
@@ -852,7 +856,7 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
     return scene;
 }
 
-Scene LoadScene(const std::string& path) {
+Scene LoadScene(const std::string& path, const MediaCheck& check) {
     const std::string why = WhyNotAFile(path);
     if (!why.empty()) {
         throw SceneError("scene file " + path + ": " + why);
@@ -873,7 +877,7 @@ Scene LoadScene(const std::string& path) {
         throw SceneError("scene file " + path + ": cannot be read");
     }
     const std::filesystem::path base = std::filesystem::path(path).parent_path();
-    return ParseScene(text, path, base.empty() ? "." : base.string());
+    return ParseScene(text, path, base.empty() ? "." : base.string(), check);
 }
 
 }  // namespace lumets::tool

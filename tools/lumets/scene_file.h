@@ -9,11 +9,14 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "files.h"
 
 namespace lumets::tool {
 
@@ -128,11 +131,17 @@ struct Scene {
     std::vector<Action> actions;  // in time order
 };
 
-// Reads and checks the scene file at path.
-Scene LoadScene(const std::string& path);
+// Why the media file at path cannot serve as use, or empty when it can: how
+// deep to look (to the file, or into its pictures) is the caller's choice.
+using MediaCheck = std::function<std::string(const std::string& path, MediaUse use)>;
+
+// Reads and checks the scene file at path, and each media file it names
+// through check (once per file and use).
+Scene LoadScene(const std::string& path, const MediaCheck& check);
 // The same for JSON text; name stands for the file in messages and baseDir
 // anchors relative media paths.
-Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir);
+Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir,
+                 const MediaCheck& check);
 
 // "#RRGGBB" as 0xRRGGBB; false when text is not such a colour.
 bool ParseColour(const std::string& text, uint32_t* colour);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "av_handles.h"
+#include "files.h"
 
 namespace lumets::tool {
 
@@ -67,12 +68,6 @@ class CVideoWriter {
 // False, with the reason in *error, when it cannot.
 bool WritePng(const std::string& path, const uint8_t* frame, int32_t width, int32_t height,
               std::string* error);
-
-// What a scene does with a media file.
-enum class MediaUse {
-    Movie,    // played by the host's movie player: a movie layer, the scene movie
-    Picture,  // decoded by FFmpeg: a banner's picture, a backdrop picture or video
-};
 
 // Empty when path is a file that can serve as use; otherwise why not, in
 // words ("not found", "is a folder, not a file", "is empty", "holds no
