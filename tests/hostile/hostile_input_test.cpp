@@ -226,7 +226,7 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
                                RECT{0, 0, 320, 200}, POINT{-100, -100}, 2.0f, nullptr);
              return frame == std::vector<uint8_t>(frame.size(), 0xFF);
          }},
-        {"a subtitle of 10,000 items", 2.0, 512,
+        {"a subtitle of 10,000 items", 4.0, 512,
          [] {
              // Every item of a queue starts its thread up front.
              std::vector<ItemDescription> items(10000,
