@@ -7,6 +7,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <cstdio>
 #include <memory>
 
 #include "image/av_handles.h"
@@ -17,6 +18,11 @@ using FormatContextPtr = AvFormatContextPtr;
 using CodecContextPtr = AvCodecContextPtr;
 using FramePtr = AvFramePtr;
 using PacketPtr = AvPacketPtr;
+
+struct FileClose {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileClose>;
 
 // Converts decoded frames of any size and format into top-down B, G, R, A
 // pictures of the same size, keeping one scaler for as long as the input stays

@@ -5,7 +5,9 @@
 
 #include "factory_hook.h"
 #include "host_guard.h"
+#include "lumets_platform/utf16.h"
 #include "media_player.h"
+#include "movie.h"
 
 // The player reports only OnPlayEnd; the other two are the library's own
 // defaults and do nothing.
@@ -75,6 +77,16 @@ void DeleteFlashPlayer(IFlashPlayer* player) {
 }
 
 namespace lumets::host {
+
+void PrepareMovie(const char16_t* path) {
+    // Host paths are at most a few hundred units; this only bounds the read.
+    constexpr size_t kMaxPathUnits = 32768;
+    HostGuarded(__func__, [path] {
+        if (path != nullptr) {
+            PrepareMovie(platform::U16ToUtf8(path, kMaxPathUnits));
+        }
+    });
+}
 
 void SetFlashPlayerFactory(FlashPlayerFactory create, FlashPlayerDeleter destroy) {
     Factories().Replace(create, destroy);

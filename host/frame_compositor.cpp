@@ -1,6 +1,7 @@
 #include "frame_compositor.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "image/ffmpeg_quiet.h"
 #include "image/pixel_ops.h"
@@ -12,34 +13,6 @@ namespace {
 // At most 32 Mi pixels after scaling: a host asking for more gets nothing
 // rather than an allocation of gigabytes.
 constexpr int64_t kMaxScaledPixels = int64_t{1} << 25;
-
-// GBRAP keeps its planes in the order G, B, R, A. One plain loop per
-// direction, with the planes apart: the compiler turns each into shuffles.
-void ToPlanes(const uint8_t* __restrict packed, size_t pixels, uint8_t* __restrict planes) {
-    uint8_t* __restrict g = planes;
-    uint8_t* __restrict b = planes + pixels;
-    uint8_t* __restrict r = planes + 2 * pixels;
-    uint8_t* __restrict a = planes + 3 * pixels;
-    for (size_t i = 0; i < pixels; ++i) {
-        b[i] = packed[4 * i];
-        g[i] = packed[4 * i + 1];
-        r[i] = packed[4 * i + 2];
-        a[i] = packed[4 * i + 3];
-    }
-}
-
-void FromPlanes(const uint8_t* __restrict planes, size_t pixels, uint8_t* __restrict packed) {
-    const uint8_t* __restrict g = planes;
-    const uint8_t* __restrict b = planes + pixels;
-    const uint8_t* __restrict r = planes + 2 * pixels;
-    const uint8_t* __restrict a = planes + 3 * pixels;
-    for (size_t i = 0; i < pixels; ++i) {
-        packed[4 * i] = b[i];
-        packed[4 * i + 1] = g[i];
-        packed[4 * i + 2] = r[i];
-        packed[4 * i + 3] = a[i];
-    }
-}
 
 }  // namespace
 
@@ -94,52 +67,41 @@ void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth
     *scaledHeight = sh;
 }
 
-const uint8_t* CScaledFrameCache::Get(const std::shared_ptr<const CMovie>& movie, size_t frameIndex,
-                                      int32_t width, int32_t height) {
-    if (!movie || frameIndex >= movie->frames.size() || width <= 0 || height <= 0) {
+const uint8_t* CFrameConversion::Get(const std::shared_ptr<const DecodedFrame>& frame,
+                                     int32_t width, int32_t height) {
+    if (!frame || !frame->picture || width <= 0 || height <= 0) {
         return nullptr;
     }
-    const std::vector<uint8_t>& source = movie->frames[frameIndex];
-    if (width == movie->width && height == movie->height) {
-        return source.data();
-    }
-    if (m_movie == movie && m_frameIndex == frameIndex && m_width == width && m_height == height) {
+    if (m_frame == frame && m_width == width && m_height == height) {
         return m_pixels.data();
     }
-    m_movie.reset();
+    m_frame.reset();
+    const AVFrame& picture = *frame->picture;
     const CQuietFfmpeg quiet;
-    // Planar RGB with alpha: libswscale scales it plane by plane with its
-    // vector filters and no detour through YUV, about twice as fast as packed
-    // B, G, R, A; the (un)packing around it is plain copies.
-    SwsContext* scaler = m_scaler.Get(movie->width, movie->height, width, height, AV_PIX_FMT_GBRAP);
-    if (scaler == nullptr) {
+    const int32_t key[5] = {picture.width, picture.height, picture.format, width, height};
+    SwsContext* context =
+        sws_getCachedContext(m_context.release(), picture.width, picture.height,
+                             static_cast<AVPixelFormat>(picture.format), width, height,
+                             AV_PIX_FMT_BGRA, SWS_BICUBIC, nullptr, nullptr, nullptr);
+    m_context.reset(context);
+    if (context == nullptr) {
         return nullptr;
     }
-    const size_t sourcePixels =
-        static_cast<size_t>(movie->width) * static_cast<size_t>(movie->height);
-    const size_t scaledPixels = static_cast<size_t>(width) * static_cast<size_t>(height);
-    m_sourcePlanes.resize(sourcePixels * 4);
-    m_scaledPlanes.resize(scaledPixels * 4);
-    m_pixels.resize(scaledPixels * 4);
-    ToPlanes(source.data(), sourcePixels, m_sourcePlanes.data());
-    // Bottom-up in, bottom-up out: scaling does not care which way rows run.
-    const uint8_t* srcPlanes[4];
-    uint8_t* dstPlanes[4];
-    int srcStrides[4];
-    int dstStrides[4];
-    for (size_t p = 0; p < 4; ++p) {
-        srcPlanes[p] = m_sourcePlanes.data() + p * sourcePixels;
-        dstPlanes[p] = m_scaledPlanes.data() + p * scaledPixels;
-        srcStrides[p] = movie->width;
-        dstStrides[p] = width;
+    if (!std::equal(std::begin(key), std::end(key), std::begin(m_key))) {
+        std::copy(std::begin(key), std::end(key), std::begin(m_key));
+        ++m_made;
     }
-    if (sws_scale(scaler, srcPlanes, srcStrides, 0, movie->height, dstPlanes, dstStrides) !=
+    // Bottom-up out: start at the last row and step backwards. The slack
+    // covers vector stores past the last pixel.
+    const size_t rowBytes = static_cast<size_t>(width) * 4u;
+    m_pixels.resize(rowBytes * static_cast<size_t>(height) + 64);
+    uint8_t* rows[4] = {m_pixels.data() + rowBytes * static_cast<size_t>(height - 1)};
+    const int strides[4] = {-static_cast<int>(rowBytes)};
+    if (sws_scale(context, picture.data, picture.linesize, 0, picture.height, rows, strides) !=
         height) {
         return nullptr;
     }
-    FromPlanes(m_scaledPlanes.data(), scaledPixels, m_pixels.data());
-    m_movie = movie;
-    m_frameIndex = frameIndex;
+    m_frame = frame;
     m_width = width;
     m_height = height;
     return m_pixels.data();

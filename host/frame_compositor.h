@@ -1,5 +1,5 @@
-// Putting movie frames into the host's 24-bit frames: scaling with libswscale
-// and straight-alpha blending, clipped.
+// Putting movie frames into the host's frames: converting and scaling with
+// libswscale and straight-alpha blending, clipped.
 #pragma once
 
 #include <cstdint>
@@ -27,42 +27,41 @@ void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
 void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth,
                 int32_t* scaledHeight);
 
-// Keeps the last scaled frame, so that a host drawing faster than the movie
-// changes pays for one scale per movie frame. Thread-safe.
-class CScaledFrameCache {
+// Turns decoded movie frames into bottom-up B, G, R, A pictures at the size
+// they are drawn at: one libswscale pass (bicubic) from the decoder's own
+// format, and the result kept, so that a host drawing faster than the movie
+// changes pays for one conversion per movie frame and size. Thread-safe.
+class CFrameConversion {
   public:
-    // Calls draw with the frame's pixels at the requested size (scaled with
-    // SWS_BICUBIC when it differs from the movie's), under the cache's lock.
-    // A frame is scaled once per frame index and size, with a context kept
-    // while the sizes stay.
+    // Calls draw with the frame's pixels at width x height, under the
+    // conversion's lock. Nothing is drawn when the frame cannot be converted.
     template <typename Draw>
-    void WithFrame(const std::shared_ptr<const CMovie>& movie, size_t frameIndex, int32_t width,
-                   int32_t height, Draw&& draw) {
+    void WithFrame(const std::shared_ptr<const DecodedFrame>& frame, int32_t width, int32_t height,
+                   Draw&& draw) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (const uint8_t* pixels = Get(movie, frameIndex, width, height)) {
+        if (const uint8_t* pixels = Get(frame, width, height)) {
             draw(pixels);
         }
     }
 
-    // For tests: the scaling contexts made so far.
+    // For tests: the conversion contexts made so far.
     uint32_t ContextCount() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_scaler.ContextsMade();
+        return m_made;
     }
 
   private:
-    const uint8_t* Get(const std::shared_ptr<const CMovie>& movie, size_t frameIndex, int32_t width,
+    const uint8_t* Get(const std::shared_ptr<const DecodedFrame>& frame, int32_t width,
                        int32_t height);
 
     std::mutex m_mutex;
-    std::shared_ptr<const CMovie> m_movie;
-    size_t m_frameIndex = 0;
+    std::shared_ptr<const DecodedFrame> m_frame;  // the frame m_pixels shows
     int32_t m_width = 0;
     int32_t m_height = 0;
-    std::vector<uint8_t> m_pixels;  // the scaled frame, B, G, R, A
-    std::vector<uint8_t> m_sourcePlanes;
-    std::vector<uint8_t> m_scaledPlanes;
-    CScalerCache m_scaler;
+    std::vector<uint8_t> m_pixels;
+    SwsContextPtr m_context;
+    int32_t m_key[5] = {};  // what m_context converts: from width, height, format, to width, height
+    uint32_t m_made = 0;
 };
 
 }  // namespace lumets::host

@@ -1,7 +1,13 @@
 #include "media_player.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <chrono>
+#include <deque>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "image/scaled_composite.h"
 #include "lumets/time_source.h"
@@ -14,22 +20,135 @@ namespace {
 
 // Host paths are at most a few hundred units; this only bounds the read.
 constexpr size_t kMaxPathUnits = 32768;
+// Frames decoded ahead of the one on show: a handful, fewer for large movies.
+constexpr size_t kAheadBytes = size_t{32} << 20;
+constexpr size_t kMostAhead = 4;
+constexpr size_t kLeastAhead = 2;
 
 int64_t NowMs() {
     return static_cast<int64_t>(MonotonicMs());
 }
 
+// The file as it is now, to tell a prepared movie from one replaced since.
+struct FileKey {
+    std::string path;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    int64_t modifiedNs = 0;
+    bool operator==(const FileKey& other) const {
+        return path == other.path && device == other.device && inode == other.inode &&
+               size == other.size && modifiedNs == other.modifiedNs;
+    }
+};
+
+bool KeyOf(const std::string& path, FileKey* key) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        return false;
+    }
+    *key = FileKey{path, info.st_dev, info.st_ino, info.st_size,
+                   int64_t{info.st_mtim.tv_sec} * 1'000'000'000 + info.st_mtim.tv_nsec};
+    return true;
+}
+
+// Movies opened ahead of their players (PrepareMovie), for a short while.
+class CPreparedMovies {
+  public:
+    static CPreparedMovies& Instance() {
+        static CPreparedMovies shelf;
+        return shelf;
+    }
+
+    void Put(FileKey key, std::unique_ptr<CMovieSource> source, DecodedFrame first) {
+        std::vector<Entry> expired;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Expire(&expired);
+        if (m_entries.size() >= kMostKept) {
+            expired.push_back(std::move(m_entries.front()));
+            m_entries.erase(m_entries.begin());
+        }
+        m_entries.push_back(Entry{std::move(key), std::move(source), std::move(first),
+                                  std::chrono::steady_clock::now()});
+    }
+
+    std::unique_ptr<CMovieSource> Take(const FileKey& key, DecodedFrame* first) {
+        std::vector<Entry> expired;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Expire(&expired);
+        for (auto entry = m_entries.begin(); entry != m_entries.end(); ++entry) {
+            if (entry->key == key) {
+                std::unique_ptr<CMovieSource> source = std::move(entry->source);
+                *first = std::move(entry->first);
+                m_entries.erase(entry);
+                return source;
+            }
+        }
+        return nullptr;
+    }
+
+  private:
+    struct Entry {
+        FileKey key;
+        std::unique_ptr<CMovieSource> source;
+        DecodedFrame first;
+        std::chrono::steady_clock::time_point made;
+    };
+    static constexpr size_t kMostKept = 8;
+    static constexpr std::chrono::seconds kKeptFor{5};
+
+    // Moves out what no player took in time; it is destroyed by the caller,
+    // after the lock.
+    void Expire(std::vector<Entry>* expired) {
+        const auto now = std::chrono::steady_clock::now();
+        while (!m_entries.empty() && now - m_entries.front().made > kKeptFor) {
+            expired->push_back(std::move(m_entries.front()));
+            m_entries.erase(m_entries.begin());
+        }
+    }
+
+    std::mutex m_mutex;
+    std::vector<Entry> m_entries;
+};
+
 }  // namespace
+
+void PrepareMovie(const std::string& path) {
+    FileKey key;
+    DecodedFrame first;
+    if (!KeyOf(path, &key)) {
+        return;
+    }
+    std::unique_ptr<CMovieSource> source = OpenMovieSource(path, &first);
+    if (source) {
+        CPreparedMovies::Instance().Put(std::move(key), std::move(source), std::move(first));
+    }
+}
 
 struct CMediaPlayer::Shared {
     std::mutex mutex;
     // Everything below is guarded by mutex.
     CFlashPlayerEventHandler* handler = nullptr;
-    std::shared_ptr<const CMovie> movie;
+    // The open movie; null without one, and while the playing thread has it
+    // out to decode a frame.
+    std::unique_ptr<CMovieSource> source;
+    bool hasMovie = false;
+    bool sourceEnded = false;  // it can decode no more: its frames so far play on
+    int32_t width = 0;
+    int32_t height = 0;
+    double fps = 0;
+    // Open counts movies and Stop positions: a frame decoded for an older one
+    // is not shown.
+    uint64_t movieCount = 0;
+    uint64_t positionCount = 0;
+    bool restart = false;  // the source goes back to its start before it decodes on
+    std::shared_ptr<const DecodedFrame> first;
+    // frames.front() is on show; the rest are decoded ahead, at most `ahead`.
+    std::deque<std::shared_ptr<const DecodedFrame>> frames;
+    size_t ahead = kLeastAhead;
     bool loading = false;
     bool playing = false;
     bool quit = false;
-    size_t frameIndex = 0;
     // While playing: the time-source instant at which the current pass began.
     // Signed: a position taken in one time mode may exceed the clock of another.
     int64_t passStartMs = 0;
@@ -39,37 +158,78 @@ struct CMediaPlayer::Shared {
     // Wakes the playing thread when the state changes under it.
     platform::AutoResetEvent wake;
 
-    // Moves the frame index up to now; returns the passes completed and sets
-    // *waitMs to the time until the next frame is due (kWaitInfinite when
-    // nothing plays). Called with mutex held.
-    uint32_t Advance(uint32_t* waitMs) {
+    // Moves the frame on show up to now, as far as decoded frames go; returns
+    // the passes completed. Sets *waitMs to the time until the next frame is
+    // due (kWaitInfinite when nothing plays) and *needFrame when a due frame
+    // is still to be decoded. Called with mutex held.
+    uint32_t Advance(uint32_t* waitMs, bool* needFrame) {
         *waitMs = platform::kWaitInfinite;
-        if (!playing || !movie) {
+        *needFrame = false;
+        if (!playing || frames.empty()) {
             return 0;
         }
-        const auto durationMs = static_cast<int64_t>(movie->DurationMs());
         const int64_t nowMs = NowMs();
         uint32_t passes = 0;
         for (;;) {
-            const int64_t dueMs = passStartMs + static_cast<int64_t>(movie->frameEndMs[frameIndex]);
+            const DecodedFrame& shown = *frames.front();
+            const auto endMs = static_cast<int64_t>(shown.endMs);
+            const int64_t dueMs = passStartMs + endMs;
             if (nowMs < dueMs) {
                 const int64_t leftMs = dueMs - nowMs;
                 *waitMs = leftMs < int64_t{platform::kWaitInfinite} ? static_cast<uint32_t>(leftMs)
                                                                     : platform::kWaitInfinite - 1;
                 break;
             }
-            if (++frameIndex == movie->frames.size()) {
-                frameIndex = 0;
-                passStartMs += durationMs;
+            const bool next = frames.size() > 1;
+            if (!next && !sourceEnded) {
+                *needFrame = true;  // the thread decodes it, then comes back
+                break;
+            }
+            if (!next && !shown.last) {
+                break;  // a movie cut off mid-pass holds its last frame
+            }
+            if (shown.last) {
+                passStartMs += endMs;
                 ++passes;
                 // A thread held up for several passes (a suspended process)
                 // reports one end and picks up at the present position.
-                if (nowMs - passStartMs >= durationMs) {
-                    passStartMs = nowMs - (nowMs - passStartMs) % durationMs;
+                if (nowMs - passStartMs >= endMs) {
+                    passStartMs = nowMs - (nowMs - passStartMs) % endMs;
                 }
+            }
+            if (next) {
+                frames.pop_front();
             }
         }
         return passes;
+    }
+
+    // Decodes one frame with the source taken out of the shared state, then
+    // keeps it if the movie and its position are still those it was for.
+    static void DecodeOne(const std::shared_ptr<Shared>& self,
+                          std::unique_ptr<lumets::host::CMovieSource> source, uint64_t movie,
+                          uint64_t position, bool restart) {
+        DecodedFrame frame;
+        bool ok = true;
+        if (restart) {
+            // The first frame is on show already; decoding starts after it.
+            ok = source->Restart() && source->Next(&frame);
+        }
+        ok = ok && source->Next(&frame);
+        std::unique_lock<std::mutex> lock(self->mutex);
+        if (movie != self->movieCount) {
+            lock.unlock();
+            return;  // another movie was opened meanwhile: this one goes
+        }
+        self->source = std::move(source);
+        if (position != self->positionCount) {
+            return;  // stopped meanwhile: the source starts again next time
+        }
+        if (!ok) {
+            self->sourceEnded = true;
+            return;
+        }
+        self->frames.push_back(std::make_shared<const DecodedFrame>(std::move(frame)));
     }
 
     // The playing thread's body.
@@ -77,14 +237,26 @@ struct CMediaPlayer::Shared {
         for (;;) {
             uint32_t waitMs = platform::kWaitInfinite;
             uint32_t passes = 0;
+            bool needFrame = false;
             CFlashPlayerEventHandler* handler = nullptr;
+            std::unique_ptr<CMovieSource> source;
+            uint64_t movie = 0;
+            uint64_t position = 0;
+            bool restart = false;
             {
                 std::lock_guard<std::mutex> lock(self->mutex);
                 if (self->quit) {
                     return;
                 }
-                passes = self->Advance(&waitMs);
+                passes = self->Advance(&waitMs, &needFrame);
                 handler = self->handler;
+                const bool room = self->frames.size() < self->ahead + 1;
+                if (passes == 0 && self->source && !self->sourceEnded && (needFrame || room)) {
+                    source = std::move(self->source);
+                    movie = self->movieCount;
+                    position = self->positionCount;
+                    restart = std::exchange(self->restart, false);
+                }
             }
             if (passes > 0 && handler != nullptr) {
                 // Never under our own lock: the handler pauses us and takes its
@@ -93,6 +265,10 @@ struct CMediaPlayer::Shared {
                     handler->OnPlayEnd(FILE_TYPE_MEDIA);
                 }
                 continue;  // the handler may have paused or stopped us
+            }
+            if (source) {
+                DecodeOne(self, std::move(source), movie, position, restart);
+                continue;
             }
             self->wake.WaitFor(waitMs);
         }
@@ -120,26 +296,55 @@ void CMediaPlayer::SetEventHandler(CFlashPlayerEventHandler* handler) {
 }
 
 void CMediaPlayer::Open(const char16_t* path, int32_t /*reserved*/, bool autoPlay) {
+    std::unique_ptr<CMovieSource> old;
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
-        m_shared->movie.reset();
+        old = std::move(m_shared->source);
+        ++m_shared->movieCount;
+        m_shared->hasMovie = false;
+        m_shared->first.reset();
+        m_shared->frames.clear();
         m_shared->loading = true;
         m_shared->playing = false;
-        m_shared->frameIndex = 0;
         m_shared->positionMs = 0;
     }
-    // Decoding takes a while: outside the lock, so queries answer "loading".
-    std::shared_ptr<const CMovie> movie;
+    old.reset();
+    // Opening takes a while: outside the lock, so queries answer "loading".
+    // A movie prepared ahead, outside its caller's locks, is taken instead.
+    std::unique_ptr<CMovieSource> source;
+    DecodedFrame first;
     if (path != nullptr) {
-        movie = DecodeMovie(platform::U16ToUtf8(path, kMaxPathUnits));
+        const std::string file = platform::U16ToUtf8(path, kMaxPathUnits);
+        FileKey key;
+        if (KeyOf(file, &key)) {
+            source = CPreparedMovies::Instance().Take(key, &first);
+        }
+        if (!source) {
+            source = OpenMovieSource(file, &first);
+        }
     }
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
-        m_shared->movie = movie;
         m_shared->loading = false;
+        if (source) {
+            const size_t frameBytes =
+                static_cast<size_t>(source->Width()) * static_cast<size_t>(source->Height()) * 4;
+            m_shared->ahead =
+                std::clamp(kAheadBytes / std::max<size_t>(frameBytes, 1), kLeastAhead, kMostAhead);
+            m_shared->width = source->Width();
+            m_shared->height = source->Height();
+            m_shared->fps = first.endMs > 0 ? 1000.0 / static_cast<double>(first.endMs) : 0.0;
+            m_shared->first = std::make_shared<const DecodedFrame>(std::move(first));
+            m_shared->frames.push_back(m_shared->first);
+            m_shared->source = std::move(source);
+            m_shared->sourceEnded = false;
+            m_shared->restart = false;
+            m_shared->hasMovie = true;
+        }
     }
-    if (movie) {
+    if (IsReady()) {
         StartThread();
+        m_shared->wake.Set();  // to decode ahead
         if (autoPlay) {
             Play();
         }
@@ -157,7 +362,7 @@ void CMediaPlayer::StartThread() {
 void CMediaPlayer::Play() {
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
-        if (m_shared->playing || !m_shared->movie) {
+        if (m_shared->playing || !m_shared->hasMovie) {
             return;
         }
         m_shared->playing = true;
@@ -182,15 +387,22 @@ void CMediaPlayer::Stop() {
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
         m_shared->playing = false;
-        m_shared->frameIndex = 0;
         m_shared->positionMs = 0;
+        if (m_shared->hasMovie && m_shared->frames.front() != m_shared->first) {
+            // Back to the first frame at once; the thread takes the source
+            // back to its start before it decodes on.
+            m_shared->frames.assign(1, m_shared->first);
+            m_shared->restart = true;
+            m_shared->sourceEnded = false;
+            ++m_shared->positionCount;
+        }
     }
     m_shared->wake.Set();
 }
 
 bool CMediaPlayer::IsReady() {
     std::lock_guard<std::mutex> lock(m_shared->mutex);
-    return m_shared->movie != nullptr && !m_shared->loading;
+    return m_shared->hasMovie && !m_shared->loading;
 }
 
 bool CMediaPlayer::IsLoading() {
@@ -205,55 +417,54 @@ bool CMediaPlayer::IsPlaying() {
 
 double CMediaPlayer::GetFrameRate() {
     std::lock_guard<std::mutex> lock(m_shared->mutex);
-    const CMovie* movie = m_shared->movie.get();
-    if (movie == nullptr || movie->DurationMs() == 0) {
-        return 0.0;
-    }
-    return static_cast<double>(movie->frames.size()) * 1000.0 /
-           static_cast<double>(movie->DurationMs());
+    return m_shared->hasMovie ? m_shared->fps : 0.0;
 }
 
 bool CMediaPlayer::GetSize(uint32_t* width, uint32_t* height) {
-    std::shared_ptr<const CMovie> movie;
+    uint32_t w = 0;
+    uint32_t h = 0;
+    bool has = false;
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
-        movie = m_shared->movie;
+        has = m_shared->hasMovie;
+        w = has ? static_cast<uint32_t>(m_shared->width) : 0;
+        h = has ? static_cast<uint32_t>(m_shared->height) : 0;
     }
-    const uint32_t w = movie ? static_cast<uint32_t>(movie->width) : 0;
-    const uint32_t h = movie ? static_cast<uint32_t>(movie->height) : 0;
     if (width != nullptr) {
         *width = w;
     }
     if (height != nullptr) {
         *height = h;
     }
-    return movie != nullptr;
+    return has;
 }
 
-std::shared_ptr<const CMovie> CMediaPlayer::CurrentFrame(size_t* frameIndex) {
+std::shared_ptr<const DecodedFrame> CMediaPlayer::CurrentFrame() {
     std::lock_guard<std::mutex> lock(m_shared->mutex);
-    *frameIndex = m_shared->frameIndex;
-    return m_shared->movie;
+    return m_shared->frames.empty() ? nullptr : m_shared->frames.front();
 }
 
 bool CMediaPlayer::RenderToTexture(GLuint texture, uint32_t* width, uint32_t* height, IPBO* pbo) {
-    size_t index = 0;
-    const std::shared_ptr<const CMovie> movie = CurrentFrame(&index);
-    const uint32_t w = movie ? static_cast<uint32_t>(movie->width) : 0;
-    const uint32_t h = movie ? static_cast<uint32_t>(movie->height) : 0;
+    const std::shared_ptr<const DecodedFrame> frame = CurrentFrame();
+    const int32_t w = frame ? frame->picture->width : 0;
+    const int32_t h = frame ? frame->picture->height : 0;
     if (width != nullptr) {
-        *width = w;
+        *width = static_cast<uint32_t>(w);
     }
     if (height != nullptr) {
-        *height = h;
+        *height = static_cast<uint32_t>(h);
     }
-    if (!movie || pbo == nullptr || texture == 0) {
+    if (!frame || pbo == nullptr || texture == 0) {
         return false;
     }
-    // Frames are kept bottom-up, the order in which OpenGL takes rows.
-    const std::vector<uint8_t>& pixels = movie->frames[index];
-    pbo->Resize(movie->width, movie->height);
-    return pbo->Upload(texture, pixels.data(), static_cast<uint32_t>(pixels.size()), GL_BGRA);
+    // Bottom-up, the order in which OpenGL takes rows.
+    bool uploaded = false;
+    m_textureConversion.WithFrame(frame, w, h, [&](const uint8_t* pixels) {
+        pbo->Resize(w, h);
+        uploaded = pbo->Upload(texture, pixels,
+                               static_cast<uint32_t>(w) * 4u * static_cast<uint32_t>(h), GL_BGRA);
+    });
+    return uploaded;
 }
 
 void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height, const RECT* clip,
@@ -261,14 +472,13 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
     if (frame == nullptr || width == 0 || height == 0) {
         return;
     }
-    size_t index = 0;
-    const std::shared_ptr<const CMovie> movie = CurrentFrame(&index);
-    if (!movie) {
+    const std::shared_ptr<const DecodedFrame> shown = CurrentFrame();
+    if (!shown) {
         return;
     }
     int32_t scaledWidth = 0;
     int32_t scaledHeight = 0;
-    ScaledSize(movie->width, movie->height, scale, &scaledWidth, &scaledHeight);
+    ScaledSize(shown->picture->width, shown->picture->height, scale, &scaledWidth, &scaledHeight);
     if (scaledWidth == 0) {
         return;
     }
@@ -287,7 +497,7 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
     const POINT origin = pos != nullptr
                              ? POINT{ScaleCoordinate(pos->x, scale), ScaleCoordinate(pos->y, scale)}
                              : POINT{0, 0};
-    m_scaledFrames.WithFrame(movie, index, scaledWidth, scaledHeight, [&](const uint8_t* pixels) {
+    m_frameConversion.WithFrame(shown, scaledWidth, scaledHeight, [&](const uint8_t* pixels) {
         BlendIntoFrame24(target, area, origin,
                          PackedPicture(pixels, scaledWidth, scaledHeight, 32));
     });

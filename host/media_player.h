@@ -1,7 +1,8 @@
-// CMediaPlayer: the IFlashPlayer of this platform. It plays short animations
-// (APNG, GIF, animated WebP, WebM/VP9 with alpha, MP4) that it decodes whole
-// when a movie is opened; a thread of its own advances the current frame at
-// the movie's pace on the time source and reports the end of every pass.
+// CMediaPlayer: the IFlashPlayer of this platform. It plays animations and
+// movies (APNG, GIF, animated WebP, WebM/VP8/VP9 with alpha, MP4) of any
+// length: Open decodes the first frame, and a thread of its own decodes a few
+// frames ahead, advances the current frame at the movie's pace on the time
+// source, starts the movie again at its end and reports the end of every pass.
 #pragma once
 
 #include <memory>
@@ -15,17 +16,16 @@ namespace lumets::host {
 class CMediaPlayer final : public IFlashPlayer {
   public:
     CMediaPlayer();
-    // Stops the playing thread. When the thread is inside the handler's
-    // OnPlayEnd at that moment, it is let go rather than waited for (the
-    // handler may be blocked on a lock that the destroying thread holds); it
-    // calls nothing after that callback returns.
+    // Stops the playing thread and waits for it, also while it is inside the
+    // handler's OnPlayEnd: the handler outlives every callback to it.
     ~CMediaPlayer() override;
     CMediaPlayer(const CMediaPlayer&) = delete;
     CMediaPlayer& operator=(const CMediaPlayer&) = delete;
 
     void SetEventHandler(CFlashPlayerEventHandler* handler) override;
-    // Decodes the whole movie on the calling thread; loading meanwhile. A file
-    // that cannot be played leaves the player without a movie.
+    // Opens the file and decodes its first frame on the calling thread (or
+    // takes both from PrepareMovie); loading meanwhile. A file that cannot be
+    // played leaves the player without a movie.
     void Open(const char16_t* path, int32_t reserved, bool autoPlay) override;
     // Resumes where Pause left off, or starts from the first frame.
     void Play() override;
@@ -34,6 +34,7 @@ class CMediaPlayer final : public IFlashPlayer {
     bool IsReady() override;
     bool IsLoading() override;
     bool IsPlaying() override;
+    // The first frame's rate: 1000 over its duration in milliseconds.
     double GetFrameRate() override;
     bool GetSize(uint32_t* width, uint32_t* height) override;
     bool RenderToTexture(GLuint texture, uint32_t* width, uint32_t* height, IPBO* pbo) override;
@@ -44,13 +45,14 @@ class CMediaPlayer final : public IFlashPlayer {
     struct Shared;
 
   private:
-    // The movie and the index of the frame to show now (null without a movie).
-    std::shared_ptr<const CMovie> CurrentFrame(size_t* frameIndex);
+    // The frame to show now (null without a movie).
+    std::shared_ptr<const DecodedFrame> CurrentFrame();
     void StartThread();
 
     std::shared_ptr<Shared> m_shared;
     platform::Thread m_thread;
-    CScaledFrameCache m_scaledFrames;
+    CFrameConversion m_frameConversion;    // for RenderToFrame, at the drawing scale
+    CFrameConversion m_textureConversion;  // for RenderToTexture, at the movie's size
 };
 
 }  // namespace lumets::host

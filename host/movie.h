@@ -1,48 +1,70 @@
-// A decoded movie: every frame of a short animation as a 32-bit picture, with
-// the times at which each frame ends. Immutable once made, so the playing
-// thread and any number of render calls share it without a lock.
+// Movies decoded as they play: a source hands out one frame at a time, each
+// with the time at which it ends, and starts the movie again at its end. Only
+// the frames a player keeps ahead are ever in memory, whatever the movie's
+// length.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
+
+#include "ffmpeg_util.h"
 
 namespace lumets::host {
 
-struct CMovie {
-    int32_t width = 0;
-    int32_t height = 0;
-    // B, G, R, A with straight alpha, rows of width x 4 bytes stored bottom-up
-    // (OpenGL's order), one vector per frame.
-    std::vector<std::vector<uint8_t>> frames;
-    // frameEndMs[i]: when frame i gives way to the next one, in milliseconds
-    // from the start of a pass; strictly increasing. The last is the pass length.
-    std::vector<uint64_t> frameEndMs;
+// A larger picture is refused.
+inline constexpr int32_t kMaxMovieSide = 8192;
+// The most a file holding a movie may be read into memory at once (one
+// animated WebP frame's chunk, say).
+inline constexpr size_t kMaxChunkBytes = size_t{64} << 20;
 
-    uint64_t DurationMs() const { return frameEndMs.empty() ? 0 : frameEndMs.back(); }
-    size_t FrameBytes() const {
-        return static_cast<size_t>(width) * static_cast<size_t>(height) * 4u;
-    }
+// One frame as the decoder made it, in whatever pixel format it has (planar
+// YUV, with alpha or not; packed RGB; B, G, R, A for animated WebP); it is
+// converted for drawing only when drawn, to the size it is drawn at.
+struct DecodedFrame {
+    FramePtr picture;
+    // When the frame gives way to the next one, in milliseconds from the start
+    // of its pass; strictly increasing within a pass. A pass's last frame's
+    // end is the pass's length.
+    uint64_t endMs = 0;
+    bool last = false;  // the last frame of its pass
 };
 
-// Limits on what a movie may hold: a longer one is cut short at the limit, a
-// larger picture is refused.
-inline constexpr int32_t kMaxMovieSide = 8192;
-inline constexpr size_t kMaxMovieBytes = size_t{256} << 20;
-inline constexpr size_t kMaxMovieFrames = 10000;
+class CMovieSource {
+  public:
+    virtual ~CMovieSource() = default;
+    // The next frame; after a pass's last frame, the first of the next pass.
+    // False when no frame can be decoded any more (a file truncated or
+    // replaced under a playing movie that no longer opens).
+    virtual bool Next(DecodedFrame* frame) = 0;
+    // Back to the start: the next frame is the first. False when the file can
+    // no longer be opened.
+    virtual bool Restart() = 0;
 
-// Decodes the whole movie at path (UTF-8). Null when the file is missing,
-// empty, of a kind this player does not play, or holds no decodable frame.
-std::shared_ptr<const CMovie> DecodeMovie(const std::string& path);
+    int32_t Width() const { return m_width; }
+    int32_t Height() const { return m_height; }
+    // Frames per second as the file states it (0 when it does not).
+    double NominalFps() const { return m_nominalFps; }
 
-// Frames of an animated WebP file (a RIFF container whose frames the media
-// library decodes one by one). Null when data is not an animated WebP.
-std::shared_ptr<const CMovie> DecodeAnimatedWebP(const std::vector<uint8_t>& data);
+  protected:
+    int32_t m_width = 0;
+    int32_t m_height = 0;
+    double m_nominalFps = 0;
+};
 
-// Helper for decoders: appends one picture (top-down rows of width x 4 bytes,
-// B, G, R, A) as the next frame, ending at endMs. False when the movie's limits
-// are reached.
-bool AppendTopDownFrame(CMovie& movie, const uint8_t* pixels, size_t strideBytes, uint64_t endMs);
+// Opens the movie at path (UTF-8) and decodes its first frame into *first.
+// Null when the file is missing, empty, of a kind this player does not play,
+// larger than kMaxMovieSide a side, or holds no decodable frame.
+std::unique_ptr<CMovieSource> OpenMovieSource(const std::string& path, DecodedFrame* first);
+
+// The animated WebP source for path, whose first bytes say it is one; null
+// when it holds no frame that decodes. The media library decodes still WebP
+// pictures only, so the container is taken apart here.
+std::unique_ptr<CMovieSource> OpenAnimatedWebP(const std::string& path, DecodedFrame* first);
+
+// Opens path and decodes its first frame now, on the calling thread, and keeps
+// both for a few seconds: a player that opens the same unchanged file
+// meanwhile takes them instead of opening it under its caller's locks.
+void PrepareMovie(const std::string& path);
 
 }  // namespace lumets::host

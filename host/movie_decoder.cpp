@@ -1,4 +1,4 @@
-// Decoding a whole short movie with FFmpeg into 32-bit frames.
+// Movies that FFmpeg demuxes and decodes, a frame at a time.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -56,36 +56,21 @@ const AVCodec* FindDecoder(const AVStream& stream) {
     return avcodec_find_decoder(id);
 }
 
-std::vector<uint8_t> ReadFile(const std::string& path, size_t maxBytes) {
-    std::vector<uint8_t> data;
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        return data;
-    }
-    uint8_t chunk[65536];
-    size_t got = 0;
-    while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0 && data.size() < maxBytes) {
-        data.insert(data.end(), chunk, chunk + got);
-    }
-    std::fclose(file);
-    return data;
-}
-
 bool LooksLikeAnimatedWebP(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
+    const FilePtr file(std::fopen(path.c_str(), "rb"));
+    if (!file) {
         return false;
     }
     uint8_t header[21] = {};
-    const size_t got = std::fread(header, 1, sizeof header, file);
-    std::fclose(file);
+    const size_t got = std::fread(header, 1, sizeof header, file.get());
     // RIFF....WEBPVP8X, then the VP8X flags byte with its animation bit.
     return got == sizeof header && std::memcmp(header, "RIFF", 4) == 0 &&
            std::memcmp(header + 8, "WEBPVP8X", 8) == 0 && (header[20] & 0x02) != 0;
 }
 
-// Frame times in milliseconds from the stream's time stamps. Missing or
-// non-increasing stamps fall back to the nominal frame duration.
+// Frame times in milliseconds from the stream's time stamps, one pass at a
+// time. Missing or non-increasing stamps fall back to the nominal frame
+// duration.
 class CFrameClock {
   public:
     explicit CFrameClock(const AVStream& stream) : m_timeBase(stream.time_base) {
@@ -93,12 +78,20 @@ class CFrameClock {
         if (rate.num <= 0 || rate.den <= 0) {
             rate = stream.r_frame_rate;
         }
-        const double fps = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0.0;
-        m_nominalMs = fps >= 0.1 && fps <= 1000.0 ? std::llround(1000.0 / fps) : 100;
+        m_fps = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0.0;
+        m_nominalMs = m_fps >= 0.1 && m_fps <= 1000.0 ? std::llround(1000.0 / m_fps) : 100;
     }
 
-    // Start of a frame with this stamp and duration, in stream time base units.
-    void Add(int64_t stamp, int64_t duration) {
+    double Fps() const { return m_fps; }
+
+    // A new pass: its first frame starts at 0.
+    void Restart() {
+        m_firstStamp = AV_NOPTS_VALUE;
+        m_lastStartMs = -1;
+    }
+
+    // The start of a frame with this stamp and duration (stream time base units).
+    uint64_t Add(int64_t stamp, int64_t duration) {
         int64_t startMs = -1;
         if (stamp != AV_NOPTS_VALUE && m_timeBase.num > 0 && m_timeBase.den > 0) {
             if (m_firstStamp == AV_NOPTS_VALUE) {
@@ -106,80 +99,110 @@ class CFrameClock {
             }
             startMs = av_rescale_q(stamp - m_firstStamp, m_timeBase, AVRational{1, 1000});
         }
-        const int64_t previous = m_startsMs.empty() ? -1 : m_startsMs.back();
-        if (startMs <= previous) {
-            startMs = previous < 0 ? 0 : previous + m_nominalMs;
+        if (startMs <= m_lastStartMs) {
+            startMs = m_lastStartMs < 0 ? 0 : m_lastStartMs + m_nominalMs;
         }
-        m_startsMs.push_back(startMs);
+        m_lastStartMs = startMs;
         m_lastDurationMs = duration > 0 && m_timeBase.num > 0
                                ? av_rescale_q(duration, m_timeBase, AVRational{1, 1000})
                                : m_nominalMs;
         if (m_lastDurationMs <= 0) {
             m_lastDurationMs = m_nominalMs;
         }
+        return static_cast<uint64_t>(startMs);
     }
 
-    // End of frame i, known once frame i + 1 has arrived or the stream ended.
-    uint64_t EndMs(size_t i) const {
-        if (i + 1 < m_startsMs.size()) {
-            return static_cast<uint64_t>(m_startsMs[i + 1]);
-        }
-        return static_cast<uint64_t>(m_startsMs[i] + m_lastDurationMs);
-    }
+    // How long the frame added last lasts when no frame follows it.
+    uint64_t LastDurationMs() const { return static_cast<uint64_t>(m_lastDurationMs); }
 
   private:
     AVRational m_timeBase;
+    double m_fps = 0;
     int64_t m_nominalMs = 100;
     int64_t m_firstStamp = AV_NOPTS_VALUE;
+    int64_t m_lastStartMs = -1;
     int64_t m_lastDurationMs = 100;
-    std::vector<int64_t> m_startsMs;
 };
 
-class CMovieDecoder {
+// A movie FFmpeg demuxes and decodes, one frame ahead: a frame's end is the
+// start of the frame after it.
+class CFfmpegSource final : public CMovieSource {
   public:
-    std::shared_ptr<const CMovie> Decode(const std::string& path) {
-        AVFormatContext* raw = nullptr;
-        AVDictionary* options = nullptr;
-        av_dict_set(&options, "format_whitelist", kContainers, 0);
-        const int opened = avformat_open_input(&raw, path.c_str(), nullptr, &options);
-        const AvDictionaryPtr unusedOptions(options);  // what the demuxer did not take
-        if (opened < 0) {
-            return nullptr;
-        }
-        m_format.reset(raw);
-        if (avformat_find_stream_info(m_format.get(), nullptr) < 0) {
-            return nullptr;
-        }
-        m_streamIndex = av_find_best_stream(m_format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-        if (m_streamIndex < 0) {
-            return nullptr;
-        }
-        const AVStream& stream = *m_format->streams[m_streamIndex];
-        if (!IsPlayableCodec(stream.codecpar->codec_id) || !OpenDecoder(stream)) {
-            return nullptr;
-        }
-        m_clock.emplace(stream);
-        PacketPtr packet(av_packet_alloc());
-        m_frame.reset(av_frame_alloc());
-        if (!packet || !m_frame) {
-            return nullptr;
-        }
-        while (!m_full && av_read_frame(m_format.get(), packet.get()) >= 0) {
-            if (packet->stream_index == m_streamIndex) {
-                // A damaged packet is skipped; the frames around it still play.
-                if (avcodec_send_packet(m_codec.get(), packet.get()) >= 0) {
-                    ReceiveFrames();
-                }
+    bool Open(const std::string& path, DecodedFrame* first) {
+        m_path = path;
+        return OpenFile() && Next(first);
+    }
+
+    bool Next(DecodedFrame* frame) override {
+        const CQuietFfmpeg quiet;
+        if (!m_pending.picture) {
+            if (m_passEnded && !Rewind()) {
+                return false;
             }
-            av_packet_unref(packet.get());
+            m_passEnded = false;
+            if (!ReadPicture(&m_pending)) {
+                return false;
+            }
         }
-        if (!m_full && avcodec_send_packet(m_codec.get(), nullptr) >= 0) {
-            ReceiveFrames();
+        Picture following;
+        if (ReadPicture(&following)) {
+            frame->endMs = following.startMs;
+            frame->last = false;
+            frame->picture = std::move(m_pending.picture);
+            m_pending = std::move(following);
+            return true;
         }
-        return Finish();
+        frame->endMs = m_pending.startMs + m_clock->LastDurationMs();
+        frame->last = true;
+        frame->picture = std::move(m_pending.picture);
+        m_passEnded = true;
+        return true;
+    }
+
+    bool Restart() override {
+        const CQuietFfmpeg quiet;
+        m_pending = Picture{};
+        m_passEnded = false;
+        return Rewind();
     }
 
   private:
+    struct Picture {
+        FramePtr picture;
+        uint64_t startMs = 0;
+    };
+
+    bool OpenFile() {
+        m_format.reset();
+        m_codec.reset();
+        AVFormatContext* raw = nullptr;
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "format_whitelist", kContainers, 0);
+        const int opened = avformat_open_input(&raw, m_path.c_str(), nullptr, &options);
+        const AvDictionaryPtr unusedOptions(options);  // what the demuxer did not take
+        if (opened < 0) {
+            return false;
+        }
+        m_format.reset(raw);
+        if (avformat_find_stream_info(m_format.get(), nullptr) < 0) {
+            return false;
+        }
+        m_streamIndex = av_find_best_stream(m_format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+        if (m_streamIndex < 0) {
+            return false;
+        }
+        const AVStream& stream = *m_format->streams[m_streamIndex];
+        if (!IsPlayableCodec(stream.codecpar->codec_id) || !OpenDecoder(stream)) {
+            return false;
+        }
+        m_clock.emplace(stream);
+        m_nominalFps = m_clock->Fps();
+        m_packet.reset(av_packet_alloc());
+        m_frame.reset(av_frame_alloc());
+        m_draining = false;
+        return m_packet && m_frame;
+    }
+
     bool OpenDecoder(const AVStream& stream) {
         const AVCodec* codec = FindDecoder(stream);
         if (codec == nullptr) {
@@ -189,70 +212,87 @@ class CMovieDecoder {
         if (!m_codec || avcodec_parameters_to_context(m_codec.get(), stream.codecpar) < 0) {
             return false;
         }
-        // The movies are short and decoded once; the decoder's own threads
-        // would only compete with the host's and hide their synchronisation
-        // from the thread sanitizer.
+        // One thread per movie: the player's own. The decoder's threads would
+        // only compete with the host's and hide their synchronisation from
+        // the thread sanitizer.
         m_codec->thread_count = 1;
         return avcodec_open2(m_codec.get(), codec, nullptr) >= 0;
     }
 
-    void ReceiveFrames() {
-        while (!m_full && avcodec_receive_frame(m_codec.get(), m_frame.get()) >= 0) {
-            AddFrame(*m_frame);
-            av_frame_unref(m_frame.get());
+    // Back to the first frame: a seek where the container has an index, a
+    // new start of the file where it has not (or the seek fails).
+    bool Rewind() {
+        m_clock->Restart();
+        m_draining = false;
+        const char* name = m_format->iformat->name;
+        const bool indexed =
+            std::strstr(name, "matroska") != nullptr || std::strstr(name, "mp4") != nullptr;
+        if (indexed &&
+            av_seek_frame(m_format.get(), m_streamIndex, INT64_MIN, AVSEEK_FLAG_BACKWARD) >= 0) {
+            avcodec_flush_buffers(m_codec.get());
+            return true;
         }
+        return OpenFile();
     }
 
-    void AddFrame(const AVFrame& frame) {
-        if (m_movie->frames.empty()) {
-            if (frame.width <= 0 || frame.height <= 0 || frame.width > kMaxMovieSide ||
-                frame.height > kMaxMovieSide) {
-                m_full = true;
-                return;
-            }
-            m_movie->width = frame.width;
-            m_movie->height = frame.height;
-        } else if (frame.width != m_movie->width || frame.height != m_movie->height) {
-            return;  // a size change mid-stream: keep the first size, drop the odd frame
-        }
-        const uint8_t* pixels = nullptr;
-        int stride = 0;
-        if (!m_converter.Convert(frame, &pixels, &stride)) {
-            return;
-        }
+    // The next picture of the stream, or false at its end. Damaged packets are
+    // skipped; so are pictures of another size than the first.
+    bool ReadPicture(Picture* out) {
+        for (;;) {
+            const int received = avcodec_receive_frame(m_codec.get(), m_frame.get());
+            if (received == 0) {
+                if (m_frame->width != m_width || m_frame->height != m_height) {
+                    if (m_width != 0 || m_frame->width <= 0 || m_frame->height <= 0 ||
+                        m_frame->width > kMaxMovieSide || m_frame->height > kMaxMovieSide) {
+                        av_frame_unref(m_frame.get());
+                        if (m_width == 0) {
+                            return false;  // too large: refused
+                        }
+                        continue;
+                    }
+                    m_width = m_frame->width;
+                    m_height = m_frame->height;
+                }
 #if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 30, 100)
-        m_clock->Add(frame.best_effort_timestamp, frame.duration);
+                out->startMs = m_clock->Add(m_frame->best_effort_timestamp, m_frame->duration);
 #else
-        m_clock->Add(frame.best_effort_timestamp, frame.pkt_duration);
+                out->startMs = m_clock->Add(m_frame->best_effort_timestamp, m_frame->pkt_duration);
 #endif
-        // The end of the frame before is known now; this one's is provisional.
-        const size_t index = m_movie->frames.size();
-        if (index > 0) {
-            m_movie->frameEndMs[index - 1] = m_clock->EndMs(index - 1);
-        }
-        if (!AppendTopDownFrame(*m_movie, pixels, static_cast<size_t>(stride),
-                                m_clock->EndMs(index))) {
-            m_full = true;
+                out->picture.reset(av_frame_alloc());
+                if (!out->picture) {
+                    av_frame_unref(m_frame.get());
+                    return false;
+                }
+                av_frame_move_ref(out->picture.get(), m_frame.get());
+                return true;
+            }
+            if (received != AVERROR(EAGAIN) || m_draining) {
+                return false;  // the end, or a decoder that gave up
+            }
+            if (av_read_frame(m_format.get(), m_packet.get()) < 0) {
+                m_draining = true;
+                if (avcodec_send_packet(m_codec.get(), nullptr) < 0) {
+                    return false;
+                }
+                continue;
+            }
+            if (m_packet->stream_index == m_streamIndex) {
+                avcodec_send_packet(m_codec.get(), m_packet.get());
+            }
+            av_packet_unref(m_packet.get());
         }
     }
 
-    std::shared_ptr<const CMovie> Finish() {
-        if (m_movie->frames.empty()) {
-            return nullptr;
-        }
-        const size_t last = m_movie->frames.size() - 1;
-        m_movie->frameEndMs[last] = std::max(m_clock->EndMs(last), m_movie->frameEndMs[last]);
-        return std::move(m_movie);
-    }
-
+    std::string m_path;
     FormatContextPtr m_format;
     CodecContextPtr m_codec;
+    PacketPtr m_packet;
     FramePtr m_frame;
-    CFrameConverter m_converter;
     std::optional<CFrameClock> m_clock;
-    std::shared_ptr<CMovie> m_movie = std::make_shared<CMovie>();
     int m_streamIndex = -1;
-    bool m_full = false;
+    bool m_draining = false;
+    bool m_passEnded = false;
+    Picture m_pending;  // decoded, its end not yet known
 };
 
 }  // namespace
@@ -296,33 +336,16 @@ bool CFrameConverter::Convert(const AVFrame& frame, const uint8_t** pixels, int*
     return true;
 }
 
-bool AppendTopDownFrame(CMovie& movie, const uint8_t* pixels, size_t strideBytes, uint64_t endMs) {
-    const size_t bytes = movie.FrameBytes();
-    if (bytes == 0 || movie.frames.size() >= kMaxMovieFrames ||
-        (movie.frames.size() + 1) * bytes > kMaxMovieBytes) {
-        return false;
-    }
-    const size_t rowBytes = static_cast<size_t>(movie.width) * 4u;
-    std::vector<uint8_t> picture(bytes);
-    // Bottom-up storage: the picture's top row goes last.
-    for (int32_t y = 0; y < movie.height; ++y) {
-        std::memcpy(picture.data() + static_cast<size_t>(movie.height - 1 - y) * rowBytes,
-                    pixels + static_cast<size_t>(y) * strideBytes, rowBytes);
-    }
-    if (!movie.frameEndMs.empty() && endMs <= movie.frameEndMs.back()) {
-        endMs = movie.frameEndMs.back() + 1;
-    }
-    movie.frames.push_back(std::move(picture));
-    movie.frameEndMs.push_back(endMs);
-    return true;
-}
-
-std::shared_ptr<const CMovie> DecodeMovie(const std::string& path) {
+std::unique_ptr<CMovieSource> OpenMovieSource(const std::string& path, DecodedFrame* first) {
     const CQuietFfmpeg quiet;
     if (LooksLikeAnimatedWebP(path)) {
-        return DecodeAnimatedWebP(ReadFile(path, kMaxMovieBytes));
+        return OpenAnimatedWebP(path, first);
     }
-    return CMovieDecoder().Decode(path);
+    auto source = std::make_unique<CFfmpegSource>();
+    if (!source->Open(path, first)) {
+        return nullptr;
+    }
+    return source;
 }
 
 }  // namespace lumets::host

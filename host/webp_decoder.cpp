@@ -2,7 +2,9 @@
 // RIFF container is taken apart here. Each ANMF frame's bitstream (with its
 // alpha chunk) is rewrapped as a still WebP file, decoded, and composed onto
 // the canvas with the frame's offset, blending and disposal.
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "ffmpeg_util.h"
 #include "movie.h"
@@ -114,40 +116,60 @@ void BlendOver(uint8_t* dst, const uint8_t* src) {
     dst[3] = static_cast<uint8_t>(outA);
 }
 
-class CWebPAnimationDecoder {
+// Reads the file's chunks one at a time, so that memory holds one frame's
+// bitstream at most, and composes each frame onto a canvas of its own.
+class CWebPSource final : public CMovieSource {
   public:
-    std::shared_ptr<const CMovie> Decode(const std::vector<uint8_t>& data) {
-        if (data.size() < 12 || std::memcmp(data.data(), "RIFF", 4) != 0 ||
-            std::memcmp(data.data() + 8, "WEBP", 4) != 0 || !OpenDecoder()) {
-            return nullptr;
+    bool Open(const std::string& path, DecodedFrame* first) {
+        m_file.reset(std::fopen(path.c_str(), "rb"));
+        uint8_t header[12] = {};
+        if (!m_file || std::fread(header, 1, sizeof header, m_file.get()) != sizeof header ||
+            std::memcmp(header, "RIFF", 4) != 0 || std::memcmp(header + 8, "WEBP", 4) != 0 ||
+            !OpenDecoder()) {
+            return false;
         }
-        const size_t riffEnd =
-            std::min<size_t>(data.size(), 8 + static_cast<size_t>(Le32(data.data() + 4)));
-        CChunkReader chunks(data.data() + 12, riffEnd - 12);
-        Chunk chunk{};
-        bool haveCanvas = false;
-        while (chunks.Next(&chunk)) {
-            if (Is(chunk, "VP8X") && chunk.size >= 10) {
-                const uint32_t width = Le24(chunk.payload + 4) + 1;
-                const uint32_t height = Le24(chunk.payload + 7) + 1;
+        m_riffEnd = 8 + static_cast<uint64_t>(Le32(header + 4));
+        m_offset = sizeof header;
+        // The canvas comes first; the frames follow it.
+        std::vector<uint8_t> payload;
+        char fourcc[4];
+        while (ReadChunk(fourcc, &payload)) {
+            if (std::memcmp(fourcc, "VP8X", 4) == 0 && payload.size() >= 10) {
+                const uint32_t width = Le24(payload.data() + 4) + 1;
+                const uint32_t height = Le24(payload.data() + 7) + 1;
                 if (width > static_cast<uint32_t>(kMaxMovieSide) ||
                     height > static_cast<uint32_t>(kMaxMovieSide)) {
-                    return nullptr;
+                    return false;
                 }
-                m_movie->width = static_cast<int32_t>(width);
-                m_movie->height = static_cast<int32_t>(height);
-                m_canvas.assign(m_movie->FrameBytes(), 0);
-                haveCanvas = true;
-            } else if (Is(chunk, "ANMF") && haveCanvas && chunk.size >= 16) {
-                if (!AddFrame(chunk)) {
-                    break;
-                }
+                m_width = static_cast<int32_t>(width);
+                m_height = static_cast<int32_t>(height);
+                m_canvas.assign(static_cast<size_t>(m_width) * m_height * 4u, 0);
+                m_firstFrameOffset = m_offset;
+                return Next(first);
             }
         }
-        if (m_movie->frames.empty()) {
-            return nullptr;
+        return false;
+    }
+
+    bool Next(DecodedFrame* frame) override {
+        std::vector<uint8_t> payload;
+        char fourcc[4];
+        for (int pass = 0; pass < 2; ++pass) {
+            while (ReadChunk(fourcc, &payload)) {
+                if (std::memcmp(fourcc, "ANMF", 4) == 0 && payload.size() >= 16 &&
+                    AddFrame(payload, frame)) {
+                    frame->last = AtLastFrame();
+                    return true;
+                }
+            }
+            // The pass has ended: start again, unless it held no frame at all.
+            const bool played = m_passFrames > 0;
+            Restart();
+            if (!played) {
+                return false;
+            }
         }
-        return std::move(m_movie);
+        return false;
     }
 
   private:
@@ -162,9 +184,61 @@ class CWebPAnimationDecoder {
         return m_codec && m_frame && m_packet && avcodec_open2(m_codec.get(), codec, nullptr) >= 0;
     }
 
-    // False when the movie is full; a frame that fails to decode is skipped.
-    bool AddFrame(const Chunk& anmf) {
-        const uint8_t* p = anmf.payload;
+    // The chunk at the read position, or false at the end of the RIFF body or
+    // at a chunk that runs past it.
+    bool ReadChunk(char fourcc[4], std::vector<uint8_t>* payload) {
+        uint8_t header[8];
+        if (m_offset + 8 > m_riffEnd ||
+            std::fseek(m_file.get(), static_cast<long>(m_offset), SEEK_SET) != 0 ||
+            std::fread(header, 1, sizeof header, m_file.get()) != sizeof header) {
+            return false;
+        }
+        const uint32_t size = Le32(header + 4);
+        if (size > kMaxChunkBytes || m_offset + 8 + size > m_riffEnd) {
+            return false;
+        }
+        payload->resize(size);
+        if (size > 0 && std::fread(payload->data(), 1, size, m_file.get()) != size) {
+            return false;
+        }
+        std::memcpy(fourcc, header, 4);
+        // Chunks are padded to an even size.
+        m_offset += 8 + static_cast<uint64_t>(size) + (size & 1u);
+        return true;
+    }
+
+    // Whether another frame follows in this pass: a look at the next chunks'
+    // headers, without reading their payloads.
+    bool AtLastFrame() {
+        uint64_t offset = m_offset;
+        uint8_t header[8];
+        while (offset + 8 <= m_riffEnd &&
+               std::fseek(m_file.get(), static_cast<long>(offset), SEEK_SET) == 0 &&
+               std::fread(header, 1, sizeof header, m_file.get()) == sizeof header) {
+            const uint32_t size = Le32(header + 4);
+            if (offset + 8 + size > m_riffEnd) {
+                break;
+            }
+            if (std::memcmp(header, "ANMF", 4) == 0 && size >= 16) {
+                return false;
+            }
+            offset += 8 + static_cast<uint64_t>(size) + (size & 1u);
+        }
+        return true;
+    }
+
+    bool Restart() override {
+        m_offset = m_firstFrameOffset;
+        m_passMs = 0;
+        m_passFrames = 0;
+        std::fill(m_canvas.begin(), m_canvas.end(), uint8_t{0});
+        return true;
+    }
+
+    // Composes one ANMF frame onto the canvas and hands out the canvas as the
+    // frame. A picture that fails to decode leaves the canvas as it was.
+    bool AddFrame(const std::vector<uint8_t>& anmf, DecodedFrame* out) {
+        const uint8_t* p = anmf.data();
         const uint32_t x = Le24(p) * 2;
         const uint32_t y = Le24(p + 3) * 2;
         const uint32_t width = Le24(p + 6) + 1;
@@ -181,7 +255,7 @@ class CWebPAnimationDecoder {
         Chunk alphaChunk{};
         Chunk image{};
         bool haveImage = false;
-        CChunkReader inner(p + 16, anmf.size - 16);
+        CChunkReader inner(p + 16, anmf.size() - 16);
         Chunk chunk{};
         while (!haveImage && inner.Next(&chunk)) {
             if (Is(chunk, "ALPH")) {
@@ -193,13 +267,14 @@ class CWebPAnimationDecoder {
             }
         }
 
-        const uint64_t endMs = m_movie->DurationMs() + durationMs;
-        const uint32_t canvasWidth = static_cast<uint32_t>(m_movie->width);
-        const uint32_t canvasHeight = static_cast<uint32_t>(m_movie->height);
+        const uint32_t canvasWidth = static_cast<uint32_t>(m_width);
+        const uint32_t canvasHeight = static_cast<uint32_t>(m_height);
+        uint32_t drawnWidth = 0;
+        uint32_t drawnHeight = 0;
         if (haveImage && x < canvasWidth && y < canvasHeight) {
             const std::vector<uint8_t> still = WrapFrame(alpha, image, width, height);
-            const uint32_t drawnWidth = std::min(width, canvasWidth - x);
-            const uint32_t drawnHeight = std::min(height, canvasHeight - y);
+            drawnWidth = std::min(width, canvasWidth - x);
+            drawnHeight = std::min(height, canvasHeight - y);
             if (DecodeStill(still) && m_frame->width == static_cast<int>(width) &&
                 m_frame->height == static_cast<int>(height)) {
                 const uint8_t* pixels = nullptr;
@@ -210,16 +285,38 @@ class CWebPAnimationDecoder {
                 }
             }
             av_frame_unref(m_frame.get());
-            if (!AppendTopDownFrame(*m_movie, m_canvas.data(), canvasWidth * 4u, endMs)) {
-                return false;
-            }
-            if (disposeToBackground) {
-                Clear(x, y, drawnWidth, drawnHeight);
-            }
-            return true;
         }
         // A frame without a picture still holds the previous one for its time.
-        return AppendTopDownFrame(*m_movie, m_canvas.data(), canvasWidth * 4u, endMs);
+        if (!CopyCanvas(out)) {
+            return false;
+        }
+        if (disposeToBackground) {
+            Clear(x, y, drawnWidth, drawnHeight);
+        }
+        m_passMs += durationMs;
+        ++m_passFrames;
+        out->endMs = m_passMs;
+        return true;
+    }
+
+    bool CopyCanvas(DecodedFrame* out) {
+        out->picture.reset(av_frame_alloc());
+        if (!out->picture) {
+            return false;
+        }
+        out->picture->format = AV_PIX_FMT_BGRA;
+        out->picture->width = m_width;
+        out->picture->height = m_height;
+        if (av_frame_get_buffer(out->picture.get(), 0) < 0) {
+            return false;
+        }
+        const size_t rowBytes = static_cast<size_t>(m_width) * 4u;
+        for (int32_t row = 0; row < m_height; ++row) {
+            std::memcpy(
+                out->picture->data[0] + static_cast<size_t>(row) * out->picture->linesize[0],
+                m_canvas.data() + static_cast<size_t>(row) * rowBytes, rowBytes);
+        }
+        return true;
     }
 
     bool DecodeStill(const std::vector<uint8_t>& still) {
@@ -236,7 +333,7 @@ class CWebPAnimationDecoder {
 
     void Compose(const uint8_t* pixels, size_t stride, uint32_t x, uint32_t y, uint32_t width,
                  uint32_t height, bool blend) {
-        const size_t canvasStride = static_cast<size_t>(m_movie->width) * 4u;
+        const size_t canvasStride = static_cast<size_t>(m_width) * 4u;
         for (uint32_t row = 0; row < height; ++row) {
             uint8_t* dst = m_canvas.data() + (y + row) * canvasStride + x * 4u;
             const uint8_t* src = pixels + row * stride;
@@ -253,24 +350,33 @@ class CWebPAnimationDecoder {
     // Disposal to the background: players clear to transparent, taking the
     // background colour of the ANIM chunk as a hint only.
     void Clear(uint32_t x, uint32_t y, uint32_t width, uint32_t height) {
-        const size_t canvasStride = static_cast<size_t>(m_movie->width) * 4u;
+        const size_t canvasStride = static_cast<size_t>(m_width) * 4u;
         for (uint32_t row = 0; row < height; ++row) {
             std::memset(m_canvas.data() + (y + row) * canvasStride + x * 4u, 0, width * 4u);
         }
     }
 
+    FilePtr m_file;
+    uint64_t m_riffEnd = 0;
+    uint64_t m_offset = 0;
+    uint64_t m_firstFrameOffset = 0;
+    uint64_t m_passMs = 0;
+    size_t m_passFrames = 0;
     CodecContextPtr m_codec;
     FramePtr m_frame;
     PacketPtr m_packet;
     CFrameConverter m_converter;
-    std::shared_ptr<CMovie> m_movie = std::make_shared<CMovie>();
     std::vector<uint8_t> m_canvas;  // top-down B, G, R, A
 };
 
 }  // namespace
 
-std::shared_ptr<const CMovie> DecodeAnimatedWebP(const std::vector<uint8_t>& data) {
-    return CWebPAnimationDecoder().Decode(data);
+std::unique_ptr<CMovieSource> OpenAnimatedWebP(const std::string& path, DecodedFrame* first) {
+    auto source = std::make_unique<CWebPSource>();
+    if (!source->Open(path, first)) {
+        return nullptr;
+    }
+    return source;
 }
 
 }  // namespace lumets::host

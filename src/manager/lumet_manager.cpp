@@ -3,8 +3,11 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <iterator>
+#include <set>
 
 #include "log/logger.h"
+#include "lumets/host/flash_player.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets {
@@ -52,6 +55,20 @@ void CLumetManager::AddSubtitle(const char16_t* id, const char16_t* group,
     // A null group has no name to copy: nothing is added.
     if (id == nullptr || group == nullptr) {
         return;
+    }
+    // Movies are opened and their first frames decoded here, before the lock
+    // that drawing takes; the players made under it start from them.
+    if (items != nullptr) {
+        std::set<std::u16string> movies;
+        for (uint32_t i = 0; i < count; ++i) {
+            if (const SwfPart* swf = items[i].pSwf) {
+                movies.emplace(swf->szPath,
+                               platform::U16Length(swf->szPath, std::size(swf->szPath)));
+            }
+        }
+        for (const std::u16string& path : movies) {
+            host::PrepareMovie(path.c_str());
+        }
     }
     CAutoLock lock(&m_lock);
     std::u16string key(id);

@@ -65,6 +65,14 @@ LUMETS_HOST_API void DeleteFlashPlayer(IFlashPlayer* player);
 
 namespace lumets::host {
 
+// Opens the movie at path and decodes its first frame now, on the calling
+// thread, and keeps both for a few seconds: a player that opens the same,
+// unchanged file meanwhile (on any thread) starts from them. A host calls it
+// before it takes the locks its drawing needs, then creates and opens players
+// under them as before, and never waits for a decode there. Null and
+// unplayable paths do nothing.
+LUMETS_HOST_API void PrepareMovie(const char16_t* path);
+
 // Test hooks: replace the factories (for a scripted player or a recording
 // combiner). Null restores the real ones.
 using FlashPlayerFactory = IFlashPlayer* (*)();
