@@ -67,44 +67,63 @@ void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth
     *scaledHeight = sh;
 }
 
+bool ConvertFrame(const AVFrame& picture, int32_t width, int32_t height, FrameScaler* scaler,
+                  ConvertedFrame* out) {
+    if (width <= 0 || height <= 0) {
+        return false;
+    }
+    const CQuietFfmpeg quiet;
+    SwsContext* context =
+        sws_getCachedContext(scaler->context.release(), picture.width, picture.height,
+                             static_cast<AVPixelFormat>(picture.format), width, height,
+                             AV_PIX_FMT_BGRA, SWS_BICUBIC, nullptr, nullptr, nullptr);
+    scaler->context.reset(context);
+    if (context == nullptr) {
+        return false;
+    }
+    const int32_t key[5] = {picture.width, picture.height, picture.format, width, height};
+    if (!std::equal(std::begin(key), std::end(key), std::begin(scaler->key))) {
+        std::copy(std::begin(key), std::end(key), std::begin(scaler->key));
+        ++scaler->made;
+    }
+    // Bottom-up out: start at the last row and step backwards. The slack
+    // covers vector stores past the last pixel.
+    const size_t rowBytes = static_cast<size_t>(width) * 4u;
+    out->pixels.resize(rowBytes * static_cast<size_t>(height) + 64);
+    uint8_t* rows[4] = {out->pixels.data() + rowBytes * static_cast<size_t>(height - 1)};
+    const int strides[4] = {-static_cast<int>(rowBytes)};
+    if (sws_scale(context, picture.data, picture.linesize, 0, picture.height, rows, strides) !=
+        height) {
+        return false;
+    }
+    out->width = width;
+    out->height = height;
+    return true;
+}
+
 const uint8_t* CFrameConversion::Get(const std::shared_ptr<const DecodedFrame>& frame,
                                      int32_t width, int32_t height) {
     if (!frame || !frame->picture || width <= 0 || height <= 0) {
         return nullptr;
     }
-    if (m_frame == frame && m_width == width && m_height == height) {
-        return m_pixels.data();
+    const ConvertedFrame* ahead = frame->converted.get();
+    if (ahead != nullptr && ahead->width == width && ahead->height == height) {
+        if (m_frame) {
+            // Frames come converted at this size now: the kept one can go.
+            m_frame.reset();
+            m_converted = ConvertedFrame{};
+        }
+        return ahead->pixels.data();
+    }
+    if (m_frame == frame && m_converted.width == width && m_converted.height == height) {
+        return m_converted.pixels.data();
     }
     m_frame.reset();
-    const AVFrame& picture = *frame->picture;
-    const CQuietFfmpeg quiet;
-    const int32_t key[5] = {picture.width, picture.height, picture.format, width, height};
-    SwsContext* context =
-        sws_getCachedContext(m_context.release(), picture.width, picture.height,
-                             static_cast<AVPixelFormat>(picture.format), width, height,
-                             AV_PIX_FMT_BGRA, SWS_BICUBIC, nullptr, nullptr, nullptr);
-    m_context.reset(context);
-    if (context == nullptr) {
-        return nullptr;
-    }
-    if (!std::equal(std::begin(key), std::end(key), std::begin(m_key))) {
-        std::copy(std::begin(key), std::end(key), std::begin(m_key));
-        ++m_made;
-    }
-    // Bottom-up out: start at the last row and step backwards. The slack
-    // covers vector stores past the last pixel.
-    const size_t rowBytes = static_cast<size_t>(width) * 4u;
-    m_pixels.resize(rowBytes * static_cast<size_t>(height) + 64);
-    uint8_t* rows[4] = {m_pixels.data() + rowBytes * static_cast<size_t>(height - 1)};
-    const int strides[4] = {-static_cast<int>(rowBytes)};
-    if (sws_scale(context, picture.data, picture.linesize, 0, picture.height, rows, strides) !=
-        height) {
+    if (!ConvertFrame(*frame->picture, width, height, &m_scaler, &m_converted)) {
         return nullptr;
     }
     m_frame = frame;
-    m_width = width;
-    m_height = height;
-    return m_pixels.data();
+    return m_converted.pixels.data();
 }
 
 }  // namespace lumets::host

@@ -28,9 +28,10 @@ void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth
                 int32_t* scaledHeight);
 
 // Turns decoded movie frames into bottom-up B, G, R, A pictures at the size
-// they are drawn at: one libswscale pass (bicubic) from the decoder's own
-// format, and the result kept, so that a host drawing faster than the movie
-// changes pays for one conversion per movie frame and size. Thread-safe.
+// they are drawn at: the one the player's thread made ahead when the size is
+// that, or else one libswscale pass (bicubic) from the decoder's own format,
+// kept, so that a host drawing faster than the movie changes pays for one
+// conversion per movie frame and size. Thread-safe.
 class CFrameConversion {
   public:
     // Calls draw with the frame's pixels at width x height, under the
@@ -47,7 +48,7 @@ class CFrameConversion {
     // For tests: the conversion contexts made so far.
     uint32_t ContextCount() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_made;
+        return m_scaler.made;
     }
 
   private:
@@ -55,13 +56,9 @@ class CFrameConversion {
                        int32_t height);
 
     std::mutex m_mutex;
-    std::shared_ptr<const DecodedFrame> m_frame;  // the frame m_pixels shows
-    int32_t m_width = 0;
-    int32_t m_height = 0;
-    std::vector<uint8_t> m_pixels;
-    SwsContextPtr m_context;
-    int32_t m_key[5] = {};  // what m_context converts: from width, height, format, to width, height
-    uint32_t m_made = 0;
+    std::shared_ptr<const DecodedFrame> m_frame;  // the frame m_converted shows
+    ConvertedFrame m_converted;
+    FrameScaler m_scaler;
 };
 
 }  // namespace lumets::host

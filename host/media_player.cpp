@@ -21,7 +21,7 @@ namespace {
 // Host paths are at most a few hundred units; this only bounds the read.
 constexpr size_t kMaxPathUnits = 32768;
 // Frames decoded ahead of the one on show: a handful, fewer for large movies.
-constexpr size_t kAheadBytes = size_t{32} << 20;
+constexpr size_t kAheadBytes = size_t{24} << 20;
 constexpr size_t kMostAhead = 4;
 constexpr size_t kLeastAhead = 2;
 
@@ -120,6 +120,13 @@ void PrepareMovie(const std::string& path) {
         return;
     }
     std::unique_ptr<CMovieSource> source = OpenMovieSource(path, &first);
+    // Drawn at the movie's own size, the first frame is ready too.
+    auto converted = std::make_shared<ConvertedFrame>();
+    FrameScaler scaler;
+    if (source &&
+        ConvertFrame(*first.picture, source->Width(), source->Height(), &scaler, converted.get())) {
+        first.converted = std::move(converted);
+    }
     if (source) {
         CPreparedMovies::Instance().Put(std::move(key), std::move(source), std::move(first));
     }
@@ -146,6 +153,10 @@ struct CMediaPlayer::Shared {
     // frames.front() is on show; the rest are decoded ahead, at most `ahead`.
     std::deque<std::shared_ptr<const DecodedFrame>> frames;
     size_t ahead = kLeastAhead;
+    // The size the host drew at last, to which frames are converted ahead.
+    int32_t drawWidth = 0;
+    int32_t drawHeight = 0;
+    FrameScaler aheadScaler;  // the playing thread's own, used outside the lock
     bool loading = false;
     bool playing = false;
     bool quit = false;
@@ -208,7 +219,7 @@ struct CMediaPlayer::Shared {
     // keeps it if the movie and its position are still those it was for.
     static void DecodeOne(const std::shared_ptr<Shared>& self,
                           std::unique_ptr<lumets::host::CMovieSource> source, uint64_t movie,
-                          uint64_t position, bool restart) {
+                          uint64_t position, bool restart, int32_t drawWidth, int32_t drawHeight) {
         DecodedFrame frame;
         bool ok = true;
         if (restart) {
@@ -216,6 +227,13 @@ struct CMediaPlayer::Shared {
             ok = source->Restart() && source->Next(&frame);
         }
         ok = ok && source->Next(&frame);
+        // Converted here, ahead, so that drawing it costs a blend only.
+        auto converted = std::make_shared<ConvertedFrame>();
+        if (ok && drawWidth > 0 &&
+            ConvertFrame(*frame.picture, drawWidth, drawHeight, &self->aheadScaler,
+                         converted.get())) {
+            frame.converted = std::move(converted);
+        }
         std::unique_lock<std::mutex> lock(self->mutex);
         if (movie != self->movieCount) {
             lock.unlock();
@@ -243,6 +261,8 @@ struct CMediaPlayer::Shared {
             uint64_t movie = 0;
             uint64_t position = 0;
             bool restart = false;
+            int32_t drawWidth = 0;
+            int32_t drawHeight = 0;
             {
                 std::lock_guard<std::mutex> lock(self->mutex);
                 if (self->quit) {
@@ -256,6 +276,8 @@ struct CMediaPlayer::Shared {
                     movie = self->movieCount;
                     position = self->positionCount;
                     restart = std::exchange(self->restart, false);
+                    drawWidth = self->drawWidth;
+                    drawHeight = self->drawHeight;
                 }
             }
             if (passes > 0 && handler != nullptr) {
@@ -267,7 +289,7 @@ struct CMediaPlayer::Shared {
                 continue;  // the handler may have paused or stopped us
             }
             if (source) {
-                DecodeOne(self, std::move(source), movie, position, restart);
+                DecodeOne(self, std::move(source), movie, position, restart, drawWidth, drawHeight);
                 continue;
             }
             self->wake.WaitFor(waitMs);
@@ -327,8 +349,10 @@ void CMediaPlayer::Open(const char16_t* path, int32_t /*reserved*/, bool autoPla
         std::lock_guard<std::mutex> lock(m_shared->mutex);
         m_shared->loading = false;
         if (source) {
-            const size_t frameBytes =
-                static_cast<size_t>(source->Width()) * static_cast<size_t>(source->Height()) * 4;
+            // A frame ahead holds its decoded picture (about 1.5 bytes a pixel
+            // for the usual YUV) and its conversion (4 bytes a pixel at 1.0).
+            const size_t frameBytes = static_cast<size_t>(source->Width()) *
+                                      static_cast<size_t>(source->Height()) * 11 / 2;
             m_shared->ahead =
                 std::clamp(kAheadBytes / std::max<size_t>(frameBytes, 1), kLeastAhead, kMostAhead);
             m_shared->width = source->Width();
@@ -420,6 +444,12 @@ double CMediaPlayer::GetFrameRate() {
     return m_shared->hasMovie ? m_shared->fps : 0.0;
 }
 
+void CMediaPlayer::GetSizeOfMovie(int32_t* width, int32_t* height) {
+    std::lock_guard<std::mutex> lock(m_shared->mutex);
+    *width = m_shared->hasMovie ? m_shared->width : 0;
+    *height = m_shared->hasMovie ? m_shared->height : 0;
+}
+
 bool CMediaPlayer::GetSize(uint32_t* width, uint32_t* height) {
     uint32_t w = 0;
     uint32_t h = 0;
@@ -439,15 +469,25 @@ bool CMediaPlayer::GetSize(uint32_t* width, uint32_t* height) {
     return has;
 }
 
-std::shared_ptr<const DecodedFrame> CMediaPlayer::CurrentFrame() {
+std::shared_ptr<const DecodedFrame> CMediaPlayer::CurrentFrame(int32_t drawWidth,
+                                                               int32_t drawHeight) {
     std::lock_guard<std::mutex> lock(m_shared->mutex);
-    return m_shared->frames.empty() ? nullptr : m_shared->frames.front();
+    if (m_shared->frames.empty()) {
+        return nullptr;
+    }
+    // Frames decoded from now on are converted to the size drawn at last.
+    if (drawWidth > 0) {
+        m_shared->drawWidth = drawWidth;
+        m_shared->drawHeight = drawHeight;
+    }
+    return m_shared->frames.front();
 }
 
 bool CMediaPlayer::RenderToTexture(GLuint texture, uint32_t* width, uint32_t* height, IPBO* pbo) {
-    const std::shared_ptr<const DecodedFrame> frame = CurrentFrame();
-    const int32_t w = frame ? frame->picture->width : 0;
-    const int32_t h = frame ? frame->picture->height : 0;
+    int32_t w = 0;
+    int32_t h = 0;
+    GetSizeOfMovie(&w, &h);
+    const std::shared_ptr<const DecodedFrame> frame = CurrentFrame(w, h);
     if (width != nullptr) {
         *width = static_cast<uint32_t>(w);
     }
@@ -472,14 +512,17 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
     if (frame == nullptr || width == 0 || height == 0) {
         return;
     }
-    const std::shared_ptr<const DecodedFrame> shown = CurrentFrame();
-    if (!shown) {
-        return;
-    }
+    int32_t movieWidth = 0;
+    int32_t movieHeight = 0;
+    GetSizeOfMovie(&movieWidth, &movieHeight);
     int32_t scaledWidth = 0;
     int32_t scaledHeight = 0;
-    ScaledSize(shown->picture->width, shown->picture->height, scale, &scaledWidth, &scaledHeight);
+    ScaledSize(movieWidth, movieHeight, scale, &scaledWidth, &scaledHeight);
     if (scaledWidth == 0) {
+        return;
+    }
+    const std::shared_ptr<const DecodedFrame> shown = CurrentFrame(scaledWidth, scaledHeight);
+    if (!shown) {
         return;
     }
     if (width > INT32_MAX || height > INT32_MAX) {

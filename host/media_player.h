@@ -45,8 +45,10 @@ class CMediaPlayer final : public IFlashPlayer {
     struct Shared;
 
   private:
-    // The frame to show now (null without a movie).
-    std::shared_ptr<const DecodedFrame> CurrentFrame();
+    // The frame to show now (null without a movie), to be drawn at
+    // drawWidth x drawHeight: the size frames are converted to ahead.
+    std::shared_ptr<const DecodedFrame> CurrentFrame(int32_t drawWidth, int32_t drawHeight);
+    void GetSizeOfMovie(int32_t* width, int32_t* height);
     void StartThread();
 
     std::shared_ptr<Shared> m_shared;

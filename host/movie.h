@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ffmpeg_util.h"
 
@@ -21,8 +22,30 @@ inline constexpr size_t kMaxChunkBytes = size_t{64} << 20;
 // One frame as the decoder made it, in whatever pixel format it has (planar
 // YUV, with alpha or not; packed RGB; B, G, R, A for animated WebP); it is
 // converted for drawing only when drawn, to the size it is drawn at.
+// A frame converted for drawing: bottom-up B, G, R, A at width x height.
+struct ConvertedFrame {
+    int32_t width = 0;
+    int32_t height = 0;
+    std::vector<uint8_t> pixels;
+};
+
+// A libswscale context kept while the sizes and the format stay.
+struct FrameScaler {
+    SwsContextPtr context;
+    int32_t key[5] = {};  // from width, height, format; to width, height
+    uint32_t made = 0;    // contexts made so far
+};
+
+// Converts picture into *out at width x height in one libswscale pass
+// (bicubic). False when libswscale refuses.
+bool ConvertFrame(const AVFrame& picture, int32_t width, int32_t height, FrameScaler* scaler,
+                  ConvertedFrame* out);
+
 struct DecodedFrame {
     FramePtr picture;
+    // The player's thread converts each frame ahead, to the size drawn last,
+    // before it shares the frame; null when nothing was drawn yet.
+    std::shared_ptr<const ConvertedFrame> converted;
     // When the frame gives way to the next one, in milliseconds from the start
     // of its pass; strictly increasing within a pass. A pass's last frame's
     // end is the pass's length.
