@@ -12,6 +12,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -25,6 +27,7 @@
 #include "common/scratch_files.h"
 #include "lumets/host/flash_player.h"
 #include "lumets/host/gl_objects.h"
+#include "lumets/lumets.h"
 #include "lumets/time_source.h"
 
 namespace lumets::test {
@@ -55,6 +58,7 @@ uint8_t AlphaAt(int64_t x, int64_t y, bool half) {
 
 class MediaFiles : public ::testing::Environment {
   public:
+    std::string Path8(const std::string& name) const { return m_dir.File(name); }
     std::u16string Path16(const std::string& name) const {
         const std::string path = m_dir.File(name);
         return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
@@ -80,6 +84,14 @@ class MediaFiles : public ::testing::Environment {
             "[p];[b][p]paletteuse=dither=none' -c:v gif -loop 0 anim.gif");
         make("10 -i cut.bgra -c:v libx264 -pix_fmt yuv420p -qp 0 movie.mp4");
         make("50 -i half.bgra -c:v apng -plays 0 -f apng fast.apng");
+        // A minute of 1920 x 1080 at 5 fps whose frames show their numbers in
+        // nine bars across, white for a 1 bit (the lowest on the left).
+        ASSERT_TRUE(RunCommand(
+            "cd " + Quote(m_dir.Path().string()) +
+            " && ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i "
+            "\"nullsrc=s=18x2:r=5:d=60,format=gray,geq=lum='if(mod(floor(N/pow(2,floor(X/2))),2),"
+            "235,16)',scale=1920:1080:flags=neighbor\" -c:v libx264 -preset ultrafast "
+            "-pix_fmt yuv420p -movflags +faststart long.mp4"));
         std::vector<uint8_t> garbage(4096);
         std::generate(garbage.begin(), garbage.end(), std::minstd_rand(12345));
         // The header of a compressed Flash movie, followed by noise.
@@ -547,6 +559,124 @@ TEST(PlayerThreads, RenderingWhileAnotherThreadControlsThePlayer) {
     controller.join();
     done = true;
     renderer.join();
+}
+
+// Streaming: a movie of any length plays at bounded memory, and nothing that
+// draws waits for its decoding.
+
+// The process's resident memory in KiB: now, or the most since ResetPeak.
+long StatusKiB(const std::string& field) {
+    const std::vector<uint8_t> bytes = ReadBytes("/proc/self/status");
+    const std::string status(bytes.begin(), bytes.end());
+    const size_t at = status.find(field + ":");
+    return at == std::string::npos ? 0 : std::atol(status.c_str() + at + field.size() + 1);
+}
+
+// The number the long movie's frame shows, read from its bars in a 1080p
+// host frame (-1 when a bar is neither white nor black).
+int FrameNumber(const HostFrame& frame) {
+    int number = 0;
+    for (int bit = 0; bit < 9; ++bit) {
+        const uint8_t grey = frame.At(1920 * (2 * bit + 1) / 18, 540)[1];
+        if (grey > 80 && grey < 176) {
+            return -1;
+        }
+        number |= grey >= 176 ? 1 << bit : 0;
+    }
+    return number;
+}
+
+// Every frame of a minute of full HD at its time, then the pass's end at the
+// minute and the first frame again; memory stays at a few frames.
+TEST_F(MediaPlayerTest, AMinuteOfFullHdPlaysEveryFrameAtItsTime) {
+    std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from now
+    const long before = StatusKiB("VmRSS");
+    IFlashPlayer* player = Open("long.mp4", /*autoPlay=*/true);
+    uint32_t width = 0, height = 0;
+    ASSERT_TRUE(player->GetSize(&width, &height));
+    ASSERT_EQ(width, 1920u);
+    HostFrame frame(1920, 1080);
+    const RECT band{0, 530, 1920, 550};  // only the bars' middle is blended
+    for (int i = 0; i < 300; ++i) {
+        AdvanceBy(i == 0 ? 100 : 200);  // the middle of frame i
+        m_player->RenderToFrame(frame.bytes.data(), 1920, 1080, &band, nullptr, 1.f);
+        ASSERT_EQ(FrameNumber(frame), i) << "at " << MonotonicMs() << " ms";
+    }
+    AdvanceBy(200);
+    m_player->RenderToFrame(frame.bytes.data(), 1920, 1080, &band, nullptr, 1.f);
+    EXPECT_EQ(FrameNumber(frame), 0);
+    EXPECT_EQ(m_recorder.Ends(), std::vector<uint64_t>{60000});
+#if !defined(__SANITIZE_ADDRESS__)  // its quarantine keeps what was freed
+    // The whole movie decoded would be 2.4 GB; a few frames are 10 MB each.
+    EXPECT_LT(StatusKiB("VmHWM") - before, 128 * 1024);
+#endif
+}
+
+// A file cut short plays its frames and loops; a file replaced by noise while
+// it plays holds its last frame and goes on ending passes: no stall, no crash.
+TEST_F(MediaPlayerTest, BrokenAndReplacedFilesPlayWhatTheyCan) {
+    std::vector<uint8_t> bytes = ReadBytes(g_files->Path8("long.mp4"));
+    bytes.resize(bytes.size() / 2);
+    ASSERT_TRUE(WriteBytes(g_files->Path8("half.mp4"), bytes));
+    Open("half.mp4", /*autoPlay=*/true);
+    HostFrame frame(1920, 1080);
+    const RECT band{0, 530, 1920, 550};
+    AdvanceBy(20000);
+    m_player->RenderToFrame(frame.bytes.data(), 1920, 1080, &band, nullptr, 1.f);
+    EXPECT_GT(FrameNumber(frame), 0);
+    AdvanceBy(100000);
+    ASSERT_EQ(m_recorder.Ends().size(), 2u);  // paused at its second end
+    EXPECT_LT(m_recorder.Ends()[0], 60000u);
+
+    ASSERT_TRUE(
+        WriteBytes(g_files->Path8("replaced.apng"), ReadBytes(g_files->Path8("anim.apng"))));
+    m_recorder.endsMs.clear();
+    m_recorder.pauseAfter = 4;
+    Open("replaced.apng", /*autoPlay=*/true);
+    AdvanceBy(300);
+    std::vector<uint8_t> noise(4096, 0x5A);
+    ASSERT_TRUE(WriteBytes(g_files->Path8("replaced.apng"), noise));
+    AdvanceBy(1700);
+    EXPECT_EQ(m_recorder.Ends().size(), 4u);
+    EXPECT_GE(ShownFrame(), 0);
+}
+
+// AddSubtitle of a subtitle with a full HD movie returns soon, and a render
+// thread drawing at 60 fps meanwhile never waits long for the manager.
+TEST(PlayerStreaming, AddingAMovieNeverStallsDrawing) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr double kSlowdown = 6;
+#else
+    constexpr double kSlowdown = 1;
+#endif
+    const auto bound = std::chrono::milliseconds(static_cast<int>(150 * kSlowdown));
+    SwfPart swf{};
+    const std::u16string path = g_files->Path16("long.mp4");
+    std::copy(path.begin(), path.end(), swf.szPath);
+    swf.rcClip = RECT{0, 0, 320, 180};
+    const ItemDescription item{&swf, nullptr, nullptr, 0, {}};
+    ILumetManager* manager = CreateLumetManager();
+    std::atomic<bool> done{false};
+    std::chrono::steady_clock::duration worst{};
+    std::thread render([&] {
+        std::vector<uint8_t> frame(size_t{1920} * 3 * 1080);
+        while (!done) {
+            const auto start = std::chrono::steady_clock::now();
+            manager->DrawToBuffer(frame.data(), 1920, 1080, 1.f);
+            worst = std::max(worst, std::chrono::steady_clock::now() - start);
+            std::this_thread::sleep_for(std::chrono::milliseconds(16));
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto start = std::chrono::steady_clock::now();
+    manager->AddSubtitle(u"movie", u"g", &item, 1, 0, 0, false, 0);
+    const auto adding = std::chrono::steady_clock::now() - start;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    done = true;
+    render.join();
+    DeleteLumetManager(manager);
+    EXPECT_LT(adding, bound);
+    EXPECT_LT(worst, bound);
 }
 
 }  // namespace
