@@ -590,7 +590,7 @@ int FrameNumber(const HostFrame& frame) {
 // minute and the first frame again; memory stays at a few frames.
 TEST_F(MediaPlayerTest, AMinuteOfFullHdPlaysEveryFrameAtItsTime) {
     std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from now
-    const long before = StatusKiB("VmRSS");
+    [[maybe_unused]] const long before = StatusKiB("VmRSS");
     IFlashPlayer* player = Open("long.mp4", /*autoPlay=*/true);
     uint32_t width = 0, height = 0;
     ASSERT_TRUE(player->GetSize(&width, &height));
