@@ -24,6 +24,10 @@ CVirtualSceneManager::~CVirtualSceneManager() {
 }
 
 void CVirtualSceneManager::OpenScene(const char16_t* path, int32_t) {
+    // Opened before the lock that rendering takes; the Open below finds it.
+    if (path != nullptr && platform::PathFileExists(path)) {
+        host::PrepareMovie(path);
+    }
     CAutoLock lock(&m_lock);
     IFlashPlayer* player = m_flashPlayer.load();
     if (player == nullptr) {
