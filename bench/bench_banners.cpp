@@ -10,8 +10,8 @@
 
 #include "alloc_counter.h"
 #include "bench_fixtures.h"
-#include "image/pixel_ops.h"
 #include "lumets/weird_subtitle_manager.h"
+#include "lumets_common/pixel_ops.h"
 
 namespace {
 

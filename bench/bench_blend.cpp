@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "image/pixel_kernels.h"
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_kernels.h"
+#include "lumets_common/pixel_ops.h"
 
 namespace lumets {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "alloc_counter.h"
 #include "bench_fixtures.h"
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_ops.h"
 #include "subtitle/lumet.h"
 
 namespace {

@@ -11,8 +11,8 @@
 
 #include "alloc_counter.h"
 #include "bench_fixtures.h"
-#include "image/pixel_ops.h"
 #include "lumets/host/headless_gl.h"
+#include "lumets_common/pixel_ops.h"
 #include "manager/lumet_manager.h"
 
 namespace {

@@ -14,9 +14,9 @@
 
 #include "alloc_counter.h"
 #include "bench_fixtures.h"
-#include "image/pixel_ops.h"
 #include "lumets/host/flash_player.h"
 #include "lumets/time_source.h"
+#include "lumets_common/pixel_ops.h"
 #include "subtitle/subtitle_background.h"
 #include "text/text_renderer.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "image/image_loader.h"
-#include "image/picture_limits.h"
+#include "lumets_common/picture_limits.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "image/pixel_ops.h"
 #include "lumets/time_source.h"
+#include "lumets_common/pixel_ops.h"
 #include "manager/lumet_manager.h"
 
 namespace {

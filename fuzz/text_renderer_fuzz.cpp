@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "image/picture_limits.h"
+#include "lumets_common/picture_limits.h"
 #include "text/text_renderer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -10,7 +10,7 @@ extern "C" {
 #include <cstdio>
 #include <memory>
 
-#include "image/av_handles.h"
+#include "lumets_common/av_handles.h"
 
 namespace lumets::host {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "image/ffmpeg_quiet.h"
-#include "image/pixel_ops.h"
-#include "image/scaled_composite.h"
+#include "lumets_common/ffmpeg_quiet.h"
+#include "lumets_common/pixel_ops.h"
+#include "lumets_common/scaled_composite.h"
 
 namespace lumets::host {
 namespace {

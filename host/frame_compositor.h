@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "ffmpeg_util.h"
-#include "image/picture.h"
-#include "image/scaled_composite.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
+#include "lumets_common/scaled_composite.h"
 #include "movie.h"
 
 namespace lumets::host {

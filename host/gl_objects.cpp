@@ -8,8 +8,8 @@
 #include <mutex>
 #include <new>
 
-#include "gl/gl_util.h"
 #include "host_guard.h"
+#include "lumets_common/gl_util.h"
 
 using lumets::GlDrainErrors;
 using lumets::GlHasCurrentContext;

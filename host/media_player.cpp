@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "image/scaled_composite.h"
 #include "lumets/time_source.h"
+#include "lumets_common/scaled_composite.h"
 #include "lumets_platform/event.h"
 #include "lumets_platform/utf16.h"
 

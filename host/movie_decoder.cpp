@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "ffmpeg_util.h"
-#include "image/ffmpeg_quiet.h"
+#include "lumets_common/ffmpeg_quiet.h"
 #include "movie.h"
 
 extern "C" {

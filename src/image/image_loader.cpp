@@ -5,10 +5,10 @@
 #include <string>
 #include <string_view>
 
-#include "image/av_handles.h"
-#include "image/ffmpeg_quiet.h"
-#include "image/picture_limits.h"
 #include "image/resources.h"
+#include "lumets_common/av_handles.h"
+#include "lumets_common/ffmpeg_quiet.h"
+#include "lumets_common/picture_limits.h"
 #include "lumets_platform/file.h"
 #include "lumets_platform/utf16.h"
 

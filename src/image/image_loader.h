@@ -21,7 +21,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "image/picture.h"
+#include "lumets_common/picture.h"
 
 namespace lumets {
 

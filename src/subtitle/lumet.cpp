@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <string>
 
-#include "image/picture_limits.h"
 #include "lumets/time_source.h"
+#include "lumets_common/picture_limits.h"
 #include "lumets_platform/debug_output.h"
 #include "lumets_platform/geometry.h"
 #include "lumets_platform/utf16.h"
@@ -22,7 +22,7 @@ LayerMotion MotionOf(const Part& part) {
     motion.clip = platform::NormalizeRect(part.rcClip);
     motion.origin = POINT{part.x, part.y};
     motion.pos = motion.origin;
-    motion.direction = part.nDirection;
+    motion.direction = ToHeading(part.nDirection);
     motion.step = StepFromSpeed(part.nSpeed);
     motion.wrap = part.bWrap != 0;
     return motion;

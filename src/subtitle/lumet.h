@@ -51,8 +51,8 @@ struct LayerMotion {
     POINT origin{};
     RECT clip{};  // in order: left <= right, top <= bottom
     POINT pos{};
-    int32_t direction = 0;  // ScrollDirection code; others stand still
-    float step = 0.0f;      // pixels per 33 ms frame
+    Heading direction = Heading::None;
+    float step = 0.0f;  // pixels per 33 ms frame
     bool wrap = false;
 };
 
@@ -112,7 +112,7 @@ class CLumet : public CFlashPlayerEventHandler {
     // layer's origin, and layers moving in lock step move as one block.
     void StepWithin(LayerMotion& layer, SIZE own, bool otherShows, const LayerMotion& flash,
                     SIZE movie, const LayerMotion& text, SIZE textSize);
-    void AdvancePosition(POINT& pos, float step, int32_t direction, const RECT& clip, SIZE extent,
+    void AdvancePosition(POINT& pos, float step, Heading direction, const RECT& clip, SIZE extent,
                          bool wrap);
     bool IsFlashScrolling();
     bool IsTextScrolling();

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "image/picture.h"
-#include "image/picture_limits.h"
+#include "lumets_common/picture.h"
+#include "lumets_common/picture_limits.h"
 #include "lumets_platform/geometry.h"
 #include "subtitle/lumet.h"
 

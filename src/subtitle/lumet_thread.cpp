@@ -7,8 +7,8 @@
 #include <cmath>
 #include <limits>
 
-#include "image/picture_limits.h"
 #include "lumets/time_source.h"
+#include "lumets_common/picture_limits.h"
 #include "lumets_platform/debug_output.h"
 #include "lumets_platform/geometry.h"
 #include "subtitle/lumet.h"
@@ -17,15 +17,12 @@ namespace lumets {
 
 namespace {
 
-bool IsMoving(int32_t direction) {
-    return direction >= 1 && direction <= 4;
-}
-
 // Both layers in one direction at one speed move as a block: each measures
 // against the box around both at their origins, seen from its own origin.
 bool InLockStep(const LayerMotion& flash, const LayerMotion& text) {
-    return flash.direction == text.direction && flash.direction != 0 && flash.direction != 5 &&
-           std::fabs(flash.step - text.step) < 1e-5f && flash.step != 0.0f;
+    return flash.direction == text.direction && flash.direction != Heading::None &&
+           flash.direction != Heading::Five && std::fabs(flash.step - text.step) < 1e-5f &&
+           flash.step != 0.0f;
 }
 
 SIZE BlockExtent(const LayerMotion& flash, SIZE flashSize, const LayerMotion& text, SIZE textSize,
@@ -48,14 +45,14 @@ RECT WidenedTo(const RECT& clip, POINT origin) {
 
 // Positions saturate at the int32 range rather than wrap: a hostile clip at
 // INT_MIN or INT_MAX pins the layer at the edge instead of overflowing.
-void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SIZE extent,
+void MovePosition(POINT& pos, int32_t n, Heading direction, const RECT& clip, SIZE extent,
                   bool wrap) {
     const int64_t w = extent.cx;
     const int64_t h = extent.cy;
     int64_t x = pos.x;
     int64_t y = pos.y;
     switch (direction) {
-        case 1:
+        case Heading::Right:
             x += n;
             if (x < clip.left - w) {
                 x = clip.left - w;
@@ -64,7 +61,7 @@ void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SI
                 x = clip.left - w;
             }
             break;
-        case 2:
+        case Heading::Left:
             x -= n;
             if (x > clip.right) {
                 x = clip.right;
@@ -73,7 +70,7 @@ void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SI
                 x = clip.right;
             }
             break;
-        case 3:
+        case Heading::Down:
             y += n;
             if (y < clip.top - h) {
                 y = clip.top - h;
@@ -82,7 +79,7 @@ void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SI
                 y = clip.top - h;
             }
             break;
-        case 4:
+        case Heading::Up:
             y -= n;
             if (y > clip.bottom) {
                 y = clip.bottom;
@@ -97,17 +94,17 @@ void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SI
     pos = POINT{SaturateToInt32(x), SaturateToInt32(y)};
 }
 
-bool IsScrollFinished(POINT pos, float step, int32_t direction, const RECT& clip, SIZE extent,
+bool IsScrollFinished(POINT pos, float step, Heading direction, const RECT& clip, SIZE extent,
                       bool wrap) {
     if (!(step > 1e-7f) || !IsMoving(direction) || extent.cx == 0 || extent.cy == 0 || wrap) {
         return false;
     }
     switch (direction) {
-        case 1:
+        case Heading::Right:
             return pos.x >= clip.right;
-        case 2:
+        case Heading::Left:
             return int64_t{pos.x} <= int64_t{clip.left} - extent.cx;
-        case 3:
+        case Heading::Down:
             return pos.y >= clip.bottom;
         default:
             return int64_t{pos.y} <= int64_t{clip.top} - extent.cy;
@@ -125,7 +122,7 @@ int32_t TakeWholePixels(float& remainder, float step) {
     return n;
 }
 
-void CLumet::AdvancePosition(POINT& pos, float step, int32_t direction, const RECT& clip,
+void CLumet::AdvancePosition(POINT& pos, float step, Heading direction, const RECT& clip,
                              SIZE extent, bool wrap) {
     if (!(step > 1e-5f) || extent.cx == 0 || extent.cy == 0) {
         return;
@@ -139,13 +136,13 @@ void CLumet::AdvancePosition(POINT& pos, float step, int32_t direction, const RE
 bool CLumet::IsFlashScrolling() {
     CAutoLock lock(&m_playerLock);
     CAutoLock flashLock(&m_flashLock);
-    return m_player != nullptr && m_flash.direction != 0 && m_flash.step > 0.0f;
+    return m_player != nullptr && m_flash.direction != Heading::None && m_flash.step > 0.0f;
 }
 
 bool CLumet::IsTextScrolling() {
     CAutoLock lock(&m_textLock);
     CAutoLock posLock(&m_textPosLock);
-    return m_textRenderer != nullptr && m_text.direction != 0 && m_text.step > 0.0f;
+    return m_textRenderer != nullptr && m_text.direction != Heading::None && m_text.step > 0.0f;
 }
 
 bool CLumet::IsCountedByPlayer() {
@@ -239,8 +236,9 @@ void CLumet::StepTextLayer() {
         }
         uint32_t w = 0;
         uint32_t h = 0;
-        if (m_player && m_player->IsPlaying() && flash.step != 0.0f && flash.direction != 0 &&
-            flash.direction != 5 && m_player->GetSize(&w, &h)) {
+        if (m_player && m_player->IsPlaying() && flash.step != 0.0f &&
+            flash.direction != Heading::None && flash.direction != Heading::Five &&
+            m_player->GetSize(&w, &h)) {
             movie = SIZE{SaturateToInt32(w), SaturateToInt32(h)};
         }
     }

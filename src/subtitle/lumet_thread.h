@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "lumets/win_types.h"
+#include "subtitle/lumet_types.h"
 
 namespace lumets {
 
@@ -18,10 +19,10 @@ float StepFromSpeed(uint32_t speed);
 int32_t TakeWholePixels(float& remainder, float step);
 // Moves pos by n whole pixels in direction (1 right, 2 left, 3 down, 4 up),
 // clamped at the side it enters from and wrapped back to it when wrap is set.
-void MovePosition(POINT& pos, int32_t n, int32_t direction, const RECT& clip, SIZE extent,
+void MovePosition(POINT& pos, int32_t n, Heading direction, const RECT& clip, SIZE extent,
                   bool wrap);
 // Whether a layer moving by step in direction has left its clip for good.
-bool IsScrollFinished(POINT pos, float step, int32_t direction, const RECT& clip, SIZE extent,
+bool IsScrollFinished(POINT pos, float step, Heading direction, const RECT& clip, SIZE extent,
                       bool wrap);
 
 }  // namespace lumets

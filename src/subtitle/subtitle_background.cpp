@@ -6,10 +6,10 @@
 #include <utility>
 
 #include "image/image_loader.h"
-#include "image/picture_limits.h"
-#include "image/pixel_ops.h"
 #include "image/resources.h"
-#include "image/scaled_composite.h"
+#include "lumets_common/picture_limits.h"
+#include "lumets_common/pixel_ops.h"
+#include "lumets_common/scaled_composite.h"
 
 namespace lumets {
 namespace {

@@ -16,10 +16,10 @@
 
 #include <cstdint>
 
-#include "image/picture.h"
-#include "image/scaled_composite.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
+#include "lumets_common/scaled_composite.h"
 
 namespace lumets {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "image/picture.h"
+#include "lumets_common/picture.h"
 
 namespace lumets {
 

@@ -33,15 +33,16 @@ float Finite(float value) {
     return std::isfinite(value) ? value : 0.0f;
 }
 
-PangoAlignment PangoAlign(int32_t align) {
+PangoAlignment PangoAlign(Align align) {
     switch (align) {
-        case 1:
+        case Align::Centre:
             return PANGO_ALIGN_CENTER;
-        case 2:
+        case Align::Far:
             return PANGO_ALIGN_RIGHT;
-        default:
-            return PANGO_ALIGN_LEFT;  // "near", also for unknown values
+        case Align::Near:
+            break;
     }
+    return PANGO_ALIGN_LEFT;
 }
 
 }  // namespace
@@ -192,7 +193,11 @@ std::vector<std::string> SplitLines(const std::string& text) {
 }  // namespace
 
 StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
-    : m_style(style), m_vertical(style.vertical != 0), m_empty(text.empty()) {
+    : m_style(style),
+      m_horizontalAlign(ToAlign(style.horizontalAlign)),
+      m_verticalAlign(ToAlign(style.verticalAlign)),
+      m_vertical(style.vertical != 0),
+      m_empty(text.empty()) {
     m_utf8 = platform::U16ToUtf8(text.data(), text.size());
     m_emPixels = EmSizePixels(style.fontSize);
 
@@ -248,7 +253,7 @@ StyledLayout::StyledLayout(const std::u16string& text, const TextStyle& style)
     } else {
         // Along a line: near, centre or far; across lines the block always
         // starts at the top edge (see MoveTo).
-        pango_layout_set_alignment(layout, PangoAlign(style.horizontalAlign));
+        pango_layout_set_alignment(layout, PangoAlign(m_horizontalAlign));
     }
     pango_layout_set_attributes(layout, attributes.get());
 
@@ -400,18 +405,18 @@ void StyledLayout::Layout(RectF* layoutRect, BitmapSize* size) {
             if (dW >= 1.0f) {
                 dW -= 1.0f;
             }
-            if (m_style.verticalAlign == 1) {
+            if (m_verticalAlign == Align::Centre) {
                 r.y -= dH * 0.5f;
-            } else if (m_style.verticalAlign == 2) {
+            } else if (m_verticalAlign == Align::Far) {
                 r.y -= dH;
             }
         } else {
             if (dH >= 1.0f) {
                 dH -= 1.0f;
             }
-            if (m_style.horizontalAlign == 1) {
+            if (m_horizontalAlign == Align::Centre) {
                 r.x -= dW * 0.5f;
-            } else if (m_style.horizontalAlign == 2) {
+            } else if (m_horizontalAlign == Align::Far) {
                 r.x -= dW;
             }
         }
@@ -466,9 +471,9 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
         // where one layout of the whole text would put it. Pieces of a long
         // line follow each other from where their whole line is placed.
         const double width = Box(m_blocks).width;
-        const double alignment = m_style.horizontalAlign == 1   ? 0.5
-                                 : m_style.horizontalAlign == 2 ? 1.0
-                                                                : 0.0;
+        const double alignment = m_horizontalAlign == Align::Centre ? 0.5
+                                 : m_horizontalAlign == Align::Far  ? 1.0
+                                                                    : 0.0;
         for (const Block& block : m_blocks) {
             paintAt(block, x + (width - block.lineWidth) * alignment + block.x, y + block.y,
                     block.width);
@@ -479,9 +484,9 @@ void StyledLayout::ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) con
     double columnRight = x + rect.width - m_emptyLine;
     for (const Column& column : m_columns) {
         const double slack = rect.height - ColumnHeight(column);
-        const double along = m_style.verticalAlign == 1   ? slack / 2
-                             : m_style.verticalAlign == 2 ? slack
-                                                          : 0.0;
+        const double along = m_verticalAlign == Align::Centre ? slack / 2
+                             : m_verticalAlign == Align::Far  ? slack
+                                                              : 0.0;
         for (const Block& block : column.blocks) {
             paintAt(block, columnRight - columnWidth, y + along + block.y, columnWidth);
         }

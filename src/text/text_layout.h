@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "image/picture_limits.h"
 #include "lumets/text_style.h"
+#include "lumets_common/picture_limits.h"
 #include "text/pango_handles.h"
 
 namespace lumets {
@@ -44,6 +44,14 @@ double EmSizePixels(int32_t fontSize);
 // across lines, both sides made even, clamped to kMaxPictureSide and to
 // kMaxPicturePixels in all. Non-finite boxes count as 0.
 BitmapSize BitmapSizeFor(float boxWidth, float boxHeight, int32_t fontSize, bool vertical);
+
+// An alignment code of the text style (0 near, 1 centre, 2 far) as the
+// layout uses it; unknown codes are near, as 0 is.
+enum class Align : uint8_t { Near, Centre, Far };
+
+constexpr Align ToAlign(int32_t code) {
+    return code == 1 ? Align::Centre : code == 2 ? Align::Far : Align::Near;
+}
 
 // A Pango layout set up for one style. Owns its objects; use under the font
 // system's lock.
@@ -130,6 +138,8 @@ class StyledLayout {
     void ForEachBlock(cairo_t* cr, const RectF& rect, Paint paint) const;
 
     TextStyle m_style;
+    Align m_horizontalAlign = Align::Near;  // the style's codes, read once
+    Align m_verticalAlign = Align::Near;
     bool m_vertical = false;
     bool m_empty = true;
     double m_emPixels = 0;

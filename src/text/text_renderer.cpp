@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
-#include "image/pixel_ops.h"
-#include "image/scaled_composite.h"
+#include "lumets_common/pixel_ops.h"
+#include "lumets_common/scaled_composite.h"
 #include "text/cairo_handles.h"
 #include "text/font_system.h"
 #include "text/outline_raster.h"

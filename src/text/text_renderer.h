@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <string>
 
-#include "image/picture.h"
-#include "image/scaled_composite.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
+#include "lumets_common/scaled_composite.h"
 #include "lumets_platform/lock.h"
 
 namespace lumets {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "image/picture_limits.h"
+#include "lumets_common/picture_limits.h"
 #include "text/text_renderer.h"
 
 namespace lumets {

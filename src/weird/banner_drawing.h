@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "image/picture.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
 
 namespace lumets {
 

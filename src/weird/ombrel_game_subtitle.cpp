@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "image/image_loader.h"
-#include "image/picture_limits.h"
-#include "image/pixel_ops.h"
+#include "lumets_common/picture_limits.h"
+#include "lumets_common/pixel_ops.h"
 #include "weird/banner_drawing.h"
 
 namespace lumets {

@@ -12,11 +12,11 @@
 
 #include <memory>
 
-#include "image/picture.h"
-#include "image/scaled_composite.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
+#include "lumets_common/scaled_composite.h"
 #include "text/text_renderer.h"
 
 namespace lumets {

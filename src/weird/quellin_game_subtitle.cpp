@@ -1,7 +1,7 @@
 #include "weird/quellin_game_subtitle.h"
 
 #include "image/image_loader.h"
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_ops.h"
 #include "weird/banner_drawing.h"
 
 namespace lumets {

@@ -7,9 +7,9 @@
 #include <array>
 #include <memory>
 
-#include "image/picture.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
 #include "text/text_renderer.h"
 
 namespace lumets {

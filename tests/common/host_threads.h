@@ -14,9 +14,9 @@
 #include <utility>
 #include <vector>
 
-#include "image/picture.h"
 #include "lumets/host/headless_gl.h"
 #include "lumets/lumet_manager.h"
+#include "lumets_common/picture.h"
 
 namespace lumets::test {
 

@@ -18,14 +18,14 @@
 #include <vector>
 
 #include "common/scratch_files.h"
-#include "image/av_handles.h"
 #include "image/image_loader.h"
-#include "image/picture_limits.h"
-#include "image/pixel_ops.h"
-#include "image/scaled_composite.h"
 #include "log/log_config.h"
 #include "log/logger.h"
 #include "lumets/time_source.h"
+#include "lumets_common/av_handles.h"
+#include "lumets_common/picture_limits.h"
+#include "lumets_common/pixel_ops.h"
+#include "lumets_common/scaled_composite.h"
 #include "lumets_platform/utf16.h"
 #include "manager/lumet_manager.h"
 #include "subtitle/subtitle_background.h"

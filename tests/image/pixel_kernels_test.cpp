@@ -11,7 +11,7 @@
 #include <random>
 #include <vector>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 namespace lumets {
 namespace {

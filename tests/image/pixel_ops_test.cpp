@@ -1,7 +1,7 @@
 // Pictures and buffers, clamping, and the rectangle operations' geometry and
 // pixel rule. Geometry and guard tests run with every kernel table, since each
 // table has its own row loops.
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_ops.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 namespace lumets {
 namespace {

@@ -1,8 +1,8 @@
 // The scaled, clipped composite of a 32-bit picture into a 24-bit frame,
 // checked byte for byte.
-#include "image/scaled_composite.h"
+#include "lumets_common/scaled_composite.h"
 
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_ops.h"
 
 #include <gtest/gtest.h>
 

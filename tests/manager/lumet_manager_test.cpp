@@ -26,8 +26,8 @@
 #include "common/host_threads.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
-#include "image/pixel_ops.h"
 #include "lumets/time_source.h"
+#include "lumets_common/pixel_ops.h"
 
 namespace lumets {
 namespace {

@@ -14,9 +14,9 @@
 #include "common/golden.h"
 #include "common/recording_combiner.h"
 #include "common/scratch_files.h"
-#include "image/pixel_ops.h"
 #include "lumets/host/gpu_combiner.h"
 #include "lumets/time_source.h"
+#include "lumets_common/pixel_ops.h"
 #include "subtitle/lumet.h"
 
 namespace lumets {

@@ -103,20 +103,20 @@ TEST(LumetMotion, StepsMovesAndEnds) {
     const RECT clip{0, 0, 400, 50};
     const SIZE extent{100, 20};
     POINT pos{900, 0};
-    MovePosition(pos, 1, 2, clip, extent, false);
+    MovePosition(pos, 1, Heading::Left, clip, extent, false);
     EXPECT_EQ(pos.x, 400);  // enters from just outside the right side
     pos.x = -99;
-    EXPECT_FALSE(IsScrollFinished(pos, 1, 2, clip, extent, false));
-    MovePosition(pos, 1, 2, clip, extent, false);
+    EXPECT_FALSE(IsScrollFinished(pos, 1, Heading::Left, clip, extent, false));
+    MovePosition(pos, 1, Heading::Left, clip, extent, false);
     EXPECT_EQ(pos.x, -100);
-    EXPECT_TRUE(IsScrollFinished(pos, 1, 2, clip, extent, false));
+    EXPECT_TRUE(IsScrollFinished(pos, 1, Heading::Left, clip, extent, false));
     pos.x = -99;
-    MovePosition(pos, 1, 2, clip, extent, true);
+    MovePosition(pos, 1, Heading::Left, clip, extent, true);
     EXPECT_EQ(pos.x, 400);  // wraps, and never finishes
-    EXPECT_FALSE(IsScrollFinished(POINT{-500, 0}, 1, 2, clip, extent, true));
+    EXPECT_FALSE(IsScrollFinished(POINT{-500, 0}, 1, Heading::Left, clip, extent, true));
     // Hostile clips saturate instead of overflowing.
     pos = POINT{INT32_MIN + 1, 0};
-    MovePosition(pos, 50, 2, RECT{INT32_MIN, 0, INT32_MAX, 10}, extent, false);
+    MovePosition(pos, 50, Heading::Left, RECT{INT32_MIN, 0, INT32_MAX, 10}, extent, false);
     EXPECT_EQ(pos.x, INT32_MIN);
 }
 

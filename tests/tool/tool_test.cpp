@@ -14,7 +14,7 @@
 #include "common/golden.h"
 #include "common/scratch_files.h"
 #include "image/image_loader.h"
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_ops.h"
 
 namespace lumets {
 namespace {

@@ -15,8 +15,8 @@
 #include "common/golden.h"
 #include "common/scratch_files.h"
 #include "image/image_loader.h"
-#include "image/pixel_ops.h"
 #include "lumets/host/gl_objects.h"
+#include "lumets_common/pixel_ops.h"
 #include "text/text_renderer.h"
 #include "weird/weird_subtitle_manager.h"
 

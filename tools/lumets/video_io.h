@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "av_handles.h"
 #include "files.h"
+#include "lumets_common/av_handles.h"
 
 namespace lumets::tool {
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "image/picture.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
 
 namespace lumets {
 

@@ -24,7 +24,7 @@
 
 #include <cstring>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 #define LUMETS_AVX2 __attribute__((target("avx2")))
 #define LUMETS_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline

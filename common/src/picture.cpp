@@ -1,4 +1,4 @@
-#include "image/picture.h"
+#include "lumets_common/picture.h"
 
 #include <new>
 

@@ -1,4 +1,4 @@
-#include "image/scaled_composite.h"
+#include "lumets_common/scaled_composite.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,10 +7,10 @@
 
 #include <utility>
 
-#include "image/av_handles.h"
-#include "image/ffmpeg_quiet.h"
-#include "image/picture_limits.h"
-#include "image/pixel_ops.h"
+#include "lumets_common/av_handles.h"
+#include "lumets_common/ffmpeg_quiet.h"
+#include "lumets_common/picture_limits.h"
+#include "lumets_common/pixel_ops.h"
 #include "lumets_platform/geometry.h"
 
 namespace lumets {

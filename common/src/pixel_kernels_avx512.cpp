@@ -12,7 +12,7 @@
 
 #include <array>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 #define LUMETS_AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi")))
 #define LUMETS_AVX512_INLINE \

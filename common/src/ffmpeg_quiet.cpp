@@ -1,4 +1,4 @@
-#include "image/ffmpeg_quiet.h"
+#include "lumets_common/ffmpeg_quiet.h"
 
 #include <cstdarg>
 #include <mutex>

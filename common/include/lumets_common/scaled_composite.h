@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
-#include "image/av_handles.h"
-#include "image/picture.h"
-#include "image/picture_limits.h"
 #include "lumets/win_types.h"
+#include "lumets_common/av_handles.h"
+#include "lumets_common/picture.h"
+#include "lumets_common/picture_limits.h"
 
 namespace lumets {
 

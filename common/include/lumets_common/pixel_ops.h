@@ -12,8 +12,8 @@
 
 #include <cstdint>
 
-#include "image/picture.h"
 #include "lumets/win_types.h"
+#include "lumets_common/picture.h"
 
 namespace lumets {
 

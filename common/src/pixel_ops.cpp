@@ -1,6 +1,6 @@
 // Buffer sizing, rectangle clipping and row pairing; the per-row work is done
 // by the kernel table of pixel_kernels.h.
-#include "image/pixel_ops.h"
+#include "lumets_common/pixel_ops.h"
 
 #include <cstddef>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 namespace lumets {
 namespace {

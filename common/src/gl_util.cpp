@@ -1,4 +1,4 @@
-#include "gl/gl_util.h"
+#include "lumets_common/gl_util.h"
 
 #include <cstdio>
 

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 #define LUMETS_SSE41 __attribute__((target("sse4.1")))
 #define LUMETS_SSE41_INLINE __attribute__((target("sse4.1"), always_inline)) inline

@@ -2,7 +2,7 @@
 // variants must produce exactly these bytes.
 #include <cstring>
 
-#include "image/pixel_kernels.h"
+#include "lumets_common/pixel_kernels.h"
 
 namespace lumets {
 namespace {
