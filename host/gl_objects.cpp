@@ -9,76 +9,29 @@
 #include <new>
 
 #include "host_guard.h"
+#include "lumets_common/gl_owners.h"
 #include "lumets_common/gl_util.h"
 
 using lumets::GlDrainErrors;
 using lumets::GlHasCurrentContext;
 using lumets::GlOk;
+using lumets::gl::CBuffer;
+using lumets::gl::CStateGuard;
+using lumets::gl::CTexture;
 using lumets::host::HostGuarded;
 
 namespace {
 
-GLint GetInteger(GLenum name) {
-    GLint value = 0;
-    glGetIntegerv(name, &value);
-    return value;
+// Tightly packed rows: our pictures have width x 4 bytes per row. The guard
+// puts the caller's settings back when the transfer ends.
+void PackTightly(CStateGuard& guard) {
+    for (const GLenum name : {GL_UNPACK_ROW_LENGTH, GL_UNPACK_SKIP_ROWS, GL_UNPACK_SKIP_PIXELS,
+                              GL_PACK_ROW_LENGTH, GL_PACK_SKIP_ROWS, GL_PACK_SKIP_PIXELS}) {
+        guard.PixelStore(name, 0);
+    }
+    guard.PixelStore(GL_UNPACK_ALIGNMENT, 4);
+    guard.PixelStore(GL_PACK_ALIGNMENT, 4);
 }
-
-// The bindings and pixel-store settings an upload or read-back touches, put
-// back as they were when it ends, whatever happened in between.
-class CTransferStateGuard {
-  public:
-    CTransferStateGuard()
-        : m_unpackBuffer(GetInteger(GL_PIXEL_UNPACK_BUFFER_BINDING)),
-          m_packBuffer(GetInteger(GL_PIXEL_PACK_BUFFER_BINDING)),
-          m_texture(GetInteger(GL_TEXTURE_BINDING_2D)),
-          m_unpackAlignment(GetInteger(GL_UNPACK_ALIGNMENT)),
-          m_unpackRowLength(GetInteger(GL_UNPACK_ROW_LENGTH)),
-          m_unpackSkipRows(GetInteger(GL_UNPACK_SKIP_ROWS)),
-          m_unpackSkipPixels(GetInteger(GL_UNPACK_SKIP_PIXELS)),
-          m_packAlignment(GetInteger(GL_PACK_ALIGNMENT)),
-          m_packRowLength(GetInteger(GL_PACK_ROW_LENGTH)),
-          m_packSkipRows(GetInteger(GL_PACK_SKIP_ROWS)),
-          m_packSkipPixels(GetInteger(GL_PACK_SKIP_PIXELS)) {
-        // Tightly packed rows: our pictures have width x 4 bytes per row.
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-        glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
-        glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
-        glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
-        glPixelStorei(GL_PACK_ALIGNMENT, 4);
-        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
-        glPixelStorei(GL_PACK_SKIP_ROWS, 0);
-        glPixelStorei(GL_PACK_SKIP_PIXELS, 0);
-    }
-    ~CTransferStateGuard() {
-        glBindBuffer(GL_PIXEL_UNPACK_BUFFER, static_cast<GLuint>(m_unpackBuffer));
-        glBindBuffer(GL_PIXEL_PACK_BUFFER, static_cast<GLuint>(m_packBuffer));
-        glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(m_texture));
-        glPixelStorei(GL_UNPACK_ALIGNMENT, m_unpackAlignment);
-        glPixelStorei(GL_UNPACK_ROW_LENGTH, m_unpackRowLength);
-        glPixelStorei(GL_UNPACK_SKIP_ROWS, m_unpackSkipRows);
-        glPixelStorei(GL_UNPACK_SKIP_PIXELS, m_unpackSkipPixels);
-        glPixelStorei(GL_PACK_ALIGNMENT, m_packAlignment);
-        glPixelStorei(GL_PACK_ROW_LENGTH, m_packRowLength);
-        glPixelStorei(GL_PACK_SKIP_ROWS, m_packSkipRows);
-        glPixelStorei(GL_PACK_SKIP_PIXELS, m_packSkipPixels);
-    }
-    CTransferStateGuard(const CTransferStateGuard&) = delete;
-    CTransferStateGuard& operator=(const CTransferStateGuard&) = delete;
-
-  private:
-    GLint m_unpackBuffer;
-    GLint m_packBuffer;
-    GLint m_texture;
-    GLint m_unpackAlignment;
-    GLint m_unpackRowLength;
-    GLint m_unpackSkipRows;
-    GLint m_unpackSkipPixels;
-    GLint m_packAlignment;
-    GLint m_packRowLength;
-    GLint m_packSkipRows;
-    GLint m_packSkipPixels;
-};
 
 bool IsFourByteFormat(GLenum format) {
     return format == GL_BGRA || format == GL_RGBA;
@@ -104,8 +57,9 @@ class CPBO final : public IPBO {
             Resize(width, height);
             if (GlHasCurrentContext()) {
                 GlDrainErrors();
-                CTransferStateGuard guard;
-                EnsureBuffer(PictureBytes(m_width, m_height));
+                CStateGuard guard;
+                PackTightly(guard);
+                EnsureBuffer(guard, PictureBytes(m_width, m_height));
             }
         });
     }
@@ -118,11 +72,11 @@ class CPBO final : public IPBO {
     int32_t GetWidth() const noexcept override { return m_width; }
     int32_t GetHeight() const noexcept override { return m_height; }
     uint32_t GetCapacity() const noexcept override { return m_capacity; }
-    GLuint GetBufferName() const noexcept override { return m_buffer; }
+    GLuint GetBufferName() const noexcept override { return m_buffer.Get(); }
 
     // Binds the texture and reads the size of its first level.
-    static bool BindTexture(GLuint texture, GLint* width, GLint* height) {
-        glBindTexture(GL_TEXTURE_2D, texture);
+    static bool BindTexture(CStateGuard& guard, GLuint texture, GLint* width, GLint* height) {
+        guard.BindTexture(texture);
         if (!GlOk("glBindTexture")) {
             return false;
         }
@@ -149,13 +103,14 @@ class CPBO final : public IPBO {
                 return false;
             }
             GlDrainErrors();
-            CTransferStateGuard guard;
-            glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+            CStateGuard guard;
+            PackTightly(guard);
+            guard.BindBuffer(GL_PIXEL_PACK_BUFFER, 0);
             // glGetTexImage writes the whole level: refuse a texture of another size
             // rather than write past the caller's buffer.
             GLint texWidth = 0;
             GLint texHeight = 0;
-            if (!BindTexture(texture, &texWidth, &texHeight) || texWidth != m_width ||
+            if (!BindTexture(guard, texture, &texWidth, &texHeight) || texWidth != m_width ||
                 texHeight != m_height) {
                 return false;
             }
@@ -171,13 +126,14 @@ class CPBO final : public IPBO {
                 return false;
             }
             GlDrainErrors();
-            CTransferStateGuard guard;
-            if (!EnsureBuffer(needed) || !FillBuffer(pixels, needed)) {
+            CStateGuard guard;
+            PackTightly(guard);
+            if (!EnsureBuffer(guard, needed) || !FillBuffer(pixels, needed)) {
                 return false;
             }
             GLint texWidth = 0;
             GLint texHeight = 0;
-            if (!BindTexture(texture, &texWidth, &texHeight)) {
+            if (!BindTexture(guard, texture, &texWidth, &texHeight)) {
                 return false;
             }
             // Rows arrive bottom-up, which is OpenGL's own row order: no flip. The
@@ -194,25 +150,25 @@ class CPBO final : public IPBO {
     }
 
     void DeleteBuffer() {
-        if (m_buffer != 0 && GlHasCurrentContext()) {
-            glDeleteBuffers(1, &m_buffer);
+        const bool had = static_cast<bool>(m_buffer);
+        m_buffer.Reset();
+        if (had && GlHasCurrentContext()) {
             GlOk("glDeleteBuffers");
         }
-        m_buffer = 0;
         m_capacity = 0;
     }
 
   private:
     // Leaves the buffer bound to GL_PIXEL_UNPACK_BUFFER with at least bytes.
-    bool EnsureBuffer(uint32_t bytes) {
-        if (m_buffer == 0) {
-            glGenBuffers(1, &m_buffer);
+    bool EnsureBuffer(CStateGuard& guard, uint32_t bytes) {
+        if (!m_buffer) {
+            m_buffer = CBuffer::Make();
             if (!GlOk("glGenBuffers")) {
-                m_buffer = 0;
+                m_buffer.Release();  // no name was made
                 return false;
             }
         }
-        glBindBuffer(GL_PIXEL_UNPACK_BUFFER, m_buffer);
+        guard.BindBuffer(GL_PIXEL_UNPACK_BUFFER, m_buffer.Get());
         if (!GlOk("glBindBuffer")) {
             return false;
         }
@@ -247,7 +203,7 @@ class CPBO final : public IPBO {
     int32_t m_width = 0;
     int32_t m_height = 0;
     uint32_t m_capacity = 0;
-    GLuint m_buffer = 0;
+    CBuffer m_buffer;
 };
 
 GLuint RealCreateTexture() {
@@ -255,25 +211,28 @@ GLuint RealCreateTexture() {
         return 0;
     }
     GlDrainErrors();
-    GLuint texture = 0;
-    glGenTextures(1, &texture);
-    if (!GlOk("glGenTextures") || texture == 0) {
+    CTexture texture = CTexture::Make();
+    if (!GlOk("glGenTextures") || !texture) {
+        texture.Release();
         return 0;
     }
-    const GLint previous = GetInteger(GL_TEXTURE_BINDING_2D);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    const bool ok = GlOk("glTexParameteri");
-    glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(previous));
+    bool ok = false;
+    {
+        CStateGuard guard;
+        guard.BindTexture(texture.Get());
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        ok = GlOk("glTexParameteri");
+    }
     if (!ok) {
-        glDeleteTextures(1, &texture);
+        texture.Reset();
         GlDrainErrors();
         return 0;
     }
-    return texture;
+    // The caller owns the name from here on.
+    return texture.Release();
 }
 
 IPBO* RealCreatePBO(EnumPBOType type, uint32_t bitsPerPixel) {

@@ -9,11 +9,17 @@
 
 #include "factory_hook.h"
 #include "host_guard.h"
+#include "lumets_common/gl_owners.h"
 #include "lumets_common/gl_util.h"
 
 using lumets::GlDrainErrors;
 using lumets::GlHasCurrentContext;
 using lumets::GlOk;
+using lumets::gl::CBuffer;
+using lumets::gl::CProgram;
+using lumets::gl::CShader;
+using lumets::gl::CStateGuard;
+using lumets::gl::CVertexArray;
 using lumets::host::HostGuarded;
 
 namespace {
@@ -45,102 +51,22 @@ void main() {
 
 constexpr GLfloat kCorners[] = {0.f, 0.f, 1.f, 0.f, 0.f, 1.f, 1.f, 1.f};
 
-GLint GetInteger(GLenum name) {
-    GLint value = 0;
-    glGetIntegerv(name, &value);
-    return value;
-}
-
-GLuint CompileShader(GLenum type, const char* source) {
-    const GLuint shader = glCreateShader(type);
-    if (shader == 0) {
+CShader CompileShader(GLenum type, const char* source) {
+    CShader shader(glCreateShader(type));
+    if (!shader) {
         GlOk("glCreateShader");
-        return 0;
+        return shader;
     }
-    glShaderSource(shader, 1, &source, nullptr);
-    glCompileShader(shader);
+    const GLuint name = shader.Get();
+    glShaderSource(name, 1, &source, nullptr);
+    glCompileShader(name);
     GLint compiled = GL_FALSE;
-    glGetShaderiv(shader, GL_COMPILE_STATUS, &compiled);
+    glGetShaderiv(name, GL_COMPILE_STATUS, &compiled);
     if (!GlOk("glCompileShader") || compiled != GL_TRUE) {
-        glDeleteShader(shader);
-        return 0;
+        shader.Reset();
     }
     return shader;
 }
-
-// Everything a draw changes, put back as the caller had it.
-class CDrawStateGuard {
-  public:
-    CDrawStateGuard()
-        : m_program(GetInteger(GL_CURRENT_PROGRAM)),
-          m_activeTexture(GetInteger(GL_ACTIVE_TEXTURE)),
-          m_vertexArray(GetInteger(GL_VERTEX_ARRAY_BINDING)),
-          m_arrayBuffer(GetInteger(GL_ARRAY_BUFFER_BINDING)),
-          m_blendSrcRgb(GetInteger(GL_BLEND_SRC_RGB)),
-          m_blendDstRgb(GetInteger(GL_BLEND_DST_RGB)),
-          m_blendSrcAlpha(GetInteger(GL_BLEND_SRC_ALPHA)),
-          m_blendDstAlpha(GetInteger(GL_BLEND_DST_ALPHA)),
-          m_blendEquationRgb(GetInteger(GL_BLEND_EQUATION_RGB)),
-          m_blendEquationAlpha(GetInteger(GL_BLEND_EQUATION_ALPHA)),
-          m_blend(glIsEnabled(GL_BLEND)),
-          m_depthTest(glIsEnabled(GL_DEPTH_TEST)),
-          m_stencilTest(glIsEnabled(GL_STENCIL_TEST)),
-          m_cullFace(glIsEnabled(GL_CULL_FACE)) {
-        glGetIntegerv(GL_VIEWPORT, m_viewport);
-        glActiveTexture(GL_TEXTURE0);
-        m_texture0 = GetInteger(GL_TEXTURE_BINDING_2D);
-        m_sampler0 = GetInteger(GL_SAMPLER_BINDING);
-    }
-    ~CDrawStateGuard() {
-        glBindSampler(0, static_cast<GLuint>(m_sampler0));
-        glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(m_texture0));
-        glActiveTexture(static_cast<GLenum>(m_activeTexture));
-        glUseProgram(static_cast<GLuint>(m_program));
-        glBindVertexArray(static_cast<GLuint>(m_vertexArray));
-        glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(m_arrayBuffer));
-        glBlendFuncSeparate(static_cast<GLenum>(m_blendSrcRgb), static_cast<GLenum>(m_blendDstRgb),
-                            static_cast<GLenum>(m_blendSrcAlpha),
-                            static_cast<GLenum>(m_blendDstAlpha));
-        glBlendEquationSeparate(static_cast<GLenum>(m_blendEquationRgb),
-                                static_cast<GLenum>(m_blendEquationAlpha));
-        SetEnabled(GL_BLEND, m_blend);
-        SetEnabled(GL_DEPTH_TEST, m_depthTest);
-        SetEnabled(GL_STENCIL_TEST, m_stencilTest);
-        SetEnabled(GL_CULL_FACE, m_cullFace);
-        glViewport(m_viewport[0], m_viewport[1], m_viewport[2], m_viewport[3]);
-    }
-    CDrawStateGuard(const CDrawStateGuard&) = delete;
-    CDrawStateGuard& operator=(const CDrawStateGuard&) = delete;
-
-    const GLint* Viewport() const { return m_viewport; }
-
-  private:
-    static void SetEnabled(GLenum capability, GLboolean enabled) {
-        if (enabled) {
-            glEnable(capability);
-        } else {
-            glDisable(capability);
-        }
-    }
-
-    GLint m_program;
-    GLint m_activeTexture;
-    GLint m_vertexArray;
-    GLint m_arrayBuffer;
-    GLint m_blendSrcRgb;
-    GLint m_blendDstRgb;
-    GLint m_blendSrcAlpha;
-    GLint m_blendDstAlpha;
-    GLint m_blendEquationRgb;
-    GLint m_blendEquationAlpha;
-    GLboolean m_blend;
-    GLboolean m_depthTest;
-    GLboolean m_stencilTest;
-    GLboolean m_cullFace;
-    GLint m_viewport[4] = {};
-    GLint m_texture0 = 0;
-    GLint m_sampler0 = 0;
-};
 
 // As with the pixel-buffer object, the operations that reach GL run under
 // HostGuarded and the others are noexcept.
@@ -155,11 +81,11 @@ class CGPUCombiner final : public IGPUCombiner {
                 return false;
             }
             GlDrainErrors();
-            const GLint previousVertexArray = GetInteger(GL_VERTEX_ARRAY_BINDING);
-            const GLint previousArrayBuffer = GetInteger(GL_ARRAY_BUFFER_BINDING);
-            const bool ok = BuildProgram() && BuildQuad();
-            glBindVertexArray(static_cast<GLuint>(previousVertexArray));
-            glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(previousArrayBuffer));
+            bool ok = false;
+            {
+                CStateGuard guard;
+                ok = BuildProgram() && BuildQuad(guard);
+            }
             if (!ok) {
                 Release();
                 return false;
@@ -171,21 +97,13 @@ class CGPUCombiner final : public IGPUCombiner {
 
     void Release() override {
         HostGuarded(__func__, [&] {
+            // Without a current context the names went with it.
+            m_program.Reset();
+            m_vertexArray.Reset();
+            m_vertexBuffer.Reset();
             if (GlHasCurrentContext()) {
-                if (m_program != 0) {
-                    glDeleteProgram(m_program);
-                }
-                if (m_vertexArray != 0) {
-                    glDeleteVertexArrays(1, &m_vertexArray);
-                }
-                if (m_vertexBuffer != 0) {
-                    glDeleteBuffers(1, &m_vertexBuffer);
-                }
                 GlOk("Release");
             }
-            m_program = 0;
-            m_vertexArray = 0;
-            m_vertexBuffer = 0;
         });
     }
 
@@ -217,12 +135,13 @@ class CGPUCombiner final : public IGPUCombiner {
 
     bool DrawTexture(GLuint texture, int32_t /*mode*/) override {
         return HostGuarded(__func__, [&] {
-            if (texture == 0 || m_program == 0 || !m_hasDestination ||
+            if (texture == 0 || !m_program || !m_hasDestination ||
                 (!m_wholeTexture && !m_hasSource) || !GlHasCurrentContext()) {
                 return false;
             }
             GlDrainErrors();
-            CDrawStateGuard guard;
+            // Everything the draw changes is put back as the caller had it.
+            CStateGuard guard;
 
             // Top-down target units onto clip space; the viewport then maps clip
             // space onto pixels, so a target of width / scale draws item units
@@ -248,21 +167,22 @@ class CGPUCombiner final : public IGPUCombiner {
                 sBottom = 1.f - static_cast<float>(m_source.bottom) / sh;
             }
 
-            glUseProgram(m_program);
+            guard.ActiveTexture(GL_TEXTURE0);
+            guard.UseProgram(m_program.Get());
             glUniform4f(m_destinationLocation, dLeft, dTop, dRight, dBottom);
             glUniform4f(m_sourceLocation, sLeft, sTop, sRight, sBottom);
             glUniform1f(m_opacityLocation, m_opacity);
             glUniform1i(m_textureLocation, 0);
-            glBindSampler(0, 0);
-            glBindTexture(GL_TEXTURE_2D, texture);
-            glBindVertexArray(m_vertexArray);
-            glEnable(GL_BLEND);
-            glBlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
-            glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE,
-                                GL_ONE_MINUS_SRC_ALPHA);
-            glDisable(GL_DEPTH_TEST);
-            glDisable(GL_STENCIL_TEST);
-            glDisable(GL_CULL_FACE);
+            guard.BindSampler(0, 0);
+            guard.BindTexture(texture);
+            guard.BindVertexArray(m_vertexArray.Get());
+            guard.SetEnabled(GL_BLEND, true);
+            guard.BlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
+            guard.BlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE,
+                                    GL_ONE_MINUS_SRC_ALPHA);
+            guard.SetEnabled(GL_DEPTH_TEST, false);
+            guard.SetEnabled(GL_STENCIL_TEST, false);
+            guard.SetEnabled(GL_CULL_FACE, false);
             if (!GlOk("DrawTexture setup")) {
                 return false;
             }
@@ -314,47 +234,44 @@ class CGPUCombiner final : public IGPUCombiner {
 
   private:
     bool BuildProgram() {
-        const GLuint vertex = CompileShader(GL_VERTEX_SHADER, kVertexShader);
-        const GLuint fragment = CompileShader(GL_FRAGMENT_SHADER, kFragmentShader);
-        if (vertex == 0 || fragment == 0) {
-            glDeleteShader(vertex);
-            glDeleteShader(fragment);
+        // The program keeps the shaders alive as long as it needs them.
+        const CShader vertex = CompileShader(GL_VERTEX_SHADER, kVertexShader);
+        const CShader fragment = CompileShader(GL_FRAGMENT_SHADER, kFragmentShader);
+        if (!vertex || !fragment) {
             return false;
         }
-        m_program = glCreateProgram();
-        glAttachShader(m_program, vertex);
-        glAttachShader(m_program, fragment);
-        glLinkProgram(m_program);
-        // The program keeps the shaders alive as long as it needs them.
-        glDeleteShader(vertex);
-        glDeleteShader(fragment);
+        m_program = CProgram::Make();
+        const GLuint program = m_program.Get();
+        glAttachShader(program, vertex.Get());
+        glAttachShader(program, fragment.Get());
+        glLinkProgram(program);
         GLint linked = GL_FALSE;
-        glGetProgramiv(m_program, GL_LINK_STATUS, &linked);
+        glGetProgramiv(program, GL_LINK_STATUS, &linked);
         if (!GlOk("glLinkProgram") || linked != GL_TRUE) {
             return false;
         }
-        m_destinationLocation = glGetUniformLocation(m_program, "uDestination");
-        m_sourceLocation = glGetUniformLocation(m_program, "uSource");
-        m_opacityLocation = glGetUniformLocation(m_program, "uOpacity");
-        m_textureLocation = glGetUniformLocation(m_program, "uTexture");
+        m_destinationLocation = glGetUniformLocation(program, "uDestination");
+        m_sourceLocation = glGetUniformLocation(program, "uSource");
+        m_opacityLocation = glGetUniformLocation(program, "uOpacity");
+        m_textureLocation = glGetUniformLocation(program, "uTexture");
         return GlOk("glGetUniformLocation") && m_destinationLocation >= 0 &&
                m_sourceLocation >= 0 && m_opacityLocation >= 0 && m_textureLocation >= 0;
     }
 
-    bool BuildQuad() {
-        glGenVertexArrays(1, &m_vertexArray);
-        glGenBuffers(1, &m_vertexBuffer);
-        glBindVertexArray(m_vertexArray);
-        glBindBuffer(GL_ARRAY_BUFFER, m_vertexBuffer);
+    bool BuildQuad(CStateGuard& guard) {
+        m_vertexArray = CVertexArray::Make();
+        m_vertexBuffer = CBuffer::Make();
+        guard.BindVertexArray(m_vertexArray.Get());
+        guard.BindBuffer(GL_ARRAY_BUFFER, m_vertexBuffer.Get());
         glBufferData(GL_ARRAY_BUFFER, sizeof kCorners, kCorners, GL_STATIC_DRAW);
         glEnableVertexAttribArray(0);
         glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, 2 * sizeof(GLfloat), nullptr);
         return GlOk("BuildQuad");
     }
 
-    GLuint m_program = 0;
-    GLuint m_vertexArray = 0;
-    GLuint m_vertexBuffer = 0;
+    CProgram m_program;
+    CVertexArray m_vertexArray;
+    CBuffer m_vertexBuffer;
     GLint m_destinationLocation = -1;
     GLint m_sourceLocation = -1;
     GLint m_opacityLocation = -1;

@@ -3,6 +3,8 @@
 #include <epoxy/egl.h>
 #include <epoxy/gl.h>
 
+#include "lumets_common/gl_owners.h"
+
 namespace lumets::host {
 namespace {
 
@@ -11,12 +13,11 @@ std::vector<uint8_t> ReadFramebuffer(GLuint framebuffer, int32_t width, int32_t 
         return {};
     }
     std::vector<uint8_t> pixels(static_cast<size_t>(width) * static_cast<size_t>(height) * 4u);
-    GLint previous = 0;
-    glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING, &previous);
-    glBindFramebuffer(GL_READ_FRAMEBUFFER, framebuffer);
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    gl::CStateGuard guard;
+    guard.BindFramebuffer(GL_READ_FRAMEBUFFER, framebuffer);
+    guard.BindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+    guard.PixelStore(GL_PACK_ALIGNMENT, 1);
     glReadPixels(0, 0, width, height, GL_BGRA, GL_UNSIGNED_BYTE, pixels.data());
-    glBindFramebuffer(GL_READ_FRAMEBUFFER, static_cast<GLuint>(previous));
     return pixels;
 }
 
@@ -102,11 +103,17 @@ bool CHeadlessGl::CreateFramebuffer(int32_t width, int32_t height) {
     if (width <= 0 || height <= 0) {
         return false;
     }
-    glGenTextures(1, &m_colour);
-    glBindTexture(GL_TEXTURE_2D, m_colour);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
-    glBindTexture(GL_TEXTURE_2D, 0);
-    glGenFramebuffers(1, &m_framebuffer);
+    // The names live in the public class as plain names; the owners' kinds
+    // make and delete them.
+    m_colour = gl::TextureKind::Make();
+    {
+        gl::CStateGuard guard;
+        guard.BindTexture(m_colour);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                     nullptr);
+    }
+    m_framebuffer = gl::FramebufferKind::Make();
+    // Left bound: this context draws into it from now on.
     glBindFramebuffer(GL_FRAMEBUFFER, m_framebuffer);
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, m_colour, 0);
     if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
@@ -137,16 +144,11 @@ uint32_t CHeadlessGl::PixelAt(int32_t x, int32_t y) const {
 }
 
 std::vector<uint8_t> CHeadlessGl::ReadBackTexture(GLuint texture, int32_t width, int32_t height) {
-    GLint previous = 0;
-    glGetIntegerv(GL_FRAMEBUFFER_BINDING, &previous);
-    GLuint framebuffer = 0;
-    glGenFramebuffers(1, &framebuffer);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    const gl::CFramebuffer framebuffer = gl::CFramebuffer::Make();
+    gl::CStateGuard guard;
+    guard.BindFramebuffer(GL_FRAMEBUFFER, framebuffer.Get());
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-    std::vector<uint8_t> pixels = ReadFramebuffer(framebuffer, width, height);
-    glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(previous));
-    glDeleteFramebuffers(1, &framebuffer);
-    return pixels;
+    return ReadFramebuffer(framebuffer.Get(), width, height);
 }
 
 void CHeadlessGl::Close() {
@@ -168,11 +170,11 @@ void CHeadlessGl::Close() {
 void CHeadlessGl::DeleteFramebuffer() {
     if (m_framebuffer != 0) {
         glBindFramebuffer(GL_FRAMEBUFFER, 0);
-        glDeleteFramebuffers(1, &m_framebuffer);
+        gl::FramebufferKind::Delete(m_framebuffer);
         m_framebuffer = 0;
     }
     if (m_colour != 0) {
-        glDeleteTextures(1, &m_colour);
+        gl::TextureKind::Delete(m_colour);
         m_colour = 0;
     }
 }

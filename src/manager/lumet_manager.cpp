@@ -8,6 +8,7 @@
 
 #include "log/logger.h"
 #include "lumets/host/flash_player.h"
+#include "lumets_common/gl_owners.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets {
@@ -226,7 +227,7 @@ void CLumetManager::Release(const std::vector<TextureSlot>& slots, std::vector<G
 void DeleteTexturesInBatches(const std::vector<GLuint>& names) {
     for (size_t first = 0; first < names.size(); first += kDeleteBatch) {
         const size_t n = std::min(kDeleteBatch, names.size() - first);
-        glDeleteTextures(static_cast<GLsizei>(n), names.data() + first);
+        gl::DeleteTextures(names.data() + first, static_cast<GLsizei>(n));
     }
 }
 
@@ -302,7 +303,8 @@ void CLumetManager::ReleaseGpuResources() {
         Release(slots, &m_names);
     }
     if (m_names.empty()) {
-        glDeleteTextures(0, m_names.data());  // also with nothing to delete, as a GL trace expects
+        gl::DeleteTextures(m_names.data(),
+                           0);  // also with nothing to delete, as a GL trace expects
     }
     DeleteTexturesInBatches(m_names);
     m_textureSlots.clear();

@@ -2,6 +2,7 @@
 
 #include <epoxy/gl.h>
 
+#include "lumets_common/gl_owners.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets {
@@ -15,7 +16,7 @@ CVirtualSceneManager::~CVirtualSceneManager() {
         }
     }
     if (const GLuint texture = m_texture.exchange(0); texture != 0) {
-        glDeleteTextures(1, &texture);
+        gl::TextureKind::Delete(texture);
     }
     if (m_pbo != nullptr) {
         CGLObjectFactory::DestroyPBO(m_pbo);

@@ -90,9 +90,8 @@ CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, do
     if (gpu) {
         m_combiner = CProcessorFactory::CreateCombiner();
         m_pbo = CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32);
-        m_frameTexture = CGLObjectFactory::CreateTexture();
-        if (m_combiner == nullptr || !m_combiner->Init() || m_pbo == nullptr ||
-            m_frameTexture == 0) {
+        m_frameTexture.Reset(CGLObjectFactory::CreateTexture());
+        if (m_combiner == nullptr || !m_combiner->Init() || m_pbo == nullptr || !m_frameTexture) {
             m_error = "the GPU combiner could not start";
             return;
         }
@@ -135,9 +134,7 @@ CScenePlayer::~CScenePlayer() {
     DeleteWeirdSubtitleManager(m_banners);
     DeleteVirtualSceneManager(m_virtualScene);
     CGLObjectFactory::DestroyPBO(m_pbo);
-    if (m_frameTexture != 0) {
-        glDeleteTextures(1, &m_frameTexture);
-    }
+    m_frameTexture.Reset();  // while the context is current
     CProcessorFactory::DestroyCombiner(m_combiner);
 }
 
@@ -284,11 +281,12 @@ void CScenePlayer::DrawSubtitlesOnGpu(uint8_t* frame) {
         }
     }
     m_pbo->Resize(m_width, m_height);
-    m_pbo->Upload(m_frameTexture, m_bgra.data(), static_cast<uint32_t>(m_bgra.size()), GL_BGRA);
+    m_pbo->Upload(m_frameTexture.Get(), m_bgra.data(), static_cast<uint32_t>(m_bgra.size()),
+                  GL_BGRA);
     const RECT whole{0, 0, m_width, m_height};
     m_combiner->Clear(0);
     m_combiner->SetDestination(&whole, m_width, m_height, 1);
-    m_combiner->DrawTexture(m_frameTexture, 0);
+    m_combiner->DrawTexture(m_frameTexture.Get(), 0);
     m_subtitles->DrawToTarget(m_width, m_height, m_scale);
     const std::vector<uint8_t> pixels = m_gl->ReadPixels();
     for (int32_t y = 0; y < m_height; ++y) {

@@ -9,6 +9,8 @@
 #include <lumets/host/headless_gl.h>
 #include <lumets/lumets.h>
 
+#include "lumets_common/gl_owners.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -58,7 +60,7 @@ class CScenePlayer {
     std::unique_ptr<host::CHeadlessGl> m_gl;
     IGPUCombiner* m_combiner = nullptr;
     IPBO* m_pbo = nullptr;
-    GLuint m_frameTexture = 0;
+    gl::CTexture m_frameTexture;
     std::vector<uint8_t> m_bgra;
 
     ILumetManager* m_subtitles = nullptr;
