@@ -11,7 +11,7 @@ PACKAGES=(
   fonts-wqy-microhei fonts-noto-color-emoji
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev libpixman-1-dev
-  ffmpeg clang libclang-rt-14-dev
+  ffmpeg clang libclang-rt-14-dev clang-format
 )
 
 missing=()

@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
-# Builds and runs the whole suite, then again under AddressSanitizer +
-# UndefinedBehaviorSanitizer, then the threaded suites under ThreadSanitizer.
+# Checks the formatting, builds and runs the whole suite, then again under
+# AddressSanitizer + UndefinedBehaviorSanitizer, then the threaded suites under
+# ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 jobs="$(nproc)"
+
+echo "== formatting"
+find common src host platform include tools tests fuzz bench -name '*.cpp' -o -name '*.h' |
+  xargs clang-format --dry-run --Werror
 
 echo "== release build"
 cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
