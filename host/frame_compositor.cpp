@@ -16,34 +16,6 @@ constexpr int64_t kMaxScaledPixels = int64_t{1} << 25;
 
 }  // namespace
 
-void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
-                      const ConstPictureView& picture) {
-    if (frame.data == nullptr || frame.bitsPerPixel != 24 || picture.data == nullptr ||
-        picture.bitsPerPixel != 32 || picture.width <= 0 || picture.height <= 0) {
-        return;
-    }
-    // 64-bit arithmetic throughout: positions near the 32-bit limits must not wrap.
-    const int64_t left = std::max<int64_t>({std::min(clip.left, clip.right), 0, pos.x});
-    const int64_t right = std::min<int64_t>(
-        {std::max(clip.left, clip.right), frame.width, int64_t{pos.x} + picture.width});
-    const int64_t top = std::max<int64_t>({std::min(clip.top, clip.bottom), 0, pos.y});
-    const int64_t bottom = std::min<int64_t>(
-        {std::max(clip.top, clip.bottom), frame.height, int64_t{pos.y} + picture.height});
-    if (left >= right || top >= bottom) {
-        return;
-    }
-    // Both pictures are stored bottom-up: top-down row y is memory row
-    // height - 1 - y. The library's own blend does the pixels.
-    const int64_t fh = frame.height;
-    const int64_t ph = picture.height;
-    const RECT dstRect{static_cast<int32_t>(left), static_cast<int32_t>(fh - bottom),
-                       static_cast<int32_t>(right), static_cast<int32_t>(fh - top)};
-    const RECT srcRect{
-        static_cast<int32_t>(left - pos.x), static_cast<int32_t>(ph - (bottom - pos.y)),
-        static_cast<int32_t>(right - pos.x), static_cast<int32_t>(ph - (top - pos.y))};
-    BlendRect(frame, dstRect, picture, srcRect);
-}
-
 void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth,
                 int32_t* scaledHeight) {
     *scaledWidth = 0;

@@ -15,13 +15,6 @@
 
 namespace lumets::host {
 
-// Blends a bottom-up 32-bit picture into a 24-bit bottom-up frame. The
-// picture's top-left lands at pos (top-down frame coordinates); only pixels
-// inside clip (put into order first) and inside the frame change, each as
-// D = ((255 - a) * D + S * a) / 255.
-void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
-                      const ConstPictureView& picture);
-
 // The size of a movie frame drawn at scale, truncated toward zero; 0 x 0 when
 // the scale is not a positive number or the result would exceed the limits.
 void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth,

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lumets/time_source.h"
+#include "lumets_common/pixel_ops.h"
 #include "lumets_common/scaled_composite.h"
 #include "lumets_platform/event.h"
 #include "lumets_platform/utf16.h"

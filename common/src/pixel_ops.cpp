@@ -2,6 +2,7 @@
 // by the kernel table of pixel_kernels.h.
 #include "lumets_common/pixel_ops.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <initializer_list>
@@ -220,6 +221,34 @@ void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src) {
 void CopyRectPixels(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
                     const RECT& srcRect) {
     CopyRectPixelsWith(ActiveKernels(), dst, dstRect, src, srcRect);
+}
+
+void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
+                      const ConstPictureView& picture) {
+    if (frame.data == nullptr || frame.bitsPerPixel != 24 || picture.data == nullptr ||
+        picture.bitsPerPixel != 32 || picture.width <= 0 || picture.height <= 0) {
+        return;
+    }
+    // 64-bit arithmetic throughout: positions near the 32-bit limits must not wrap.
+    const int64_t left = std::max<int64_t>({std::min(clip.left, clip.right), 0, pos.x});
+    const int64_t right = std::min<int64_t>(
+        {std::max(clip.left, clip.right), frame.width, int64_t{pos.x} + picture.width});
+    const int64_t top = std::max<int64_t>({std::min(clip.top, clip.bottom), 0, pos.y});
+    const int64_t bottom = std::min<int64_t>(
+        {std::max(clip.top, clip.bottom), frame.height, int64_t{pos.y} + picture.height});
+    if (left >= right || top >= bottom) {
+        return;
+    }
+    // Both pictures are stored bottom-up: top-down row y is memory row
+    // height - 1 - y. The library's own blend does the pixels.
+    const int64_t fh = frame.height;
+    const int64_t ph = picture.height;
+    const RECT dstRect{static_cast<int32_t>(left), static_cast<int32_t>(fh - bottom),
+                       static_cast<int32_t>(right), static_cast<int32_t>(fh - top)};
+    const RECT srcRect{
+        static_cast<int32_t>(left - pos.x), static_cast<int32_t>(ph - (bottom - pos.y)),
+        static_cast<int32_t>(right - pos.x), static_cast<int32_t>(ph - (top - pos.y))};
+    BlendRect(frame, dstRect, picture, srcRect);
 }
 
 }  // namespace lumets

@@ -16,9 +16,9 @@
 #include <string>
 #include <utility>
 
+#include "common/png_writer.h"
 #include "image/image_loader.h"
 #include "lumets_platform/utf16.h"
-#include "text/png_writer.h"
 
 namespace lumets::test {
 

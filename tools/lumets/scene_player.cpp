@@ -10,6 +10,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "lumets_common/pixel_ops.h"
 #include "lumets_platform/utf16.h"
 #include "video_io.h"
 
@@ -35,27 +36,6 @@ BackgroundPart PlatePart(const PlateLayer& plate) {
     part.nOpacity = plate.opacity;
     part.bSpanClip = plate.spanClip ? 1 : 0;
     return part;
-}
-
-// Straight-alpha "over" of a bottom-up B, G, R, A picture into the frame at
-// (x, top) in top-down frame coordinates.
-void BlendBgra(uint8_t* frame, int32_t width, int32_t height, const uint8_t* picture, int32_t pw,
-               int32_t ph, int32_t x, int32_t top) {
-    for (int32_t row = 0; row < ph; ++row) {
-        const int32_t y = top + row;  // top-down
-        if (y < 0 || y >= height) {
-            continue;
-        }
-        uint8_t* dst = frame + FrameStride(width) * static_cast<size_t>(height - 1 - y);
-        const uint8_t* src = picture + size_t{4} * pw * static_cast<size_t>(ph - 1 - row);
-        for (int32_t col = std::max(0, -x); col < pw && x + col < width; ++col) {
-            const uint8_t* s = src + 4 * col;
-            uint8_t* d = dst + 3 * (x + col);
-            for (int c = 0; c < 3; ++c) {
-                d[c] = static_cast<uint8_t>(((255 - s[3]) * d[c] + s[c] * s[3]) / 255);
-            }
-        }
-    }
 }
 
 }  // namespace
@@ -272,30 +252,19 @@ void CScenePlayer::DrawSubtitlesOnGpu(uint8_t* frame) {
     m_gl->MakeCurrent();
     // The frame goes in as a texture drawn over the whole target, the
     // subtitles over it, and the result comes back.
-    for (int32_t y = 0; y < m_height; ++y) {
-        const uint8_t* src = frame + FrameStride(m_width) * static_cast<size_t>(y);
-        uint8_t* dst = m_bgra.data() + size_t{4} * m_width * static_cast<size_t>(y);
-        for (int32_t x = 0; x < m_width; ++x) {
-            std::memcpy(dst + 4 * x, src + 3 * x, 3);
-            dst[4 * x + 3] = 255;
-        }
-    }
+    const RECT whole{0, 0, m_width, m_height};
+    const PictureView frame24 = PackedPicture(frame, m_width, m_height, 24);
+    const PictureView frame32 = PackedPicture(m_bgra.data(), m_width, m_height, 32);
+    CopyRectPixels(frame32, whole, frame24, whole);
     m_pbo->Resize(m_width, m_height);
     m_pbo->Upload(m_frameTexture.Get(), m_bgra.data(), static_cast<uint32_t>(m_bgra.size()),
                   GL_BGRA);
-    const RECT whole{0, 0, m_width, m_height};
     m_combiner->Clear(0);
     m_combiner->SetDestination(&whole, m_width, m_height, 1);
     m_combiner->DrawTexture(m_frameTexture.Get(), 0);
     m_subtitles->DrawToTarget(m_width, m_height, m_scale);
     const std::vector<uint8_t> pixels = m_gl->ReadPixels();
-    for (int32_t y = 0; y < m_height; ++y) {
-        const uint8_t* src = pixels.data() + size_t{4} * m_width * static_cast<size_t>(y);
-        uint8_t* dst = frame + FrameStride(m_width) * static_cast<size_t>(y);
-        for (int32_t x = 0; x < m_width; ++x) {
-            std::memcpy(dst + 3 * x, src + 4 * x, 3);
-        }
-    }
+    CopyRectPixels(frame24, whole, PackedPicture(pixels.data(), m_width, m_height, 32), whole);
 }
 
 void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
@@ -319,17 +288,17 @@ void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
     }
     const std::vector<uint8_t> pixels = host::CHeadlessGl::ReadBackTexture(texture, tw, th);
     std::vector<uint8_t> fitted(size_t{4} * w * h);
-    const SwsContextPtr scaler(sws_getContext(tw, th, AV_PIX_FMT_BGRA, w, h, AV_PIX_FMT_BGRA,
-                                              SWS_BICUBIC, nullptr, nullptr, nullptr));
-    if (!scaler || pixels.size() < size_t{4} * tw * th) {
+    SwsContext* scaler = m_sceneScaler.Get(tw, th, w, h, AV_PIX_FMT_BGRA);
+    if (scaler == nullptr || pixels.size() < size_t{4} * tw * th) {
         return;
     }
     const uint8_t* src[1] = {pixels.data()};
     const int srcStride[1] = {4 * tw};
     uint8_t* dst[1] = {fitted.data()};
     const int dstStride[1] = {4 * w};
-    sws_scale(scaler.get(), src, srcStride, 0, th, dst, dstStride);
-    BlendBgra(frame, m_width, m_height, fitted.data(), w, h, scaled(r.left), scaled(r.top));
+    sws_scale(scaler, src, srcStride, 0, th, dst, dstStride);
+    BlendIntoFrame24(PackedPicture(frame, m_width, m_height, 24), RECT{0, 0, m_width, m_height},
+                     POINT{scaled(r.left), scaled(r.top)}, PackedPicture(fitted.data(), w, h, 32));
 }
 
 }  // namespace lumets::tool

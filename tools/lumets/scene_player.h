@@ -10,6 +10,7 @@
 #include <lumets/lumets.h>
 
 #include "lumets_common/gl_owners.h"
+#include "lumets_common/scaled_composite.h"
 
 #include <cstdint>
 #include <memory>
@@ -62,6 +63,7 @@ class CScenePlayer {
     IPBO* m_pbo = nullptr;
     gl::CTexture m_frameTexture;
     std::vector<uint8_t> m_bgra;
+    CScalerCache m_sceneScaler;  // the scene movie's, kept while its sizes stay
 
     ILumetManager* m_subtitles = nullptr;
     IWeirdSubtitleManager* m_banners = nullptr;

@@ -35,4 +35,11 @@ void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src);
 void CopyRectPixels(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
                     const RECT& srcRect);
 
+// Blends a bottom-up 32-bit picture into a 24-bit bottom-up frame. The
+// picture's top-left lands at pos (top-down frame coordinates); only pixels
+// inside clip (put into order first) and inside the frame change, each as
+// D = ((255 - a) * D + S * a) / 255.
+void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
+                      const ConstPictureView& picture);
+
 }  // namespace lumets

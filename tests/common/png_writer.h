@@ -1,10 +1,17 @@
-#include "text/png_writer.h"
+// Writes the library's bottom-up pictures as PNG files (through Cairo), for
+// golden pictures and the pictures a failing test leaves behind.
+#pragma once
 
+#include <string>
+
+#include "lumets_common/picture.h"
 #include "text/cairo_handles.h"
 
 namespace lumets {
 
-bool WritePng(const std::string& path, const ConstPictureView& picture) {
+// A 24-bit B, G, R or 32-bit B, G, R, A (straight alpha) picture. False when
+// the picture is empty or the file cannot be written.
+inline bool WritePng(const std::string& path, const ConstPictureView& picture) {
     const int32_t width = picture.width;
     const int32_t height = picture.height;
     const int32_t bitsPerPixel = picture.bitsPerPixel;
