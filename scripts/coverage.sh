@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Line and branch coverage of the library, the host library and the platform
-# layer by the whole suite (gcovr). Writes build/coverage/coverage.txt.
+# Line and branch coverage of the library, the host library, the common and
+# the platform layer by the whole suite (gcovr). Writes build/coverage/coverage.txt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,5 +13,5 @@ find build/coverage -name '*.gcda' -delete
 ctest --test-dir build/coverage --output-on-failure
 # Branches the compiler adds for exceptions are not decisions of our code.
 gcovr --root . --object-directory build/coverage --filter 'src/' --filter 'host/' \
-  --filter 'platform/' --exclude-throw-branches --exclude-unreachable-branches \
+  --filter 'platform/' --filter 'common/' --exclude-throw-branches --exclude-unreachable-branches \
   --print-summary --txt build/coverage/coverage.txt build/coverage | tail -3

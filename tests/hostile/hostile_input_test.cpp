@@ -35,8 +35,8 @@ namespace lumets {
 namespace {
 
 // The sanitizers slow code down and count their shadow memory as the
-// process's own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// process's own; an unoptimised build (coverage) is slow too.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__OPTIMIZE__)
 constexpr double kSlowdown = 6;
 #else
 constexpr double kSlowdown = 1;
