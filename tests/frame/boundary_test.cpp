@@ -172,6 +172,7 @@ TEST_F(Boundary, SceneManagerAndPlayer) {
         },
         [&] { return player->Open(movie.c_str(), 0, true), player->GetSize(&width, &height); });
     DeleteFlashPlayer(player);
+    DeleteFlashPlayer(nullptr);  // as the host may pass it
     DeleteVirtualSceneManager(scene);
 }
 

@@ -92,7 +92,8 @@ TEST_F(ManagerTest, RegistryGroupsAndOrder) {
     m_manager->MoveSubtitle(u"A", 300, 200);
     ASSERT_TRUE(m_manager->GetSubtitleRect(u"A", &rect));
     EXPECT_EQ(std::pair(rect.left, rect.top), std::pair(300, 200));
-    // Unknown and empty ids.
+    // Unknown and empty ids; a failed lookup clears the position.
+    position = POINT{7, 9};
     EXPECT_FALSE(m_manager->GetSubtitlePosition(u"zz", &position));
     EXPECT_EQ(std::pair(position.x, position.y), std::pair(0, 0));
     EXPECT_FALSE(m_manager->GetSubtitleRect(nullptr, &rect));
