@@ -1,10 +1,11 @@
-// The exact arithmetic of text layout: normalisation, em sizes and the
-// bitmap size rules.
+// The exact arithmetic of text layout: normalisation, em sizes, the bitmap
+// size rules and style colours.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
+#include "text/text_color.h"
 #include "text/text_layout.h"
 
 namespace {
@@ -35,6 +36,13 @@ TEST(EmSize, PointsToPixelsAtNinetySixDpi) {
     EXPECT_DOUBLE_EQ(lumets::EmSizePixels(0), 16.0);    // the default size
     EXPECT_DOUBLE_EQ(lumets::EmSizePixels(-24), 32.0);  // a cell height
     EXPECT_EQ(lumets::EmSizePixels(100000), lumets::kMaxPictureSide);
+}
+
+// The opacity is not clamped: 101 % is 257 before the shift and only its low
+// byte survives. The colour's own top byte never shows.
+TEST(StyleColour, OpacityWrapsAndTheTopByteIsDropped) {
+    EXPECT_EQ(lumets::ArgbFromStyleColor(0x123456, 50), 0x7F123456u);
+    EXPECT_EQ(lumets::ArgbFromStyleColor(0xAB123456, 101), 0x01123456u);
 }
 
 TEST(BitmapSize, EvenRoundingMinimumAndLimits) {
