@@ -4,16 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <cstdint>
-#include <optional>
 #include <random>
 #include <tuple>
-#include <utility>
 #include <vector>
 
-#include "common/counting_gl_factory.h"
 #include "common/gl_context.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/host/gpu_combiner.h"
@@ -321,26 +317,6 @@ TEST_F(GlHostTest, RefusesWhatItCannotDo) {
     m_pbo = nullptr;
     ASSERT_TRUE(m_gl.MakeCurrent());
     EXPECT_EQ(m_gl.PixelAt(1, 1), 0x80FF0000u);  // the clear without a context did nothing
-}
-
-// A counting hook sees every texture and pixel-buffer object made and
-// destroyed, and passes on to the real factory; null puts the real one back.
-TEST_F(GlHostTest, TheFactoryHookCountsAndRestores) {
-    std::optional<CountingGlFactory> counting(std::in_place);
-    auto& textures = CountingGlFactory::textures;
-    auto& buffers = CountingGlFactory::buffers;
-    const GLuint texture = CGLObjectFactory::CreateTexture();
-    IPBO* pbo = CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32);
-    EXPECT_NE(texture, 0u);
-    EXPECT_NE(pbo, nullptr);
-    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(1, 1));
-    CGLObjectFactory::DestroyPBO(pbo);
-    CGLObjectFactory::DestroyPBO(nullptr);
-    EXPECT_EQ(buffers.load(), 0);
-    counting.reset();
-    CGLObjectFactory::DestroyPBO(CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32));
-    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(1, 0));
-    glDeleteTextures(1, &texture);
 }
 
 }  // namespace

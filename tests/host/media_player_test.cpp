@@ -455,24 +455,6 @@ TEST_F(PlayerTextureTest, UploadsTheCurrentFrameThroughThePixelBuffer) {
     EXPECT_EQ(width, static_cast<uint32_t>(kMovieWidth));  // the size is still reported
 }
 
-int g_scriptedDeleted = 0;
-
-TEST(FlashPlayerFactory, TheHookReplacesAndRestoresTheFactory) {
-    static IFlashPlayer* const kMarker = reinterpret_cast<IFlashPlayer*>(0x1000);
-    host::SetFlashPlayerFactory([]() { return kMarker; },
-                                [](IFlashPlayer* p) { g_scriptedDeleted += p == kMarker; });
-    EXPECT_EQ(CreateFlashPlayer(), kMarker);
-    DeleteFlashPlayer(kMarker);
-    DeleteFlashPlayer(nullptr);
-    EXPECT_EQ(g_scriptedDeleted, 1);
-    host::SetFlashPlayerFactory(nullptr, nullptr);
-    PlayerPtr real(CreateFlashPlayer(), DeleteFlashPlayer);
-    EXPECT_NE(real.get(), kMarker);
-    EXPECT_NE(real.get(), nullptr);
-    real.reset();
-    EXPECT_EQ(g_scriptedDeleted, 1);
-}
-
 // Concurrent use, on real time: threads really overlap here, in runs bounded
 // by short waits.
 bool WaitFor(const std::atomic<bool>& flag,
