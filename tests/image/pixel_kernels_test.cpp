@@ -234,12 +234,5 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
     }
 }
 
-TEST(PixelKernels, ActiveTableIsTheBestSupported) {
-    const std::vector<const PixelKernels*> tables = SupportedSimdTables();
-    const PixelKernels* best = tables.empty() ? nullptr : tables.front();
-    EXPECT_EQ(SimdKernels(), best);
-    EXPECT_EQ(&ActiveKernels(), best != nullptr ? best : &ScalarKernels());
-}
-
 }  // namespace
 }  // namespace lumets

@@ -125,8 +125,6 @@ struct OnePixelCase {
 TEST(PixelOps, PixelRuleForEachDepthPair) {
     const OnePixelCase cases[] = {
         {"partial mix", 32, {200, 0, 255, 128}, 24, {100, 100, 0}, false, {150, 49, 128}},
-        {"alpha 0 leaves all", 32, {9, 9, 9, 0}, 32, {1, 2, 3, 77}, false, {1, 2, 3, 77}},
-        {"alpha 255 opaque", 32, {9, 8, 7, 255}, 32, {1, 2, 3, 77}, false, {9, 8, 7, 255}},
         {"alpha 128", 32, {200, 0, 255, 128}, 32, {100, 100, 0, 3}, false, {150, 49, 128, 128}},
         {"24 into 32 keeps alpha", 24, {10, 20, 30}, 32, {1, 2, 3, 77}, false, {10, 20, 30, 77}},
         {"24 into 24", 24, {10, 20, 30}, 24, {1, 2, 3}, false, {10, 20, 30}},
@@ -150,14 +148,6 @@ TEST(PixelOps, PixelRuleForEachDepthPair) {
             EXPECT_EQ(0, std::memcmp(dst, c.expected, static_cast<size_t>(c.dstBpp / 8)));
         }
     }
-    // The public operations take the active table.
-    uint8_t dst24[4] = {1, 2, 3, 0};
-    const uint8_t src[4] = {200, 0, 255, 128};
-    BlendAt(PackedPicture(dst24, 1, 1, 24), POINT{0, 0}, PackedPicture(src, 1, 1, 32));
-    EXPECT_EQ(dst24[2], 129);  // (127 * 3 + 255 * 128) / 255
-    const RECT one = {0, 0, 1, 1};
-    CopyRectPixels(PackedPicture(dst24, 1, 1, 24), one, PackedPicture(src, 1, 1, 32), one);
-    EXPECT_EQ(dst24[2], 255);
 }
 
 // A 30 x 10 opaque source whose pixel (x, row) is (x + 1, row + 1, 0xCC),

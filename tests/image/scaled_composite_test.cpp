@@ -97,30 +97,10 @@ TEST(ScaledComposite, UnscaledPlacementIsExactClippedAndMakesNoContext) {
     EXPECT_EQ(frame.At(2, 1)[2], 150);
 }
 
-TEST(ScaledComposite, ScalingTruncatesSizesAndPositions) {
-    const PixelBuffer text = Picture(101, 40);
-    PixelBuffer scaled;
-    Frame frame(200, 100);
-    uint32_t contexts = 0;
-    BlendScaledInto24(text, scaled, frame.View(), RECT{0, 0, 400, 200}, POINT{30, 15}, 0.5f,
-                      &contexts);
-    EXPECT_EQ(contexts, 1u);
-    EXPECT_EQ(scaled.width, 50);
-    EXPECT_EQ(scaled.height, 20);
-    // The 50 x 20 picture lands at (15, 7).
-    EXPECT_EQ(frame.At(14, 7)[2], 0x11);
-    EXPECT_EQ(frame.At(15, 6)[2], 0x11);
-    // Bicubic filtering may ring at the edges; inside, pixels are drawn.
-    EXPECT_NE(frame.At(15, 7)[2], 0x11);
-    EXPECT_NE(frame.At(64, 26)[2], 0x11);
-    EXPECT_EQ(frame.At(65, 26)[2], 0x11);
-    EXPECT_EQ(frame.At(64, 27)[2], 0x11);
-}
-
 // Only the visible part of a picture is scaled, and its pixels are exactly
 // those of scaling the whole picture: for a scale whose sampling grid repeats
 // every source pixel (2), one that never repeats within the row (1.37 of 601),
-// and a shrink.
+// and a shrink. Sizes and positions (negative ones too) truncate.
 TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
     // Blocks of random colour and opacity: edges everywhere, like text.
     PixelBuffer source;
