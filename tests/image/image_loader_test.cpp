@@ -112,12 +112,8 @@ const LoadCase kLoadCases[] = {
      false, 0},
     {"Jpeg420", true, "rgb24", "-c:v mjpeg -q:v 2 -pix_fmt yuvj420p", "jpg", "mjpeg,yuvj420p", 24,
      false, false, 4},
-    {"Jpeg444", true, "rgb24", "-c:v mjpeg -q:v 2 -pix_fmt yuvj444p", "jpg", "mjpeg,yuvj444p", 24,
-     false, false, 4},
     {"Bmp24", false, "bgr24", "-c:v bmp -pix_fmt bgr24", "bmp", "bmp,bgr24", 24, false, false, 0},
     {"Bmp32", false, "bgra", "-c:v bmp -pix_fmt bgra", "bmp", "bmp,bgra", 32, false, true, 0},
-    {"TiffRgb", false, "rgb24", "-c:v tiff -pix_fmt rgb24", "tif", "tiff,rgb24", 24, false, false,
-     0},
     {"TiffRgba", false, "rgba", "-c:v tiff -pix_fmt rgba", "tif", "tiff,rgba", 32, false, true, 0},
 };
 
