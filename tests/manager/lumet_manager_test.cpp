@@ -201,22 +201,6 @@ class ManagerGpuTest : public test::GlTest<320, 200> {
     } m_queue;
 };
 
-TEST_F(ManagerGpuTest, ARemovedIdsObjectsGoAtTheNextDraw) {
-    m_queue.Add(u"one", u"g", 0, 0);
-    m_queue.Add(u"two", u"g", 50, 50);
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
-    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(2, 2));  // a movie each
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
-    EXPECT_EQ(textures.load(), 2);  // reused
-    m_queue.m_manager->RemoveSubtitle(u"one");
-    EXPECT_EQ(buffers.load(), 2);  // not yet
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
-    EXPECT_EQ(buffers.load(), 1);
-    m_queue.m_manager->ReleaseGpuResources();
-    m_queue.m_manager->ReleaseGpuResources();
-    EXPECT_EQ(buffers.load(), 0);
-}
-
 TEST_F(ManagerGpuTest, MoreTexturesThanOneBatchAreAllDeleted) {
     std::vector<GLuint> names(kDeleteBatch + 100);
     glGenTextures(static_cast<GLsizei>(names.size()), names.data());
@@ -296,7 +280,9 @@ TEST_F(ManagerGpuTest, CpuAndGpuAgreeAtEveryScale) {
     m_queue.m_manager->ReleaseGpuResources();
 }
 
-// A GL trace of the releases: a frame with nothing stale deletes nothing, a
+// The GPU objects of an id live as long as the id: a removed id's textures
+// and buffer objects go at the next DrawToTarget, the others stay. A GL
+// trace of the releases: a frame with nothing stale deletes nothing, a
 // release deletes its list in one call even when it is empty, and a slot
 // without a buffer object destroys none.
 PFNGLDELETETEXTURESPROC g_deleteTextures = nullptr;
@@ -306,21 +292,30 @@ void RecordDeletes(GLsizei n, const GLuint* names) {
     g_deleteTextures(n, names);
 }
 
-TEST_F(ManagerGpuTest, ReleasesAsAGlTraceSeesThem) {
+TEST_F(ManagerGpuTest, ARemovedIdsObjectsGoAtTheNextDraw) {
     glDeleteTextures(0, nullptr);  // the entry point resolves itself on its first call
     g_deleteTextures = epoxy_glDeleteTextures;
     epoxy_glDeleteTextures = RecordDeletes;
-    test::CountingGlFactory::refuseBuffers = true;
     m_queue.Add(u"one", u"g", 0, 0);
     m_queue.Add(u"two", u"g", 50, 50);
     m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(2, 2));  // a movie each
     m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    EXPECT_EQ(textures.load(), 2);  // reused
     m_queue.m_manager->RemoveSubtitle(u"one");
+    EXPECT_EQ(buffers.load(), 2);  // not yet
     m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    EXPECT_EQ(buffers.load(), 1);
     m_queue.m_manager->ReleaseGpuResources();
+    m_queue.m_manager->ReleaseGpuResources();
+    EXPECT_EQ(buffers.load(), 0);
+    EXPECT_EQ(g_deleted, (std::vector<GLsizei>{1, 1, 0}));
+    test::CountingGlFactory::refuseBuffers = true;
+    m_queue.Add(u"three", u"g", 0, 0);
+    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
     m_queue.m_manager->ReleaseGpuResources();
     epoxy_glDeleteTextures = g_deleteTextures;
-    EXPECT_EQ(g_deleted, (std::vector<GLsizei>{1, 1, 0}));
+    EXPECT_EQ(g_deleted, (std::vector<GLsizei>{1, 1, 0, 1}));
     EXPECT_EQ(test::CountingGlFactory::nullDestroyed.load(), 0);
 }
 
