@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>

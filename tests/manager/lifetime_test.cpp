@@ -7,22 +7,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "common/host_threads.h"
 #include "common/scratch_files.h"
-#include "lumets/host/headless_gl.h"
 #include "lumets/lumet_manager.h"
 #include "lumets/time_source.h"
 

@@ -2,7 +2,6 @@
 // size rules and style colours.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
 
 #include "text/text_color.h"
