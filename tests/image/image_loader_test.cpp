@@ -1,6 +1,6 @@
 // Loading real image files, made here with ffmpeg from known pixels, into
 // PixelBuffers: which formats load at which depth with which bytes, and which
-// are refused without touching the target.
+// are refused without touching the target; and the library's own resource.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,10 +17,7 @@
 
 #include "image/image_loader.h"
 #include "image/media_tools.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
+#include "image/resources.h"
 
 namespace lumets::test {
 namespace {
@@ -197,16 +194,13 @@ void ExpectUntouched(const std::string& file) {
 }
 
 TEST(RefusedImages, PaletteGreyAndSixteenBitFormats) {
-    // GIF decodes to bgra, so it also proves the refusal goes by codec.
+    // GIF decodes to bgra, so it also proves the refusal goes by codec; the
+    // others have no rule, one of each codec.
     const char* const refused[][3] = {
         {"a.gif", "", "gif,bgra"},
         {"pal.png", "-pix_fmt pal8", "png,pal8"},
-        {"mono.png", "-pix_fmt monob", "png,monob"},
         {"grey.png", "-pix_fmt gray", "png,gray"},
-        {"grey16.png", "-pix_fmt gray16be", "png,gray16be"},
         {"rgb565.bmp", "-pix_fmt rgb565le", "bmp,rgb565le"},
-        {"rgb555.bmp", "-pix_fmt rgb555le", "bmp,rgb555le"},
-        {"pal.bmp", "-pix_fmt pal8", "bmp,pal8"},
         {"grey.tif", "-c:v tiff -pix_fmt gray", "tiff,gray"},
     };
     for (const auto& r : refused) {
@@ -284,6 +278,47 @@ TEST(CopyImageToBuffer, PadsRowsFlipsThemAndKeepsALargeEnoughBlock) {
     EXPECT_EQ(b.Capacity(), 25u);
     EXPECT_EQ(b.Data(), block);
     EXPECT_EQ(std::tuple(b.width, b.bitsPerPixel), std::tuple(1, 32));
+}
+
+// The library's own image resource: the plate's corner mask.
+TEST(Resources, MaskIsFoundByModuleIdAndTypeOnly) {
+    EXPECT_FALSE(FindModuleResource(u"Lumets.dll", 101, u"PNG").empty());
+    // Windows compares module and type names without regard to case.
+    EXPECT_FALSE(FindModuleResource(u"LUMETS.DLL", 101, u"png").empty());
+
+    EXPECT_TRUE(FindModuleResource(u"Lumets.dll", 102, u"PNG").empty());
+    EXPECT_TRUE(FindModuleResource(u"Lumets.dll", 101, u"JPG").empty());
+    EXPECT_TRUE(FindModuleResource(u"Other.dll", 101, u"PNG").empty());
+    EXPECT_TRUE(FindModuleResource(u"liblumets.so", 101, u"PNG").empty());
+    EXPECT_TRUE(FindModuleResource(u"Lumets.dll ", 101, u"PNG").empty());
+    EXPECT_TRUE(FindModuleResource(nullptr, 101, u"PNG").empty());
+    EXPECT_TRUE(FindModuleResource(u"Lumets.dll", 101, nullptr).empty());
+}
+
+TEST(Resources, MaskLoadsAsForty36ThirtyTwoBitPictureAndOnlyIt) {
+    PixelBuffer b;
+    LoadImageResource(b, u"Lumets.dll", 101, u"PNG");
+    ASSERT_NE(b.Data(), nullptr);
+    EXPECT_EQ(b.width, 40);
+    EXPECT_EQ(b.height, 36);
+    EXPECT_EQ(b.bitsPerPixel, 32);
+    EXPECT_EQ(b.Capacity(), 5761u);
+
+    auto pixel = [&](uint32_t x, uint32_t y) { return b.Data() + (y * b.width + x) * 4; };
+    // Transparent corners keep their (white) colour bytes; the middle is solid.
+    for (auto [x, y] : {std::pair{0u, 0u}, {39u, 0u}, {0u, 35u}, {39u, 35u}}) {
+        const uint8_t* p = pixel(x, y);
+        EXPECT_EQ(std::vector<uint8_t>(p, p + 4), (std::vector<uint8_t>{255, 255, 255, 0}))
+            << x << "," << y;
+    }
+    EXPECT_EQ(pixel(20, 18)[3], 255);
+
+    // Unknown resources leave the target alone.
+    const Snapshot before(b);
+    LoadImageResource(b, u"Lumets.dll", 100, u"PNG");
+    LoadImageResource(b, u"Other.dll", 101, u"PNG");
+    LoadImageResource(b, nullptr, 101, nullptr);
+    EXPECT_TRUE(Snapshot(b) == before);
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
 // CSubtitleBackground: plate geometry, colour and alpha, corner zones,
-// rebuilding only on change, the GPU upload and bad input.
+// rebuilding only on change, the GPU upload, golden pictures and bad input.
 #include "subtitle/subtitle_background.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
+
+#include "common/golden.h"
 
 namespace lumets {
 namespace {
@@ -258,6 +261,38 @@ TEST(SubtitleBackground, BadSizesAndScalesDrawNothing) {
     int32_t h = 0;
     plate.GetBackgroundSize(w, h, big);
     EXPECT_EQ(std::pair(w, h), std::pair(big, big));
+}
+
+// Golden pictures of a plate drawn into a patterned 24-bit frame, at scale 1
+// and 1.5. At scale 1 the plate is built and blended in integers, so the
+// frame must match byte for byte. At 1.5 libswscale's bicubic resize takes
+// part, whose rounding may differ between its SIMD and C paths: every channel
+// within 3 of the golden.
+TEST(SubtitleBackgroundGolden, PlateOverAPatternAtTwoScales) {
+    const struct {
+        float scale;
+        const char* name;
+        test::GoldenTolerance tolerance;
+    } cases[] = {{1.0f, "plate_1x.png", {0, 0}}, {1.5f, "plate_1_5x.png", {3, 0}}};
+    for (const auto& c : cases) {
+        // Diagonal stripes over two gradients: every blended pixel shows both inputs.
+        const uint32_t stride = RowStride(400, 24);
+        std::vector<uint8_t> frame(size_t{stride} * 160, 0);
+        for (int32_t y = 0; y < 160; ++y) {  // top-down
+            uint8_t* row = frame.data() + size_t{stride} * (160 - 1 - y);
+            for (int32_t x = 0; x < 400; ++x) {
+                row[x * 3 + 0] = static_cast<uint8_t>(200 - x / 4);
+                row[x * 3 + 1] = static_cast<uint8_t>(40 + y);
+                row[x * 3 + 2] = static_cast<uint8_t>((x + y) % 32 < 16 ? 230 : 30);
+            }
+        }
+        CSubtitleBackground plate;
+        const RECT text{40, 40, 240, 70};
+        const PictureView view = PackedPicture(frame.data(), 400, 160, 24);
+        plate.DrawOnFrame(view, &text, 30, 0x3366CC, 0.7f, c.scale);
+        EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/" + c.name, view,
+                                        c.tolerance));
+    }
 }
 
 }  // namespace
