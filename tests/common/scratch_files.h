@@ -38,6 +38,11 @@ class ScratchDir {
     bool Ok() const { return !m_path.empty(); }
     const std::filesystem::path& Path() const { return m_path; }
     std::string File(const std::string& name) const { return (m_path / name).string(); }
+    // The same path as the library's UTF-16 paths take it (the folder is ASCII).
+    std::u16string File16(const std::string& name) const {
+        const std::string path = File(name);
+        return std::u16string(path.begin(), path.end());
+    }
 
   private:
     std::filesystem::path m_path;

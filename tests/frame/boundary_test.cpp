@@ -76,10 +76,6 @@ class Boundary : public test::GlTest<64, 48> {
         CGLObjectFactory::DestroyPBO(m_pbo);
         SetTimeMode(TimeMode::Real);
     }
-    std::u16string Path(const char* name) const {
-        const std::string path = m_dir.File(name);
-        return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
-    }
 
     // Runs calls with its nth allocation failing, n = 1, 2, ... until calls
     // makes fewer than n; then works() must hold.
@@ -135,7 +131,7 @@ TEST_F(Boundary, SubtitleManager) {
 
 TEST_F(Boundary, BannerManager) {
     IWeirdSubtitleManager* m = CreateWeirdSubtitleManager();
-    const std::u16string image = Path("a.png");
+    const std::u16string image = m_dir.File16("a.png");
     int width = 0, height = 0;
     FailEachAllocation(
         [&] {
@@ -155,7 +151,7 @@ TEST_F(Boundary, BannerManager) {
 TEST_F(Boundary, SceneManagerAndPlayer) {
     IVirtualSceneManager* scene = CreateVirtualSceneManager();
     IFlashPlayer* player = CreateFlashPlayer();
-    const std::u16string movie = Path("m");
+    const std::u16string movie = m_dir.File16("m");
     uint32_t width = 0, height = 0;
     FailEachAllocation(
         [&] {

@@ -59,10 +59,7 @@ uint8_t AlphaAt(int64_t x, int64_t y, bool half) {
 class MediaFiles : public ::testing::Environment {
   public:
     std::string Path8(const std::string& name) const { return m_dir.File(name); }
-    std::u16string Path16(const std::string& name) const {
-        const std::string path = m_dir.File(name);
-        return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
-    }
+    std::u16string Path16(const std::string& name) const { return m_dir.File16(name); }
 
     void SetUp() override {
         ASSERT_TRUE(m_dir.Ok());

@@ -84,8 +84,7 @@ class LifetimeTest : public testing::Test {
     void Run(const Kind& kind, const std::function<void()>& wait, bool drawing, Ending ending,
              const std::function<void()>& after) {
         SwfPart swf{};
-        const std::u16string path(s_movie.begin(), s_movie.end());
-        std::copy(path.begin(), path.end(), swf.szPath);
+        std::copy(s_movie.begin(), s_movie.end(), swf.szPath);  // the temp folder is ASCII
         swf.rcClip = RECT{0, 0, 200, 100};
         swf.nDirection = kind.movieDirection;
         swf.nSpeed = kind.movieSpeed;

@@ -37,8 +37,7 @@ class ManagerTest : public testing::Test {
         SetTimeMode(TimeMode::Virtual);
         test::ScriptedPlayer::Install(true);
         ASSERT_TRUE(test::WriteBytes(m_movie, {1}));
-        const std::u16string path(m_movie.begin(), m_movie.end());
-        std::copy(path.begin(), path.end(), m_swf.szPath);
+        std::copy(m_movie.begin(), m_movie.end(), m_swf.szPath);  // the temp folder is ASCII
         m_swf.rcClip = RECT{0, 0, 200, 100};  // a still 100 x 40 movie at (0, 0)
     }
     void TearDown() override {

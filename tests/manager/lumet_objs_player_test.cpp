@@ -36,8 +36,7 @@ class PlayQueueTest : public testing::Test {
         // A movie crossing its 200 px clip at 33 px a step: a turn of one
         // play takes 7 steps, 198 ms.
         std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
-        const std::u16string path(m_movie.begin(), m_movie.end());
-        std::copy(path.begin(), path.end(), m_swf.szPath);
+        std::copy(m_movie.begin(), m_movie.end(), m_swf.szPath);  // the temp folder is ASCII
         m_swf.rcClip = RECT{0, 0, 200, 100};
         m_swf.nDirection = 1;
         m_swf.nSpeed = 1000;

@@ -44,10 +44,6 @@ class SceneTest : public test::GlTest<kWidth, kHeight> {
     }
     void TearDown() override { SetTimeMode(TimeMode::Real); }
 
-    std::u16string Path(const std::string& name) const {
-        const std::string path = m_dir.File(name);
-        return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
-    }
     // The first pixel of the scene texture, read back through a buffer object.
     uint32_t TexturePixel(GLuint texture) {
         IPBO* pbo = CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32);
@@ -67,7 +63,7 @@ TEST_F(SceneTest, PlaysTheMovieIntoOneTextureAsTimeGoesOn) {
     EXPECT_EQ(scene->GetSceneTexture(), 0u);
     scene->StopScene();  // no player yet: nothing happens
     EXPECT_FALSE(scene->IsScenePlaying());
-    scene->OpenScene(Path("scene.apng").c_str(), 7);
+    scene->OpenScene(m_dir.File16("scene.apng").c_str(), 7);
     WaitUntilSettled();
     EXPECT_TRUE(scene->IsScenePlaying());
     scene->RenderScene(0, 0);
@@ -84,7 +80,7 @@ TEST_F(SceneTest, PlaysTheMovieIntoOneTextureAsTimeGoesOn) {
 
     // A missing or null path keeps the scene playing; a stop stops it and
     // keeps the last frame in the texture.
-    scene->OpenScene(Path("missing.apng").c_str(), 0);
+    scene->OpenScene(m_dir.File16("missing.apng").c_str(), 0);
     scene->OpenScene(nullptr, 0);
     EXPECT_TRUE(scene->IsScenePlaying());
     scene->StopScene();

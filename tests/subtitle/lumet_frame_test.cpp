@@ -40,8 +40,7 @@ class LumetFrameTest : public test::GlTest<kWidth, kHeight> {
             "-plays 0 -f apng " +
             test::Quote(movie)));
         std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
-        const std::u16string path(movie.begin(), movie.end());  // the temp folder is ASCII
-        std::copy(path.begin(), path.end(), m_swf.szPath);
+        std::copy(movie.begin(), movie.end(), m_swf.szPath);  // the temp folder is ASCII
         m_swf.rcClip = RECT{0, 0, kWidth, kHeight};
         m_swf.x = 20;
         m_swf.y = 20;

@@ -49,8 +49,7 @@ class LumetTest : public testing::Test {
         SetTimeMode(TimeMode::Virtual);
         test::ScriptedPlayer::Install(true);
         ASSERT_TRUE(test::WriteBytes(m_movie, {1, 2, 3}));
-        const std::u16string path(m_movie.begin(), m_movie.end());  // the temp folder is ASCII
-        std::copy(path.begin(), path.end(), m_swf.szPath);
+        std::copy(m_movie.begin(), m_movie.end(), m_swf.szPath);  // the temp folder is ASCII
         m_swf.rcClip = RECT{0, 0, 200, 100};
         std::memcpy(m_text->text, u"Lumets", sizeof(u"Lumets"));
         m_text->rcClip = RECT{0, 0, 400, 100};

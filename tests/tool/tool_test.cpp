@@ -99,8 +99,7 @@ TEST_F(ToolTest, RendersVideoAndPicturesThatRepeatExactly) {
               0);
     EXPECT_EQ(test::ReadBytes(File("at.png")), test::ReadBytes(File("run1") + "/frame_00008.png"));
     PixelBuffer picture;
-    const std::string at = File("at.png");
-    LoadImageFile(picture, std::u16string(at.begin(), at.end()).c_str());
+    LoadImageFile(picture, m_dir.File16("at.png").c_str());
     EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/scene_at_0.7.png",
                                     picture.View(), test::GoldenTolerance{12, 0.01}));
 }
@@ -119,8 +118,7 @@ TEST_F(ToolTest, TheExampleScenesAndASceneMovieRender) {
               0)
         << Errors();
     PixelBuffer frame;
-    const std::string png = File("movie.png");
-    LoadImageFile(frame, std::u16string(png.begin(), png.end()).c_str());
+    LoadImageFile(frame, m_dir.File16("movie.png").c_str());
     const auto red = [&](int x, int y) {  // top-down; the picture is B, G, R bottom-up
         return frame.Data()[static_cast<size_t>(RowStride(kW, 24)) * (kH - 1 - y) + x * 3 + 2];
     };

@@ -56,10 +56,7 @@ class BannerFiles : public ::testing::Environment {
                        half + ")\\,255\\,0):g=if(lt(X\\," + half + ")\\,0\\,255):b=0:a=255");
         return Path(name);
     }
-    std::u16string Path(const std::string& name) const {
-        const std::string path = m_dir.File(name);
-        return std::u16string(path.begin(), path.end());  // the temp folder is ASCII
-    }
+    std::u16string Path(const std::string& name) const { return m_dir.File16(name); }
 
   private:
     void Make(const std::string& name, const std::string& source,
