@@ -12,15 +12,36 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
+#include <vector>
 
-#include "common/png_writer.h"
+#include "common/scratch_files.h"
 #include "image/image_loader.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets::test {
+
+// Writes the picture as a PNG with ffmpeg, which keeps the alpha straight.
+inline bool WritePng(const std::string& path, const ConstPictureView& picture) {
+    const size_t rowBytes = static_cast<size_t>(picture.width) * (picture.bitsPerPixel / 8);
+    std::vector<uint8_t> rows;
+    for (int y = 0; y < picture.height; ++y) {
+        rows.insert(rows.end(), picture.data + picture.strideBytes * y,
+                    picture.data + picture.strideBytes * y + rowBytes);
+    }
+    const std::string raw = path + ".raw";
+    const bool written =
+        WriteBytes(raw, rows) &&
+        RunCommand("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt " +
+                   std::string(picture.bitsPerPixel == 32 ? "bgra" : "bgr24") + " -s " +
+                   std::to_string(picture.width) + "x" + std::to_string(picture.height) + " -i " +
+                   Quote(raw) + " -vf vflip " + Quote(path));  // our rows run bottom-up
+    std::remove(raw.c_str());
+    return written;
+}
 
 struct GoldenTolerance {
     int maxChannelDiff = 0;
