@@ -399,14 +399,11 @@ class LumetFrameTest : public test::GlTest<kWidth, kHeight> {
             "ffmpeg -nostdin -v error -y -f lavfi -i color=c=0x3060C0:s=80x48:d=1:r=10 "
             "-plays 0 -f apng " +
             test::Quote(movie)));
-        std::memset(static_cast<void*>(&m_swf), 0, sizeof m_swf);
         std::copy(movie.begin(), movie.end(), m_swf.szPath);  // the temp folder is ASCII
         m_swf.rcClip = RECT{0, 0, kWidth, kHeight};
         m_swf.x = 20;
         m_swf.y = 20;
-        m_text = std::make_unique<TextPart>();
-        std::memset(static_cast<void*>(m_text.get()), 0, sizeof(TextPart));
-        m_text->style = TextStyle();
+        m_text = std::make_unique<TextPart>();  // zeroed, with the style's own defaults
         m_text->style.fontSize = 24;
         m_text->style.fillColor1 = m_text->style.fillColor2 = 0xFFFFFF;
         m_text->style.outline = 1;
@@ -428,7 +425,7 @@ class LumetFrameTest : public test::GlTest<kWidth, kHeight> {
     }
 
     test::ScratchDir m_dir;
-    SwfPart m_swf;
+    SwfPart m_swf{};
     std::unique_ptr<TextPart> m_text;
     BackgroundPart m_plate{};
     CLumet m_item;
