@@ -3,6 +3,7 @@
 // id.
 #include "manager/lumet_manager.h"
 
+#include <epoxy/gl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,11 +21,11 @@
 #include <vector>
 
 #include "common/counting_gl_factory.h"
-#include "common/gl_context.h"
 #include "common/golden.h"
 #include "common/host_threads.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
+#include "lumets/host/headless_gl.h"
 #include "lumets/time_source.h"
 #include "lumets_common/pixel_ops.h"
 
@@ -153,18 +154,18 @@ TEST_F(ManagerTest, HostileCalls) {
 
 // The GPU objects of an id live as long as the id: a removed id's textures
 // and buffer objects go at the next DrawToTarget, the others stay.
-class ManagerGpuTest : public test::GlTest<320, 200> {
+class ManagerGpuTest : public ManagerTest {
   protected:
     void SetUp() override {
-        test::GlTest<320, 200>::SetUp();
-        if (IsSkipped() || HasFatalFailure()) {
-            return;
+        if (!m_gl.OpenDisplay()) {
+            GTEST_SKIP() << "no EGL display for headless OpenGL: " << m_gl.Error();
         }
+        ASSERT_TRUE(m_gl.CreateContext() && m_gl.CreateFramebuffer(320, 200)) << m_gl.Error();
         m_counting.emplace();
-        m_queue.SetUp();
+        ManagerTest::SetUp();
     }
     void TearDown() override {
-        m_queue.TearDown();
+        ManagerTest::TearDown();
         m_counting.reset();
     }
 
@@ -172,7 +173,7 @@ class ManagerGpuTest : public test::GlTest<320, 200> {
     // per channel away from the CPU's frame.
     int DifferingFromTarget(const std::vector<uint8_t>& cpu, float scale) {
         m_gl.Clear(0x30, 0x30, 0x30, 255);
-        m_queue.m_manager->DrawToTarget(320, 200, scale);
+        m_manager->DrawToTarget(320, 200, scale);
         const std::vector<uint8_t> gpu = m_gl.ReadPixels();
         int differing = 0;
         for (int y = 0; y < 200; ++y) {
@@ -189,14 +190,7 @@ class ManagerGpuTest : public test::GlTest<320, 200> {
     std::optional<test::CountingGlFactory> m_counting;
     static inline std::atomic<int>& textures = test::CountingGlFactory::textures;
     static inline std::atomic<int>& buffers = test::CountingGlFactory::buffers;
-    struct Queue : ManagerTest {
-        void TestBody() override {}
-        using ManagerTest::Add;
-        using ManagerTest::m_dir;
-        using ManagerTest::m_manager;
-        using ManagerTest::SetUp;
-        using ManagerTest::TearDown;
-    } m_queue;
+    host::CHeadlessGl m_gl;
 };
 
 TEST_F(ManagerGpuTest, MoreTexturesThanOneBatchAreAllDeleted) {
@@ -227,11 +221,11 @@ TEST_F(ManagerGpuTest, TheNewerSubtitleIsPaintedOverTheOlder) {
         plate.crColor = colour;
         ItemDescription item{nullptr, text.get(), &plate, 0, {}};
         AdvanceBy(1000);
-        m_queue.m_manager->AddSubtitle(id, u"g", &item, 1, at.x, at.y, false, 0);
+        m_manager->AddSubtitle(id, u"g", &item, 1, at.x, at.y, false, 0);
     }
     WaitUntilSettled();
     std::vector<uint8_t> cpu(RowStride(320, 24) * 200, 0x30);
-    m_queue.m_manager->DrawToBuffer(cpu.data(), 320, 200, 1.0f);
+    m_manager->DrawToBuffer(cpu.data(), 320, 200, 1.0f);
     EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/two_subtitles.png",
                                     PackedPicture(cpu.data(), 320, 200, 24),
                                     test::GoldenTolerance{12, 0.01}));
@@ -240,7 +234,7 @@ TEST_F(ManagerGpuTest, TheNewerSubtitleIsPaintedOverTheOlder) {
         &cpu[static_cast<size_t>(RowStride(320, 24)) * (200 - 1 - 48) + 200 * 3];
     EXPECT_GT(overlap[0], overlap[2]);
     EXPECT_LE(DifferingFromTarget(cpu, 1.0f), 320 * 200 / 50);
-    m_queue.m_manager->ReleaseGpuResources();
+    m_manager->ReleaseGpuResources();
 }
 
 // One item with all three layers lands in one place on the CPU and on the
@@ -248,7 +242,7 @@ TEST_F(ManagerGpuTest, TheNewerSubtitleIsPaintedOverTheOlder) {
 // the plate's do.
 TEST_F(ManagerGpuTest, CpuAndGpuAgreeAtEveryScale) {
     test::ScriptedPlayer::Install(false);  // the real player, on a real movie
-    const std::string movie = m_queue.m_dir.File("blue.apng");
+    const std::string movie = m_dir.File("blue.apng");
     ASSERT_TRUE(
         test::RunCommand("ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i "
                          "color=c=0x3070D0:s=64x48:r=10 -t 0.3 -plays 0 -f apng " +
@@ -267,15 +261,15 @@ TEST_F(ManagerGpuTest, CpuAndGpuAgreeAtEveryScale) {
     text->y = 62;
     BackgroundPart plate{0xC02020, 100, 0, {}};
     ItemDescription item{&swf, text.get(), &plate, 0, {}};
-    m_queue.m_manager->AddSubtitle(u"all", u"g", &item, 1, 30, 20, false, 0);
+    m_manager->AddSubtitle(u"all", u"g", &item, 1, 30, 20, false, 0);
     WaitUntilSettled();
     for (const float scale : {1.0f, 0.5f, 1.5f, 2.0f}) {
         SCOPED_TRACE(scale);
         std::vector<uint8_t> cpu(RowStride(320, 24) * 200, 0x30);
-        m_queue.m_manager->DrawToBuffer(cpu.data(), 320, 200, scale);
+        m_manager->DrawToBuffer(cpu.data(), 320, 200, scale);
         EXPECT_LE(DifferingFromTarget(cpu, scale), 320 * 200 / 50);
     }
-    m_queue.m_manager->ReleaseGpuResources();
+    m_manager->ReleaseGpuResources();
 }
 
 // The GPU objects of an id live as long as the id: a removed id's textures
@@ -294,24 +288,24 @@ TEST_F(ManagerGpuTest, ARemovedIdsObjectsGoAtTheNextDraw) {
     glDeleteTextures(0, nullptr);  // the entry point resolves itself on its first call
     g_deleteTextures = epoxy_glDeleteTextures;
     epoxy_glDeleteTextures = RecordDeletes;
-    m_queue.Add(u"one", u"g", 0, 0);
-    m_queue.Add(u"two", u"g", 50, 50);
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    Add(u"one", u"g", 0, 0);
+    Add(u"two", u"g", 50, 50);
+    m_manager->DrawToTarget(320, 200, 1.0f);
     EXPECT_EQ(std::pair(textures.load(), buffers.load()), std::pair(2, 2));  // a movie each
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    m_manager->DrawToTarget(320, 200, 1.0f);
     EXPECT_EQ(textures.load(), 2);  // reused
-    m_queue.m_manager->RemoveSubtitle(u"one");
+    m_manager->RemoveSubtitle(u"one");
     EXPECT_EQ(buffers.load(), 2);  // not yet
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    m_manager->DrawToTarget(320, 200, 1.0f);
     EXPECT_EQ(buffers.load(), 1);
-    m_queue.m_manager->ReleaseGpuResources();
-    m_queue.m_manager->ReleaseGpuResources();
+    m_manager->ReleaseGpuResources();
+    m_manager->ReleaseGpuResources();
     EXPECT_EQ(buffers.load(), 0);
     EXPECT_EQ(g_deleted, (std::vector<GLsizei>{1, 1, 0}));
     test::CountingGlFactory::refuseBuffers = true;
-    m_queue.Add(u"three", u"g", 0, 0);
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
-    m_queue.m_manager->ReleaseGpuResources();
+    Add(u"three", u"g", 0, 0);
+    m_manager->DrawToTarget(320, 200, 1.0f);
+    m_manager->ReleaseGpuResources();
     epoxy_glDeleteTextures = g_deleteTextures;
     EXPECT_EQ(g_deleted, (std::vector<GLsizei>{1, 1, 0, 1}));
     EXPECT_EQ(test::CountingGlFactory::nullDestroyed.load(), 0);
@@ -320,18 +314,18 @@ TEST_F(ManagerGpuTest, ARemovedIdsObjectsGoAtTheNextDraw) {
 // A host that loses its GL context without ReleaseGpuResources hears of it,
 // once, in the log.
 TEST_F(ManagerGpuTest, ALostContextIsLoggedOnce) {
-    m_queue.Add(u"one", u"g", 0, 0);
-    m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    Add(u"one", u"g", 0, 0);
+    m_manager->DrawToTarget(320, 200, 1.0f);
     m_gl.Close();
     ASSERT_TRUE(m_gl.OpenDisplay() && m_gl.CreateContext() && m_gl.CreateFramebuffer(320, 200));
-    const std::string log = test::CaptureStdout(m_queue.m_dir.File("stdout.txt"), [&] {
-        m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
-        m_queue.m_manager->DrawToTarget(320, 200, 1.0f);
+    const std::string log = test::CaptureStdout(m_dir.File("stdout.txt"), [&] {
+        m_manager->DrawToTarget(320, 200, 1.0f);
+        m_manager->DrawToTarget(320, 200, 1.0f);
     });
     const size_t first = log.find("is no longer a texture");
     EXPECT_NE(first, std::string::npos) << log;
     EXPECT_EQ(log.find("is no longer a texture", first + 1), std::string::npos) << log;
-    m_queue.m_manager->ReleaseGpuResources();
+    m_manager->ReleaseGpuResources();
 }
 
 // Removing many subtitles costs about one frame, not one per subtitle: every
