@@ -3,15 +3,15 @@
 // buffer and to a GL target while the test does something else.
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
+#include <cstring>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "lumets/host/headless_gl.h"
@@ -20,34 +20,24 @@
 
 namespace lumets::test {
 
-// Aborts the test program when a case has not ended within its limit.
+// Aborts the test program, naming the case, when a case has not ended within
+// its limit. One at a time: it takes the process's alarm.
 class Watchdog {
   public:
-    explicit Watchdog(std::string what, std::chrono::seconds limit = std::chrono::seconds(300))
-        : m_what(std::move(what)) {
-        m_thread = std::thread([this, limit] {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            if (!m_done.wait_for(lock, limit, [this] { return m_finished; })) {
-                std::fprintf(stderr, "hung: %s\n", m_what.c_str());
-                std::abort();
-            }
+    explicit Watchdog(const std::string& what, unsigned seconds = 300) {
+        std::snprintf(s_message, sizeof s_message, "hung: %s\n", what.c_str());
+        std::signal(SIGALRM, [](int) {
+            (void)!write(STDERR_FILENO, s_message, std::strlen(s_message));
+            std::abort();
         });
+        alarm(seconds);
     }
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_finished = true;
-        }
-        m_done.notify_one();
-        m_thread.join();
-    }
+    ~Watchdog() { alarm(0); }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
 
   private:
-    std::string m_what;
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_finished = false;
-    std::thread m_thread;
+    static inline char s_message[512];
 };
 
 // Draws on two host threads, to a buffer and (where EGL opens) to a target,
