@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -583,9 +582,9 @@ TEST_F(PlayQueueTest, ATurnLeavesItsLogRecord) {
 // Subtitles end without outliving their owners: every kind of item, ended in
 // every phase of its play, in every way a host ends one, through the public
 // interface with the real movie player. In virtual time each phase is hit
-// exactly, and time goes on after the end so that any thread left behind runs
-// into freed memory where the sanitizers see it; in real time the phases are
-// random. A watchdog fails a case that hangs.
+// exactly (drawing threads run in real time), and time goes on after the end
+// so that any thread left behind runs into freed memory where the sanitizers
+// see it. A watchdog fails a case that hangs.
 struct Kind {
     const char* name;
     bool movie;
@@ -643,10 +642,10 @@ class LifetimeTest : public testing::Test {
     }
     void TearDown() override { SetTimeMode(TimeMode::Real); }
 
-    // Plays one subtitle of the kind, ends it after the wait in the way
-    // given, and lets time go on.
-    void Run(const Kind& kind, const std::function<void()>& wait, bool drawing, Ending ending,
-             const std::function<void()>& after) {
+    // Plays one subtitle of the kind in virtual time, ends it in the phase and
+    // the way given, and lets time go on.
+    void Run(const Kind& kind, const Phase& phase, Ending ending) {
+        SetTimeMode(TimeMode::Virtual);
         SwfPart swf{};
         std::copy(s_movie.begin(), s_movie.end(), swf.szPath);  // the temp folder is ASCII
         swf.rcClip = RECT{0, 0, 200, 100};
@@ -667,10 +666,10 @@ class LifetimeTest : public testing::Test {
         manager->AddSubtitle(u"id", u"group", &item, 1, 10, 10, kind.loop, kind.intervalMs);
         {
             std::unique_ptr<test::Drawers> drawers;
-            if (drawing) {
+            if (phase.drawing) {
                 drawers = std::make_unique<test::Drawers>(manager, 640, 360, 1.5f);
             }
-            wait();
+            AdvanceBy(phase.atMs);
             switch (ending) {
                 case Ending::Remove:
                     manager->RemoveSubtitle(u"id");
@@ -690,7 +689,7 @@ class LifetimeTest : public testing::Test {
         EXPECT_TRUE(ending == Ending::Delete ||
                     !manager->GetPlayingInGroup(u"group", &entry, &count));
         DeleteLumetManager(manager);
-        after();
+        AdvanceBy(1000);
     }
 
     static inline test::ScratchDir* s_dir = nullptr;
@@ -704,28 +703,9 @@ TEST_F(LifetimeTest, EveryKindEndedInEveryPhaseInVirtualTime) {
                 const std::string what = std::string(kind.name) + ", " + phase.name + ", " + how;
                 SCOPED_TRACE(what);
                 test::Watchdog watchdog(what);
-                SetTimeMode(TimeMode::Virtual);
-                Run(
-                    kind, [&] { AdvanceBy(phase.atMs); }, phase.drawing, ending,
-                    [] { AdvanceBy(1000); });
+                Run(kind, phase, ending);
                 SetTimeMode(TimeMode::Real);
             }
-        }
-    }
-}
-
-TEST_F(LifetimeTest, EveryKindEndedAtRandomInRealTime) {
-    std::mt19937 random(19);
-    for (const Kind& kind : kKinds) {
-        for (const auto& [ending, how] : kEndings) {
-            const auto delay = std::chrono::milliseconds(random() % 600);
-            const std::string what =
-                std::string(kind.name) + ", after " + std::to_string(delay.count()) + " ms, " + how;
-            SCOPED_TRACE(what);
-            test::Watchdog watchdog(what);
-            Run(
-                kind, [&] { std::this_thread::sleep_for(delay); }, true, ending,
-                [] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); });
         }
     }
 }
