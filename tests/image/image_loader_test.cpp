@@ -347,16 +347,7 @@ TEST(Resources, MaskLoadsAsForty36ThirtyTwoBitPictureAndOnlyIt) {
     EXPECT_EQ(b.width, 40);
     EXPECT_EQ(b.height, 36);
     EXPECT_EQ(b.bitsPerPixel, 32);
-    EXPECT_EQ(b.Capacity(), 5761u);
-
-    auto pixel = [&](uint32_t x, uint32_t y) { return b.Data() + (y * b.width + x) * 4; };
-    // Transparent corners keep their (white) colour bytes; the middle is solid.
-    for (auto [x, y] : {std::pair{0u, 0u}, {39u, 0u}, {0u, 35u}, {39u, 35u}}) {
-        const uint8_t* p = pixel(x, y);
-        EXPECT_EQ(std::vector<uint8_t>(p, p + 4), (std::vector<uint8_t>{255, 255, 255, 0}))
-            << x << "," << y;
-    }
-    EXPECT_EQ(pixel(20, 18)[3], 255);
+    EXPECT_EQ(b.Capacity(), 5761u);  // its pixels shape the plate goldens' corners
 
     // Unknown resources leave the target alone.
     const Snapshot before(b);

@@ -443,7 +443,7 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
 // checked byte for byte.
 
 // A picture whose every pixel names its own column and top-down row.
-PixelBuffer Picture(int32_t w, int32_t h, uint8_t alpha = 255) {
+PixelBuffer Picture(int32_t w, int32_t h) {
     PixelBuffer buffer;
     EnsureScalable(buffer, w, h);
     buffer.width = w;
@@ -454,7 +454,7 @@ PixelBuffer Picture(int32_t w, int32_t h, uint8_t alpha = 255) {
             p[0] = static_cast<uint8_t>(x);
             p[1] = static_cast<uint8_t>(row);
             p[2] = 200;
-            p[3] = alpha;
+            p[3] = 255;
         }
     }
     return buffer;
@@ -464,8 +464,8 @@ struct Frame {
     int32_t width;
     int32_t height;
     std::vector<uint8_t> bytes;
-    Frame(int32_t w, int32_t h, uint8_t fill = 0x11)
-        : width(w), height(h), bytes(static_cast<size_t>(RowStride(w, 24)) * h + 64, fill) {}
+    Frame(int32_t w, int32_t h)
+        : width(w), height(h), bytes(static_cast<size_t>(RowStride(w, 24)) * h + 64, 0x11) {}
     PictureView View() { return PackedPicture(bytes.data(), width, height, 24); }
     // Top-down access.
     const uint8_t* At(int32_t x, int32_t y) const {
@@ -515,13 +515,6 @@ TEST(ScaledComposite, UnscaledPlacementIsExactClippedAndMakesNoContext) {
         EXPECT_TRUE(std::all_of(frame.bytes.end() - 64, frame.bytes.end(),
                                 [](uint8_t b) { return b == 0x11; }));
     }
-    // Partial alpha follows the blend rule: R = 200 over 100 at alpha 128 is
-    // (127 * 100 + 200 * 128) / 255 = 150.
-    PixelBuffer scaled;
-    Frame frame(4, 2, 100);
-    BlendScaledInto24(Picture(4, 2, 128), scaled, frame.View(), RECT{0, 0, 4, 2}, POINT{0, 0}, 1.0f,
-                      nullptr);
-    EXPECT_EQ(frame.At(2, 1)[2], 150);
 }
 
 // Only the visible part of a picture is scaled, and its pixels are exactly
