@@ -6,9 +6,11 @@
 
 #include <epoxy/gl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,7 +28,6 @@
 
 #include "common/counting_gl_factory.h"
 #include "common/golden.h"
-#include "common/host_threads.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
 #include "lumets/host/headless_gl.h"
@@ -37,6 +38,60 @@
 
 namespace lumets {
 namespace {
+
+// Aborts the test program, naming the case, when a case has not ended within
+// its limit. One at a time: it takes the process's alarm.
+class Watchdog {
+  public:
+    explicit Watchdog(const std::string& what, unsigned seconds = 300) {
+        std::snprintf(s_message, sizeof s_message, "hung: %s\n", what.c_str());
+        std::signal(SIGALRM, [](int) {
+            (void)!write(STDERR_FILENO, s_message, std::strlen(s_message));
+            std::abort();
+        });
+        alarm(seconds);
+    }
+    ~Watchdog() { alarm(0); }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+  private:
+    static inline char s_message[512];
+};
+
+// Draws on two host threads, to a buffer and (where EGL opens) to a target,
+// until it goes.
+class Drawers {
+  public:
+    Drawers(ILumetManager* manager, int32_t width, int32_t height, float scale) {
+        m_threads.emplace_back([=, this] {
+            std::vector<uint8_t> frame(size_t{RowStride(width, 24)} * height);
+            while (!m_stop) {
+                manager->DrawToBuffer(frame.data(), width, height, scale);
+            }
+        });
+        m_threads.emplace_back([=, this] {
+            host::CHeadlessGl gl;
+            if (!gl.OpenDisplay() || !gl.CreateContext() || !gl.CreateFramebuffer(width, height)) {
+                return;
+            }
+            while (!m_stop) {
+                manager->DrawToTarget(width, height, scale);
+            }
+            manager->ReleaseGpuResources();
+        });
+    }
+    ~Drawers() {
+        m_stop = true;
+        for (std::thread& thread : m_threads) {
+            thread.join();
+        }
+    }
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::vector<std::thread> m_threads;
+};
 
 class ManagerTest : public testing::Test {
   protected:
@@ -362,7 +417,7 @@ TEST_F(ManagerTest, ManyThreadsAtOnceInRealTime) {
     swf.nDirection = 1;
     swf.nSpeed = 2000;
     CLumetManager& manager = *m_manager;
-    test::Watchdog watchdog("many threads at once");
+    Watchdog watchdog("many threads at once");
     auto host = [&](uint32_t seed) {
         std::minstd_rand random(seed);
         BackgroundPart plate{0x204080, 60, 0, {}};
@@ -403,7 +458,7 @@ TEST_F(ManagerTest, ManyThreadsAtOnceInRealTime) {
         threads.emplace_back(host, seed);
     }
     {
-        test::Drawers drawers(&manager, 320, 200, 1.5f);
+        Drawers drawers(&manager, 320, 200, 1.5f);
         for (std::thread& thread : threads) {
             thread.join();
         }
@@ -663,9 +718,9 @@ class LifetimeTest : public testing::Test {
         ASSERT_NE(manager, nullptr);
         manager->AddSubtitle(u"id", u"group", &item, 1, 10, 10, kind.loop, kind.intervalMs);
         {
-            std::unique_ptr<test::Drawers> drawers;
+            std::unique_ptr<Drawers> drawers;
             if (phase.drawing) {
-                drawers = std::make_unique<test::Drawers>(manager, 640, 360, 1.5f);
+                drawers = std::make_unique<Drawers>(manager, 640, 360, 1.5f);
             }
             AdvanceBy(phase.atMs);
             switch (ending) {
@@ -700,7 +755,7 @@ TEST_F(LifetimeTest, EveryKindEndedInEveryPhaseInVirtualTime) {
             for (const auto& [ending, how] : kEndings) {
                 const std::string what = std::string(kind.name) + ", " + phase.name + ", " + how;
                 SCOPED_TRACE(what);
-                test::Watchdog watchdog(what);
+                Watchdog watchdog(what);
                 Run(kind, phase, ending);
                 SetTimeMode(TimeMode::Real);
             }

@@ -21,7 +21,6 @@
 
 #include "common/gl_context.h"
 #include "common/golden.h"
-#include "common/recording_combiner.h"
 #include "common/scratch_files.h"
 #include "common/scripted_player.h"
 #include "lumets/time_source.h"
@@ -29,6 +28,38 @@
 
 namespace lumets {
 namespace {
+
+// A combiner that draws nothing and records what it is asked: the order of
+// the calls ("dst<flag>;src;draw;"), and every destination and target size.
+struct RecordingCombiner : IGPUCombiner {
+    bool Init() override { return true; }
+    void Release() override {}
+    void SetOpacity(float) override {}
+    float GetOpacity() const override { return 1; }
+    void Clear(uint32_t) override {}
+    uint32_t GetDrawCount() const override { return 0; }
+    bool DrawTexture(GLuint, int32_t) override {
+        calls += "draw;";
+        return true;
+    }
+    void GetRects(RECT*, RECT*) const override {}
+    bool SetDestination(const RECT* rect, int32_t width, int32_t height, int32_t flag) override {
+        calls += "dst" + std::to_string(flag) + ";";
+        destinations.push_back(*rect);
+        targets.push_back(SIZE{width, height});
+        return true;
+    }
+    bool SetSource(const RECT* rect, int32_t, int32_t, int32_t) override {
+        calls += "src;";
+        sources.push_back(*rect);
+        return true;
+    }
+
+    std::string calls;
+    std::vector<RECT> destinations;
+    std::vector<SIZE> targets;
+    std::vector<RECT> sources;
+};
 
 struct Owner : CLumetEventHandler {
     void OnPlayStarted() override { ++started; }
@@ -267,7 +298,7 @@ TEST_F(LumetTest, HostileDescriptionsAndFrames) {
     ASSERT_TRUE(StartItem(false, true, 1));
     AdvanceBy(200);
     std::vector<uint8_t> frame(RowStride(64, 24) * 48, 7);
-    test::RecordingCombiner combiner;
+    RecordingCombiner combiner;
     std::vector<TextureSlot> slots;
     for (float scale : {0.0f, -1.0f, nan, inf, 1e30f, 1.0f}) {
         RECT r{};
@@ -297,7 +328,7 @@ TEST_F(LumetTest, BoundsHitTestsAndSlots) {
     EXPECT_TRUE(m_item->HitTest(50, 20, 1.0f));
     EXPECT_FALSE(m_item->HitTest(500, 20, 1.0f));
 
-    test::RecordingCombiner combiner;
+    RecordingCombiner combiner;
     std::vector<TextureSlot> slots;
     m_item->RenderToTextures(400, 200, &combiner, &slots, 100, 50, 2.0f);
     // Without a GL context the text upload fails, so only the movie is drawn.
@@ -338,7 +369,7 @@ TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
     std::atomic<bool> done{false};
     std::thread render([&] {
         std::vector<uint8_t> frame(RowStride(320, 24) * 200);
-        test::RecordingCombiner combiner;
+        RecordingCombiner combiner;
         std::vector<TextureSlot> slots;
         while (!done) {
             item.CompositeToFrame(frame.data(), 320, 200, 5, 5, 1.5f);
@@ -443,7 +474,7 @@ TEST_F(LumetFrameTest, TheCpuCompositeMatchesItsGolden) {
 // The calls the layers make, in order, and the plate's top edge, which stops
 // at the target's top when the plate would start above it.
 TEST_F(LumetFrameTest, LayersCallTheCombinerInOrder) {
-    test::RecordingCombiner combiner;
+    RecordingCombiner combiner;
     std::vector<TextureSlot> slots;
     m_item.RenderToTextures(kWidth, kHeight, &combiner, &slots, 0, -200, 1.0f);
     // Moved 200 up, every layer starts above the target: the movie and the
