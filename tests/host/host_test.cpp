@@ -360,32 +360,6 @@ TEST_F(MediaPlayerTest, RenderToFramePlacesClipsAndScales) {
     }
 }
 
-// One player keeps its scaled frame and scaling context across new movie
-// frames and new scales; each step's frame equals that of a player drawing
-// for the first time, at the same movie frame.
-TEST(PlayerScaling, KeptScalingGivesTheFreshPicture) {
-    const VirtualTime time;
-    const float scales[] = {1.5f, 1.5f, 2.0f, 0.5f, 1.5f, 1.5f};
-    PlayerPtr kept = OpenMovie("anim.apng", nullptr, true);
-    std::vector<PlayerPtr> fresh;
-    for (size_t i = 0; i < std::size(scales); ++i) {
-        fresh.push_back(OpenMovie("anim.apng", nullptr, true));
-    }
-    const RECT clip{0, 0, 160, 120};
-    const POINT pos{5, 3};
-    for (size_t i = 0; i < std::size(scales); ++i) {
-        SCOPED_TRACE(testing::Message() << "step " << i << " scale " << scales[i]);
-        HostFrame a(160, 120), b(160, 120);
-        kept->RenderToFrame(a.bytes.data(), 160, 120, &clip, &pos, scales[i]);
-        // Twice: the second draw of one movie frame reuses the scaled picture.
-        kept->RenderToFrame(a.bytes.data(), 160, 120, &clip, &pos, scales[i]);
-        fresh[i]->RenderToFrame(b.bytes.data(), 160, 120, &clip, &pos, scales[i]);
-        fresh[i]->RenderToFrame(b.bytes.data(), 160, 120, &clip, &pos, scales[i]);
-        EXPECT_EQ(a.bytes, b.bytes);
-        AdvanceBy(100);  // the next movie frame
-    }
-}
-
 // Each file replaces the movie before it, a playing one first.
 TEST_F(MediaPlayerTest, FilesItCannotPlayOpenAsNoMovie) {
     IFlashPlayer* player = Open("anim.apng", /*autoPlay=*/true);

@@ -301,30 +301,6 @@ TEST(RefusedImages, PicturesBeyondThePixelLimit) {
     }
 }
 
-TEST(CopyImageToBuffer, PadsRowsFlipsThemAndKeepsALargeEnoughBlock) {
-    // Top row 1..9, bottom row 11..19.
-    DecodedImage image{3, 2, 24, 0,
-                       std::unique_ptr<uint8_t[]>(new uint8_t[18]{1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12,
-                                                                  13, 14, 15, 16, 17, 18, 19})};
-    PixelBuffer b;
-    CopyImageToBuffer(b, &image);
-    EXPECT_EQ(std::tuple(b.width, b.height, b.bitsPerPixel), std::tuple(3, 2, 24));
-    ASSERT_EQ(b.Capacity(), 25u);
-    const std::vector<uint8_t> bytes(b.Data(), b.Data() + 22);
-    const std::vector<uint8_t> want = {11, 12, 13, 14, 15, 16, 17, 18, 19, 255, 0,
-                                       0,  1,  2,  3,  4,  5,  6,  7,  8,  9,   255};
-    EXPECT_EQ(bytes, want);
-
-    // A smaller picture reuses the block.
-    const uint8_t* block = b.Data();
-    image.width = image.height = 1;
-    image.bitsPerPixel = 32;
-    CopyImageToBuffer(b, &image);
-    EXPECT_EQ(b.Capacity(), 25u);
-    EXPECT_EQ(b.Data(), block);
-    EXPECT_EQ(std::tuple(b.width, b.bitsPerPixel), std::tuple(1, 32));
-}
-
 // The library's own image resource: the plate's corner mask.
 TEST(Resources, MaskIsFoundByModuleIdAndTypeOnly) {
     EXPECT_FALSE(FindModuleResource(u"Lumets.dll", 101, u"PNG").empty());

@@ -129,34 +129,6 @@ struct OnePixelCase {
     uint8_t expected[4];
 };
 
-TEST(PixelOps, PixelRuleForEachDepthPair) {
-    const OnePixelCase cases[] = {
-        {"partial mix", 32, {200, 0, 255, 128}, 24, {100, 100, 0}, false, {150, 49, 128}},
-        {"alpha 128", 32, {200, 0, 255, 128}, 32, {100, 100, 0, 3}, false, {150, 49, 128, 128}},
-        {"24 into 32 keeps alpha", 24, {10, 20, 30}, 32, {1, 2, 3, 77}, false, {10, 20, 30, 77}},
-        {"24 into 24", 24, {10, 20, 30}, 24, {1, 2, 3}, false, {10, 20, 30}},
-        {"copy 32 into 32", 32, {5, 6, 7, 0}, 32, {1, 2, 3, 77}, true, {5, 6, 7, 0}},
-        {"copy 32 into 24", 32, {5, 6, 7, 0}, 24, {1, 2, 3}, true, {5, 6, 7}},
-        {"copy 24 into 32", 24, {5, 6, 7}, 32, {1, 2, 3, 77}, true, {5, 6, 7, 255}},
-    };
-    for (const PixelKernels* k : AllTables()) {
-        for (const OnePixelCase& c : cases) {
-            SCOPED_TRACE(std::string(k->name) + ": " + c.what);
-            uint8_t dst[4];
-            std::memcpy(dst, c.dst, 4);
-            const RECT one = {0, 0, 1, 1};
-            const PictureView d = PackedPicture(dst, 1, 1, c.dstBpp);
-            const ConstPictureView s = PackedPicture(c.src, 1, 1, c.srcBpp);
-            if (c.copy) {
-                CopyRectPixelsWith(*k, d, one, s, one);
-            } else {
-                BlendRectWith(*k, d, one, s, one);
-            }
-            EXPECT_EQ(0, std::memcmp(dst, c.expected, static_cast<size_t>(c.dstBpp / 8)));
-        }
-    }
-}
-
 // A 30 x 10 opaque source whose pixel (x, row) is (x + 1, row + 1, 0xCC),
 // blended at pos into a 100 x 100 24-bit picture of zeros: which destination
 // rows receive which source rows, and where a row's run starts and ends.
@@ -561,46 +533,6 @@ TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
         EXPECT_EQ(frame.bytes, expected.bytes) << scale;
         EXPECT_NE(frame.bytes, Frame(200, 120).bytes) << scale;
     }
-}
-
-// A kept context scales exactly as a fresh one: the same sizes with new
-// pixels, other sizes, the old sizes again, whole pictures and some rows.
-TEST(ScaledComposite, AKeptContextScalesAsAFreshOne) {
-    auto noise = [](int32_t w, int32_t h, uint32_t seed) {
-        PixelBuffer buffer = Picture(w, h);
-        for (size_t i = 0; i < size_t{4} * w * h; i += 4) {
-            const uint32_t v = static_cast<uint32_t>(i / 12 + seed) * 2654435761u;
-            std::memcpy(buffer.Data() + i, &v, 4);
-        }
-        return buffer;
-    };
-    struct Step {
-        int32_t srcW, srcH;
-        float scale;
-        uint32_t seed;
-        int32_t firstRow = 0;  // with rows, only these rows of the result
-        int32_t rows = 0;
-    };
-    const Step steps[] = {
-        {97, 31, 1.5f, 1},         {97, 31, 1.5f, 2},       {97, 31, 0.5f, 3},
-        {97, 31, 2.0f, 4},         {40, 120, 1.5f, 5},      {97, 31, 1.5f, 6},
-        {97, 31, 1.5f, 7, 10, 20}, {97, 31, 1.5f, 8, 0, 3}, {97, 31, 1.5f, 9},
-    };
-    CScalerCache kept;
-    for (const Step& s : steps) {
-        const PixelBuffer source = noise(s.srcW, s.srcH, s.seed);
-        const int32_t w = static_cast<int32_t>(static_cast<float>(s.srcW) * s.scale);
-        const int32_t h = static_cast<int32_t>(static_cast<float>(s.srcH) * s.scale);
-        const int32_t rows = s.rows != 0 ? s.rows : h;
-        PixelBuffer cached = Picture(w, rows);
-        PixelBuffer fresh = Picture(w, rows);
-        ASSERT_TRUE(ResizeRows32(source.View(), cached.View(), h, s.firstRow, &kept));
-        ASSERT_TRUE(ResizeRows32(source.View(), fresh.View(), h, s.firstRow));
-        EXPECT_EQ(0, std::memcmp(cached.Data(), fresh.Data(), size_t{4} * w * rows))
-            << s.srcW << "x" << s.srcH << " at " << s.scale << " seed " << s.seed;
-    }
-    // One context per change of sizes: 1.5, 0.5, 2.0, the tall one, 1.5 again.
-    EXPECT_EQ(kept.ContextsMade(), 5u);
 }
 
 TEST(ScaledComposite, NothingHappensForDegenerateInput) {

@@ -228,38 +228,5 @@ TEST_F(LoggerTest, ConcurrentRecordsStayWhole) {
     }
 }
 
-TEST_F(LoggerTest, TerminalGetsColoursByLevel) {
-    int master = -1;
-    int terminal = -1;
-    ASSERT_EQ(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
-    termios mode{};
-    tcgetattr(terminal, &mode);
-    cfmakeraw(&mode);  // no "\n" to "\r\n" translation
-    tcsetattr(terminal, TCSANOW, &mode);
-    const char* const colours[] = {"\x1b[91m", "\x1b[31m", "\x1b[33m", "", "\x1b[35m", "\x1b[94m"};
-    std::string expected;
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    dup2(terminal, STDOUT_FILENO);
-    for (int32_t level = LogFatal; level <= LogTrace; ++level) {
-        Logger::Write(level, "f", 1, "fn", "m");
-        const std::string record = kLevelText[level] + std::string("12:34:56:789 m\n");
-        expected += *colours[level] ? colours[level] + record + "\x1b[0m" : record;
-    }
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string got;
-    pollfd ready{master, POLLIN, 0};
-    char chunk[512];
-    ssize_t n = 0;
-    while (got.size() < expected.size() && poll(&ready, 1, 2000) > 0 &&
-           (n = read(master, chunk, sizeof(chunk))) > 0) {
-        got.append(chunk, static_cast<size_t>(n));
-    }
-    close(terminal);
-    close(master);
-    EXPECT_EQ(got, expected);
-}
-
 }  // namespace
 }  // namespace lumets

@@ -379,20 +379,6 @@ TEST(Utf16, PathFileExists) {
     EXPECT_FALSE(PathFileExists(nullptr));
 }
 
-TEST(DebugOutput, WritesOnlyWhenEnabled) {
-    unsetenv("LUMETS_DEBUG_OUTPUT");
-    testing::internal::CaptureStderr();
-    DebugOutput("hidden\n");
-    DebugOutputW(u"hidden\n");
-    setenv("LUMETS_DEBUG_OUTPUT", "1", 1);
-    DebugOutput("one \r");
-    DebugOutputW(u"\u4e2d two\n");
-    DebugOutput(nullptr);
-    DebugOutputW(nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "one \n\xE4\xB8\xAD two\n");
-    unsetenv("LUMETS_DEBUG_OUTPUT");
-}
-
 std::array<int, 4> Edges(const RECT& r) {
     return {r.left, r.top, r.right, r.bottom};
 }

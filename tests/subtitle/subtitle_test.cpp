@@ -492,24 +492,6 @@ TEST_F(LumetFrameTest, LayersCallTheCombinerInOrder) {
     }
 }
 
-// A steady item drawn at 1.5 scales its text and plate once in 100 frames,
-// while its movie plays on; a new text scales both once more.
-TEST_F(LumetFrameTest, ASteadyItemIsScaledOncePerChange) {
-    std::vector<uint8_t> frame(static_cast<size_t>(RowStride(kWidth, 24)) * kHeight, kGrey);
-    for (int i = 0; i < 100; ++i) {
-        m_item.CompositeToFrame(frame.data(), kWidth, kHeight, 0, 0, 1.5f);
-        AdvanceBy(33);
-    }
-    EXPECT_EQ(m_item.ScaleCounts(), std::pair(1u, 1u));
-    std::memcpy(m_text->text, u"Lumets 字幕!", sizeof(u"Lumets 字幕!"));
-    m_item.UpdateText(m_text.get());
-    for (int i = 0; i < 100; ++i) {
-        m_item.CompositeToFrame(frame.data(), kWidth, kHeight, 0, 0, 1.5f);
-        AdvanceBy(33);
-    }
-    EXPECT_EQ(m_item.ScaleCounts(), std::pair(2u, 2u));
-}
-
 // CSubtitleBackground: plate geometry, colour and alpha, corner zones,
 // rebuilding only on change, the GPU upload, golden pictures and bad input.
 

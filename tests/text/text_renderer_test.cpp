@@ -37,18 +37,6 @@ TEST(NormalizeText, LineBreaksAndFinalLineFeed) {
     EXPECT_EQ(NormalizeText(block, 3), u"xyz\n");
 }
 
-TEST(EmSize, PointsToPixelsAtNinetySixDpi) {
-    EXPECT_EQ(lumets::MulDiv(24, 96, 72), 32);
-    EXPECT_EQ(lumets::MulDiv(16, 96, 72), 21);  // 21.33
-    EXPECT_EQ(lumets::MulDiv(17, 96, 72), 23);  // 22.67 rounds up
-    EXPECT_EQ(lumets::MulDiv(-3, 96, 72), -4);
-    EXPECT_EQ(lumets::MulDiv(1, 1, 0), -1);
-    EXPECT_DOUBLE_EQ(lumets::EmSizePixels(24), 32.0);
-    EXPECT_DOUBLE_EQ(lumets::EmSizePixels(0), 16.0);    // the default size
-    EXPECT_DOUBLE_EQ(lumets::EmSizePixels(-24), 32.0);  // a cell height
-    EXPECT_EQ(lumets::EmSizePixels(100000), lumets::kMaxPictureSide);
-}
-
 // The opacity is not clamped: 101 % is 257 before the shift and only its low
 // byte survives. The colour's own top byte never shows.
 TEST(StyleColour, OpacityWrapsAndTheTopByteIsDropped) {

@@ -270,45 +270,6 @@ TEST_F(OmbrelTest, PlatePiecesPlacementScaleAndTexture) {
     }
 }
 
-// A new caps image of the same size keeps the plate built before; scaling
-// happens once while nothing changes.
-TEST_F(OmbrelTest, ThePlateIsRebuiltOnlyForANewSizeAndScaledOnce) {
-    COmbrelGameSubtitle banner;
-    banner.SetText(kText, 16);
-    banner.LoadImages(g_files->Caps(40).c_str(), P("middle.png").c_str());
-    Frame frame(640, 480);
-    const RECT rect{0, 0, 640, 480};
-    for (int i = 0; i < 10; ++i) {
-        banner.Compose(frame.bytes.data(), 640, 480, &rect, 1.5f);
-    }
-    EXPECT_EQ(banner.ScaleCount(), 1u);
-    const std::vector<uint8_t> before(banner.Plate().Data(),
-                                      banner.Plate().Data() + 4 * banner.Plate().width * 36);
-    banner.LoadImages(P("caps.png").c_str(), nullptr);
-    banner.Compose(frame.bytes.data(), 640, 480, &rect, 1.5f);
-    EXPECT_TRUE(std::equal(before.begin(), before.end(), banner.Plate().Data()));
-    banner.SetText(u"a longer text than before", 16);
-    banner.Compose(frame.bytes.data(), 640, 480, &rect, 1.5f);
-    EXPECT_EQ(banner.ScaleCount(), 2u);
-    // Rebuilt for the new width: the new caps' bottom-left pixel.
-    EXPECT_TRUE(
-        std::equal(banner.Plate().Data(), banner.Plate().Data() + 4, Load("caps.png").Data()));
-}
-
-TEST(Banners, AllThreeInAFrameMatchTheGolden) {
-    Manager manager;
-    SetUpAll(manager.m);
-    Frame frame(1280, 720);
-    const POINT tavrin{40, 600};
-    const POINT quellin{900, 400};
-    const RECT ombrel{200, 100, 600, 200};
-    manager->ComposeTavrin(frame.bytes.data(), 1280, 720, &tavrin);
-    manager->ComposeQuellin(frame.bytes.data(), 1280, 720, &quellin);
-    manager->ComposeOmbrel(frame.bytes.data(), 1280, 720, &ombrel, 1.5f);
-    EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/banners.png",
-                                    frame.View(), test::GoldenTolerance{12, 0.01}));
-}
-
 // Every refusal leaves the frame as it was and the outputs alone.
 TEST(Banners, RefusalsAndBadInputDrawNothing) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
