@@ -79,8 +79,6 @@ void DeleteFlashPlayer(IFlashPlayer* player) {
 namespace lumets::host {
 
 void PrepareMovie(const char16_t* path) {
-    // Host paths are at most a few hundred units; this only bounds the read.
-    constexpr size_t kMaxPathUnits = 32768;
     HostGuarded(__func__, [path] {
         if (path != nullptr) {
             PrepareMovie(platform::U16ToUtf8(path, kMaxPathUnits));

@@ -1,7 +1,6 @@
 #include "frame_compositor.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "lumets_common/ffmpeg_quiet.h"
 #include "lumets_common/pixel_ops.h"
@@ -39,24 +38,19 @@ void ScaledSize(int32_t width, int32_t height, float scale, int32_t* scaledWidth
     *scaledHeight = sh;
 }
 
-bool ConvertFrame(const AVFrame& picture, int32_t width, int32_t height, FrameScaler* scaler,
+bool ConvertFrame(const AVFrame& picture, int32_t width, int32_t height, SwsContextPtr* scaler,
                   ConvertedFrame* out) {
     if (width <= 0 || height <= 0) {
         return false;
     }
     const CQuietFfmpeg quiet;
     SwsContext* context =
-        sws_getCachedContext(scaler->context.release(), picture.width, picture.height,
+        sws_getCachedContext(scaler->release(), picture.width, picture.height,
                              static_cast<AVPixelFormat>(picture.format), width, height,
                              AV_PIX_FMT_BGRA, SWS_BICUBIC, nullptr, nullptr, nullptr);
-    scaler->context.reset(context);
+    scaler->reset(context);
     if (context == nullptr) {
         return false;
-    }
-    const int32_t key[5] = {picture.width, picture.height, picture.format, width, height};
-    if (!std::equal(std::begin(key), std::end(key), std::begin(scaler->key))) {
-        std::copy(std::begin(key), std::end(key), std::begin(scaler->key));
-        ++scaler->made;
     }
     // Bottom-up out: start at the last row and step backwards. The slack
     // covers vector stores past the last pixel.

@@ -38,12 +38,6 @@ class CFrameConversion {
         }
     }
 
-    // For tests: the conversion contexts made so far.
-    uint32_t ContextCount() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_scaler.made;
-    }
-
   private:
     const uint8_t* Get(const std::shared_ptr<const DecodedFrame>& frame, int32_t width,
                        int32_t height);
@@ -51,7 +45,7 @@ class CFrameConversion {
     std::mutex m_mutex;
     std::shared_ptr<const DecodedFrame> m_frame;  // the frame m_converted shows
     ConvertedFrame m_converted;
-    FrameScaler m_scaler;
+    SwsContextPtr m_scaler;
 };
 
 }  // namespace lumets::host

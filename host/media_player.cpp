@@ -19,8 +19,6 @@ namespace lumets::host {
 
 namespace {
 
-// Host paths are at most a few hundred units; this only bounds the read.
-constexpr size_t kMaxPathUnits = 32768;
 // Frames decoded ahead of the one on show: a handful, fewer for large movies.
 constexpr size_t kAheadBytes = size_t{24} << 20;
 constexpr size_t kMostAhead = 4;
@@ -112,6 +110,16 @@ class CPreparedMovies {
     std::vector<Entry> m_entries;
 };
 
+// Converts the frame to width x height now, so that drawing it at that size
+// costs a blend only; nothing when the size is not known yet or libswscale
+// refuses.
+void ConvertAhead(DecodedFrame* frame, int32_t width, int32_t height, SwsContextPtr* scaler) {
+    auto converted = std::make_shared<ConvertedFrame>();
+    if (width > 0 && ConvertFrame(*frame->picture, width, height, scaler, converted.get())) {
+        frame->converted = std::move(converted);
+    }
+}
+
 }  // namespace
 
 void PrepareMovie(const std::string& path) {
@@ -121,14 +129,10 @@ void PrepareMovie(const std::string& path) {
         return;
     }
     std::unique_ptr<CMovieSource> source = OpenMovieSource(path, &first);
-    // Drawn at the movie's own size, the first frame is ready too.
-    auto converted = std::make_shared<ConvertedFrame>();
-    FrameScaler scaler;
-    if (source &&
-        ConvertFrame(*first.picture, source->Width(), source->Height(), &scaler, converted.get())) {
-        first.converted = std::move(converted);
-    }
     if (source) {
+        // Drawn at the movie's own size, the first frame is ready too.
+        SwsContextPtr scaler;
+        ConvertAhead(&first, source->Width(), source->Height(), &scaler);
         CPreparedMovies::Instance().Put(std::move(key), std::move(source), std::move(first));
     }
 }
@@ -157,7 +161,7 @@ struct CMediaPlayer::Shared {
     // The size the host drew at last, to which frames are converted ahead.
     int32_t drawWidth = 0;
     int32_t drawHeight = 0;
-    FrameScaler aheadScaler;  // the playing thread's own, used outside the lock
+    SwsContextPtr aheadScaler;  // the playing thread's own, used outside the lock
     bool loading = false;
     bool playing = false;
     bool quit = false;
@@ -228,12 +232,8 @@ struct CMediaPlayer::Shared {
             ok = source->Restart() && source->Next(&frame);
         }
         ok = ok && source->Next(&frame);
-        // Converted here, ahead, so that drawing it costs a blend only.
-        auto converted = std::make_shared<ConvertedFrame>();
-        if (ok && drawWidth > 0 &&
-            ConvertFrame(*frame.picture, drawWidth, drawHeight, &self->aheadScaler,
-                         converted.get())) {
-            frame.converted = std::move(converted);
+        if (ok) {
+            ConvertAhead(&frame, drawWidth, drawHeight, &self->aheadScaler);
         }
         std::unique_lock<std::mutex> lock(self->mutex);
         if (movie != self->movieCount) {

@@ -13,6 +13,8 @@
 
 namespace lumets::host {
 
+// Host paths are at most a few hundred units; this only bounds their reading.
+inline constexpr size_t kMaxPathUnits = 32768;
 // A larger picture is refused.
 inline constexpr int32_t kMaxMovieSide = 8192;
 // The most a file holding a movie may be read into memory at once (one
@@ -29,16 +31,10 @@ struct ConvertedFrame {
     std::vector<uint8_t> pixels;
 };
 
-// A libswscale context kept while the sizes and the format stay.
-struct FrameScaler {
-    SwsContextPtr context;
-    int32_t key[5] = {};  // from width, height, format; to width, height
-    uint32_t made = 0;    // contexts made so far
-};
-
 // Converts picture into *out at width x height in one libswscale pass
-// (bicubic). False when libswscale refuses.
-bool ConvertFrame(const AVFrame& picture, int32_t width, int32_t height, FrameScaler* scaler,
+// (bicubic), with *context kept while the sizes and the format stay. False
+// when libswscale refuses.
+bool ConvertFrame(const AVFrame& picture, int32_t width, int32_t height, SwsContextPtr* context,
                   ConvertedFrame* out);
 
 struct DecodedFrame {

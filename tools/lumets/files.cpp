@@ -1,6 +1,7 @@
 #include "files.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -119,6 +120,25 @@ void CPendingFile::Discard() {
     }
 }
 
+int WriteAll(int fd, const uint8_t* data, size_t size) {
+    for (size_t done = 0; done < size;) {
+        const ssize_t n = write(fd, data + done, size - done);
+        if (n < 0 && errno == EAGAIN) {
+            pollfd wait{fd, POLLOUT, 0};
+            poll(&wait, 1, -1);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return n < 0 ? errno : EIO;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
 bool WriteWholeFile(const std::string& path, const uint8_t* data, size_t size, std::string* error) {
     CPendingFile file;
     if (!file.Create(path, error)) {
@@ -130,16 +150,9 @@ bool WriteWholeFile(const std::string& path, const uint8_t* data, size_t size, s
         *error = "cannot write: " + ErrnoText(errno);
         return false;
     }
-    for (size_t done = 0; done < size;) {
-        const ssize_t n = write(out.Get(), data + done, size - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            *error = "cannot write: " + ErrnoText(n < 0 ? errno : EIO);
-            return false;
-        }
-        done += static_cast<size_t>(n);
+    if (const int code = WriteAll(out.Get(), data, size); code != 0) {
+        *error = "cannot write: " + ErrnoText(code);
+        return false;
     }
     return file.Commit(error);
 }

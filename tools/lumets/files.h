@@ -50,6 +50,10 @@ class CPendingFile {
     std::string m_temporary;
 };
 
+// Writes all of data to fd, carrying on after interruptions and waiting while
+// fd would block. 0, or the errno of the failure (EPIPE: the reader has gone).
+int WriteAll(int fd, const uint8_t* data, size_t size);
+
 // Writes size bytes as the whole file at path, through a CPendingFile. False,
 // with the reason in *error, when it cannot; path is then left as it was.
 bool WriteWholeFile(const std::string& path, const uint8_t* data, size_t size, std::string* error);

@@ -368,9 +368,9 @@ struct FilterOptions {
     bool stats = false;
 };
 
-// Reading and writing raw frames without the C library's buffers, so that a
-// frame leaves as soon as it is composited and a stalled input or a signal is
-// seen at once.
+// Frames are read and written (WriteAll) without the C library's buffers, so
+// that a frame leaves as soon as it is composited and a stalled input or a
+// signal is seen at once.
 enum class Transfer { Done, Ended, Failed, Stopped };
 
 // Reads size bytes; *got says how many arrived (short when the input ends).
@@ -402,26 +402,6 @@ Transfer ReadAll(int fd, uint8_t* data, size_t size, size_t* got) {
             return Transfer::Failed;
         }
         *got += static_cast<size_t>(n);
-    }
-    return Transfer::Done;
-}
-
-// Writes the whole of data; a frame begun is finished even when a signal comes.
-Transfer WriteAll(int fd, const uint8_t* data, size_t size) {
-    for (size_t done = 0; done < size;) {
-        const ssize_t n = write(fd, data + done, size - done);
-        if (n < 0 && errno == EAGAIN) {
-            pollfd wait{fd, POLLOUT, 0};
-            poll(&wait, 1, -1);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return n < 0 && errno == EPIPE ? Transfer::Ended : Transfer::Failed;
-        }
-        done += static_cast<size_t>(n);
     }
     return Transfer::Done;
 }
@@ -494,12 +474,12 @@ int Filter(const FilterOptions& options) {
                             frame.data() + FrameStride(size.width) * (size.height - 1 - y),
                             rowBytes);
             }
-            const Transfer written = WriteAll(out, raw.data(), rawBytes);
-            const int writeError = errno;
-            if (written == Transfer::Ended) {
+            // A frame begun is finished even when a signal comes.
+            const int writeError = WriteAll(out, raw.data(), rawBytes);
+            if (writeError == EPIPE) {
                 break;  // the reader has gone: nothing more to do
             }
-            if (written == Transfer::Failed) {
+            if (writeError != 0) {
                 std::fprintf(stderr,
                              "lumets: cannot write standard output: %s; %llu whole frames were "
                              "written\n",
