@@ -10,16 +10,16 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     try {
-        const lumets::tool::Scene scene =
-            lumets::tool::ParseScene(text, "fuzz.json", "/nonexistent-lumets-media",
-                                     [](const std::string& path, lumets::tool::MediaUse) {
-                                         return lumets::tool::WhyNotAFile(path);
-                                     });
+        const lumets::playback::Scene scene =
+            lumets::playback::ParseScene(text, "fuzz.json", "/nonexistent-lumets-media",
+                                         [](const std::string& path, lumets::playback::MediaUse) {
+                                             return lumets::playback::WhyNotAFile(path);
+                                         });
         if (scene.width < 16 || scene.height < 16 || !(scene.fps >= 1) ||
             scene.subtitles.size() > 256) {
             std::abort();
         }
-    } catch (const lumets::tool::SceneError& error) {
+    } catch (const lumets::playback::SceneError& error) {
         if (std::string(error.what()).rfind("fuzz.json:", 0) != 0) {
             std::abort();  // every message names the file first
         }

@@ -32,3 +32,11 @@
 #else
 #define LUMETS_HOST_API LUMETS_IMPORT
 #endif
+
+// LUMETS_SCENE_API marks what liblumets_scene exports: its C interface, and
+// the scene model, reader and player for C++ hosts such as the lumets program.
+#if defined(LUMETS_BUILDING_SCENE)
+#define LUMETS_SCENE_API LUMETS_EXPORT
+#else
+#define LUMETS_SCENE_API LUMETS_IMPORT
+#endif

@@ -6,21 +6,13 @@
 #include <cstdint>
 #include <string>
 
+#include "paths.h"
+
 namespace lumets::tool {
 
-// What a scene does with a media file.
-enum class MediaUse {
-    Movie,    // played by the host's movie player: a movie layer, the scene movie
-    Picture,  // decoded by FFmpeg: a banner's picture, a backdrop picture or video
-};
-
-// Empty when path names a regular file; otherwise why not, in words: "not
-// found", "is a folder, not a file", "is a named pipe (FIFO), not a file",
-// "is a symbolic link loop", "cannot be read: Permission denied", ...
-std::string WhyNotAFile(const std::string& path);
-
-// The text of an errno value.
-std::string ErrnoText(int code);
+using playback::ErrnoText;
+using playback::MediaUse;
+using playback::WhyNotAFile;
 
 // The extension of path in lower case, with its dot: ".mp4"; empty without one.
 std::string LowerExtension(const std::string& path);

@@ -36,6 +36,9 @@ extern "C" {
 #include "video_io.h"
 
 namespace lumets::tool {
+
+using namespace lumets::playback;
+
 namespace {
 
 constexpr int kOutputFailed = 1;

@@ -16,11 +16,11 @@
 #include <string>
 #include <vector>
 
-#include "files.h"
+#include "paths.h"
 
-namespace lumets::tool {
+namespace lumets::playback {
 
-class SceneError : public std::runtime_error {
+class LUMETS_SCENE_API SceneError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
@@ -137,13 +137,13 @@ using MediaCheck = std::function<std::string(const std::string& path, MediaUse u
 
 // Reads and checks the scene file at path, and each media file it names
 // through check (once per file and use).
-Scene LoadScene(const std::string& path, const MediaCheck& check);
+LUMETS_SCENE_API Scene LoadScene(const std::string& path, const MediaCheck& check);
 // The same for JSON text; name stands for the file in messages and baseDir
 // anchors relative media paths.
-Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir,
-                 const MediaCheck& check);
+LUMETS_SCENE_API Scene ParseScene(const std::string& text, const std::string& name,
+                                  const std::string& baseDir, const MediaCheck& check);
 
 // "#RRGGBB" as 0xRRGGBB; false when text is not such a colour.
-bool ParseColour(const std::string& text, uint32_t* colour);
+LUMETS_SCENE_API bool ParseColour(const std::string& text, uint32_t* colour);
 
-}  // namespace lumets::tool
+}  // namespace lumets::playback

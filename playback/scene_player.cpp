@@ -12,9 +12,8 @@ extern "C" {
 
 #include "lumets_common/pixel_ops.h"
 #include "lumets_platform/utf16.h"
-#include "video_io.h"
 
-namespace lumets::tool {
+namespace lumets::playback {
 namespace {
 
 // The host's records live on the heap: a text part is 128 KiB.
@@ -301,4 +300,4 @@ void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
                      POINT{scaled(r.left), scaled(r.top)}, PackedPicture(fitted.data(), w, h, 32));
 }
 
-}  // namespace lumets::tool
+}  // namespace lumets::playback

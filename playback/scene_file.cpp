@@ -12,11 +12,11 @@
 #include <set>
 #include <sstream>
 
-#include "files.h"
 #include "lumets_platform/file.h"
 #include "lumets_platform/utf16.h"
+#include "paths.h"
 
-namespace lumets::tool {
+namespace lumets::playback {
 namespace {
 
 using nlohmann::json;
@@ -880,4 +880,4 @@ Scene LoadScene(const std::string& path, const MediaCheck& check) {
     return ParseScene(text, path, base.empty() ? "." : base.string(), check);
 }
 
-}  // namespace lumets::tool
+}  // namespace lumets::playback

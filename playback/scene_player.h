@@ -19,9 +19,9 @@
 
 #include "scene_file.h"
 
-namespace lumets::tool {
+namespace lumets::playback {
 
-class CScenePlayer {
+class LUMETS_SCENE_API CScenePlayer {
   public:
     // Virtual time must be on. gpu composites the subtitles through
     // DrawToTarget on a headless OpenGL context. False from Ok(), with the
@@ -70,4 +70,4 @@ class CScenePlayer {
     IVirtualSceneManager* m_virtualScene = nullptr;
 };
 
-}  // namespace lumets::tool
+}  // namespace lumets::playback
