@@ -756,14 +756,14 @@ bool ParseColour(const std::string& text, uint32_t* colour) {
     return true;
 }
 
-Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir,
-                 const MediaCheck& check) {
-    json root;
-    size_t read = 0;
-    LocatingParser parser(root, &read);
+namespace {
+
+// Parses text into root with located errors. Every reading starts here, so a
+// scene and a live action are refused with the same words.
+void ParseJson(const std::string& text, const std::string& name, size_t& read,
+               LocatingParser& parser, const Reader& reader) {
     const CountingIterator first(text.data(), text.data(), &read);
     const CountingIterator last(text.data() + text.size(), text.data(), &read);
-    Reader reader(name, text, baseDir, parser, check);
     if (text.size() > kMaxSceneBytes) {
         throw SceneError(name + ": larger than 16 MiB; no scene is that large");
     }
@@ -786,6 +786,30 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         throw SceneError(reader.Where(read) + ": " +
                          (close == std::string::npos ? what : what.substr(close + 2)));
     }
+}
+
+}  // namespace
+
+Action ParseAction(const std::string& text, const std::string& name, const std::string& baseDir,
+                   const MediaCheck& check) {
+    json root;
+    size_t read = 0;
+    LocatingParser parser(root, &read);
+    Reader reader(name, text, baseDir, parser, check);
+    ParseJson(text, name, read, parser, reader);
+    if (root.is_object() && root.contains("at")) {
+        reader.Fail("/at#", "\"at\" has no meaning for an action applied now; leave it out");
+    }
+    return ReadAction(reader, root, "");
+}
+
+Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir,
+                 const MediaCheck& check) {
+    json root;
+    size_t read = 0;
+    LocatingParser parser(root, &read);
+    Reader reader(name, text, baseDir, parser, check);
+    ParseJson(text, name, read, parser, reader);
 
     Scene scene;
     Object o(reader, root, "");

@@ -143,6 +143,11 @@ LUMETS_SCENE_API Scene LoadScene(const std::string& path, const MediaCheck& chec
 LUMETS_SCENE_API Scene ParseScene(const std::string& text, const std::string& name,
                                   const std::string& baseDir, const MediaCheck& check);
 
+// One action of the scene file's vocabulary ({"do": "add", ...}) for a scene
+// that plays now: the same checks and messages, without "at".
+LUMETS_SCENE_API Action ParseAction(const std::string& text, const std::string& name,
+                                    const std::string& baseDir, const MediaCheck& check);
+
 // "#RRGGBB" as 0xRRGGBB; false when text is not such a colour.
 LUMETS_SCENE_API bool ParseColour(const std::string& text, uint32_t* colour);
 
