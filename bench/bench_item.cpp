@@ -50,11 +50,11 @@ void BM_CompositeToFrame(benchmark::State& state) {
     const float scale = static_cast<float>(state.range(0)) / 10.0f;
     std::vector<uint8_t> frame(static_cast<size_t>(lumets::RowStride(1920, 24)) * 1080, 40);
     for (int i = 0; i < 30; ++i) {  // warm-up: buffers and caches grow
-        scene.item.CompositeToFrame(frame.data(), 1920, 1080, 0, 0, scale);
+        scene.item.CompositeToFrame(lumets::PackedFrame24(frame.data(), 1920, 1080), 0, 0, scale);
     }
     lumets::bench::StartCounting();
     for (auto _ : state) {
-        scene.item.CompositeToFrame(frame.data(), 1920, 1080, 0, 0, scale);
+        scene.item.CompositeToFrame(lumets::PackedFrame24(frame.data(), 1920, 1080), 0, 0, scale);
         benchmark::DoNotOptimize(frame.data());
     }
     state.counters["allocations_per_frame"] = static_cast<double>(lumets::bench::StopCounting()) /

@@ -46,7 +46,7 @@ void BM_TextSteady(benchmark::State& state, float scale) {
     std::vector<uint8_t> frame = HostFrame();
     const RECT clip{0, 0, kFrameW, kFrameH};
     const auto draw = [&] {
-        renderer.BlendScaledInto24(PackedPicture(frame.data(), kFrameW, kFrameH, 24), clip,
+        renderer.BlendScaledIntoFrame(PackedPicture(frame.data(), kFrameW, kFrameH, 24), clip,
                                    POINT{100, 600}, scale);
     };
     draw();  // warm-up: the one scale

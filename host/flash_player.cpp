@@ -5,6 +5,7 @@
 
 #include "factory_hook.h"
 #include "host_guard.h"
+#include "lumets_common/picture.h"
 #include "lumets_platform/utf16.h"
 #include "media_player.h"
 #include "movie.h"
@@ -50,6 +51,10 @@ class CGuardedPlayer final : public lumets::host::CHostGuarded<IFlashPlayer> {
                        const POINT* pos, float scale) override {
         Forward(__func__, &IFlashPlayer::RenderToFrame, frame, width, height, clip, pos, scale);
     }
+    void RenderToHostFrame(const lumets_frame* frame, const RECT* clip, const POINT* pos,
+                           float scale) override {
+        Forward(__func__, &IFlashPlayer::RenderToHostFrame, frame, clip, pos, scale);
+    }
 };
 
 IFlashPlayer* CreateMediaPlayer() {
@@ -91,3 +96,14 @@ void SetFlashPlayerFactory(FlashPlayerFactory create, FlashPlayerDeleter destroy
 }
 
 }  // namespace lumets::host
+
+void IFlashPlayer::RenderToHostFrame(const lumets_frame* frame, const RECT* clip, const POINT* pos,
+                                     float scale) {
+    if (frame != nullptr && frame->format == LUMETS_FORMAT_BGR24 &&
+        frame->flags == LUMETS_FRAME_BOTTOM_UP && frame->width > 0 && frame->height > 0 &&
+        frame->stride ==
+            static_cast<int64_t>(lumets::RowStride(static_cast<uint32_t>(frame->width), 24))) {
+        RenderToFrame(static_cast<uint8_t*>(frame->data), static_cast<uint32_t>(frame->width),
+                      static_cast<uint32_t>(frame->height), clip, pos, scale);
+    }
+}

@@ -510,7 +510,14 @@ bool CMediaPlayer::RenderToTexture(GLuint texture, uint32_t* width, uint32_t* he
 
 void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height, const RECT* clip,
                                  const POINT* pos, float scale) {
-    if (frame == nullptr || width == 0 || height == 0) {
+    const lumets_frame packed = PackedFrame24(frame, width, height);
+    RenderToHostFrame(&packed, clip, pos, scale);
+}
+
+void CMediaPlayer::RenderToHostFrame(const lumets_frame* frame, const RECT* clip, const POINT* pos,
+                                     float scale) {
+    const PictureView target = FrameView(frame);
+    if (target.data == nullptr) {
         return;
     }
     int32_t movieWidth = 0;
@@ -526,11 +533,6 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
     if (!shown) {
         return;
     }
-    if (width > INT32_MAX || height > INT32_MAX) {
-        return;
-    }
-    const PictureView target =
-        PackedPicture(frame, static_cast<int32_t>(width), static_cast<int32_t>(height), 24);
     // The clip and position come in item units, as the text's and the plate's
     // do, and scale with the frame as theirs do.
     RECT area{0, 0, target.width, target.height};
@@ -542,8 +544,7 @@ void CMediaPlayer::RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height
                              ? POINT{ScaleCoordinate(pos->x, scale), ScaleCoordinate(pos->y, scale)}
                              : POINT{0, 0};
     m_frameConversion.WithFrame(shown, scaledWidth, scaledHeight, [&](const uint8_t* pixels) {
-        BlendIntoFrame24(target, area, origin,
-                         PackedPicture(pixels, scaledWidth, scaledHeight, 32));
+        BlendIntoFrame(target, area, origin, PackedPicture(pixels, scaledWidth, scaledHeight, 32));
     });
 }
 

@@ -38,6 +38,8 @@ class CMediaPlayer final : public IFlashPlayer {
     double GetFrameRate() override;
     bool GetSize(uint32_t* width, uint32_t* height) override;
     bool RenderToTexture(GLuint texture, uint32_t* width, uint32_t* height, IPBO* pbo) override;
+    void RenderToHostFrame(const lumets_frame* frame, const RECT* clip, const POINT* pos,
+                           float scale) override;
     void RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height, const RECT* clip,
                        const POINT* pos, float scale) override;
 

@@ -223,6 +223,64 @@ LUMETS_AVX2 void Blend32To32(uint8_t* dst, const uint8_t* src, size_t count) {
     ScalarKernels().blend32To32(dst, src, count - i);
 }
 
+// A host's 32-bit frame keeps its fourth byte whatever the source: the
+// colours of Blend8 (or the source's, for a block of alpha 255) with the
+// destination's fourth byte put back.
+LUMETS_AVX2 void Blend32ToBgrx(uint8_t* dst, const uint8_t* src, size_t count) {
+    const __m256i alpha = AlphaMask();
+    size_t i = 0;
+    for (; i + kStep <= count; i += kStep, dst += 4 * kStep, src += 4 * kStep) {
+        const __m256i s0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
+        const __m256i s1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 32));
+        if (_mm256_testz_si256(_mm256_or_si256(s0, s1), alpha)) {
+            continue;
+        }
+        const __m256i d0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst));
+        const __m256i d1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32));
+        __m256i r0 = s0;
+        __m256i r1 = s1;
+        if (!_mm256_testc_si256(_mm256_and_si256(s0, s1), alpha)) {
+            r0 = Blend8(d0, s0);
+            r1 = Blend8(d1, s1);
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_blendv_epi8(r0, d0, alpha));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32),
+                            _mm256_blendv_epi8(r1, d1, alpha));
+    }
+    _mm256_zeroupper();
+    ScalarKernels().blend32ToBgrx(dst, src, count - i);
+}
+
+// R, G, B frames: the source's B and R swapped into a small block first, then
+// blended by the B, G, R kernel, which then writes R where it wrote B.
+template <size_t Step, RowKernel Blend>
+LUMETS_AVX2 void BlendSwapped(uint8_t* dst, const uint8_t* src, size_t count) {
+    constexpr size_t kBlock = 64;
+    alignas(32) uint8_t swapped[4 * kBlock];
+    const __m256i order = _mm256_setr_epi8(2, 1, 0, 3, 6, 5, 4, 7, 10, 9, 8, 11, 14, 13, 12, 15, 2,
+                                           1, 0, 3, 6, 5, 4, 7, 10, 9, 8, 11, 14, 13, 12, 15);
+    while (count > 0) {
+        const size_t n = count < kBlock ? count : kBlock;
+        size_t j = 0;
+        for (; j + 8 <= n; j += 8) {
+            const __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 4 * j));
+            _mm256_store_si256(reinterpret_cast<__m256i*>(swapped + 4 * j),
+                               _mm256_shuffle_epi8(s, order));
+        }
+        for (; j < n; ++j) {
+            swapped[4 * j] = src[4 * j + 2];
+            swapped[4 * j + 1] = src[4 * j + 1];
+            swapped[4 * j + 2] = src[4 * j];
+            swapped[4 * j + 3] = src[4 * j + 3];
+        }
+        _mm256_zeroupper();
+        Blend(dst, swapped, n);
+        dst += Step * n;
+        src += 4 * n;
+        count -= n;
+    }
+}
+
 template <bool KeepAlpha>
 LUMETS_AVX2_INLINE void Copy24To32Row(uint8_t* dst, const uint8_t* src, size_t count,
                                       RowKernel tail) {
@@ -269,8 +327,17 @@ LUMETS_AVX2 void Copy32To24(uint8_t* dst, const uint8_t* src, size_t count) {
 
 const PixelKernels* Avx2Kernels() {
     static const PixelKernels kernels = {
-        "avx2",           Blend32To24, Blend32To32,    CopyRowBytes24, Copy24To32KeepAlpha,
-        Copy24To32Opaque, Copy32To24,  CopyRowBytes32,
+        .name = "avx2",
+        .blend32To24 = Blend32To24,
+        .blend32To32 = Blend32To32,
+        .blend32ToRgb24 = BlendSwapped<3, Blend32To24>,
+        .blend32ToBgrx = Blend32ToBgrx,
+        .blend32ToRgbx = BlendSwapped<4, Blend32ToBgrx>,
+        .copy24To24 = CopyRowBytes24,
+        .copy24To32KeepAlpha = Copy24To32KeepAlpha,
+        .copy24To32Opaque = Copy24To32Opaque,
+        .copy32To24 = Copy32To24,
+        .copy32To32 = CopyRowBytes32,
     };
     static const bool supported = [] {
         __builtin_cpu_init();

@@ -34,6 +34,29 @@ void BlendRow32(uint8_t* dst, const uint8_t* src, size_t count) {
     }
 }
 
+// A host's frame: Step bytes a pixel, colours in B, G, R order or swapped to
+// R, G, B, and a fourth byte (if any) that is never touched.
+template <size_t Step, bool Swap>
+void BlendRowToFrame(uint8_t* dst, const uint8_t* src, size_t count) {
+    constexpr size_t b = Swap ? 2 : 0;
+    constexpr size_t r = Swap ? 0 : 2;
+    for (size_t i = 0; i < count; ++i, dst += Step, src += 4) {
+        const int32_t a = src[3];
+        if (a == 0) {
+            continue;
+        }
+        if (a == 255) {
+            dst[b] = src[0];
+            dst[1] = src[1];
+            dst[r] = src[2];
+            continue;
+        }
+        dst[b] = static_cast<uint8_t>(((255 - a) * dst[b] + src[0] * a) / 255);
+        dst[1] = static_cast<uint8_t>(((255 - a) * dst[1] + src[1] * a) / 255);
+        dst[r] = static_cast<uint8_t>(((255 - a) * dst[r] + src[2] * a) / 255);
+    }
+}
+
 void Blend32To24(uint8_t* dst, const uint8_t* src, size_t count) {
     BlendRow32<3>(dst, src, count);
 }
@@ -79,8 +102,17 @@ void Copy32To32(uint8_t* dst, const uint8_t* src, size_t count) {
 
 const PixelKernels& ScalarKernels() {
     static const PixelKernels kernels = {
-        "scalar",         Blend32To24, Blend32To32, Copy24To24, Copy24To32KeepAlpha,
-        Copy24To32Opaque, Copy32To24,  Copy32To32,
+        .name = "scalar",
+        .blend32To24 = Blend32To24,
+        .blend32To32 = Blend32To32,
+        .blend32ToRgb24 = BlendRowToFrame<3, true>,
+        .blend32ToBgrx = BlendRowToFrame<4, false>,
+        .blend32ToRgbx = BlendRowToFrame<4, true>,
+        .copy24To24 = Copy24To24,
+        .copy24To32KeepAlpha = Copy24To32KeepAlpha,
+        .copy24To32Opaque = Copy24To32Opaque,
+        .copy32To24 = Copy32To24,
+        .copy32To32 = Copy32To32,
     };
     return kernels;
 }

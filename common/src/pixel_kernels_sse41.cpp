@@ -174,9 +174,20 @@ LUMETS_SSE41 void Copy32To24(uint8_t* dst, const uint8_t* src, size_t count) {
 }  // namespace
 
 const PixelKernels* Sse41Kernels() {
+    // Hosts' other layouts take the reference rows: CPUs without AVX2 are rare
+    // among hosts that hand over such frames.
     static const PixelKernels kernels = {
-        "sse4.1",         Blend32To24, Blend32To32,    CopyRowBytes24, Copy24To32KeepAlpha,
-        Copy24To32Opaque, Copy32To24,  CopyRowBytes32,
+        .name = "sse4.1",
+        .blend32To24 = Blend32To24,
+        .blend32To32 = Blend32To32,
+        .blend32ToRgb24 = ScalarKernels().blend32ToRgb24,
+        .blend32ToBgrx = ScalarKernels().blend32ToBgrx,
+        .blend32ToRgbx = ScalarKernels().blend32ToRgbx,
+        .copy24To24 = CopyRowBytes24,
+        .copy24To32KeepAlpha = Copy24To32KeepAlpha,
+        .copy24To32Opaque = Copy24To32Opaque,
+        .copy32To24 = Copy32To24,
+        .copy32To32 = CopyRowBytes32,
     };
     static const bool supported = [] {
         __builtin_cpu_init();

@@ -24,6 +24,18 @@ struct Picture {
     int64_t height = 0;
     size_t bytesPerPixel = 0;
     size_t stride = 0;
+    PixelLayout layout = PixelLayout::Native;
+    bool topDown = false;
+
+    // Where memory row m of the bottom-up numbering starts, and the step to
+    // the row above it.
+    template <typename Byte>
+    Byte* Row(Byte* data, int64_t m) const {
+        return data + static_cast<size_t>(topDown ? height - 1 - m : m) * stride;
+    }
+    ptrdiff_t Step() const {
+        return topDown ? -static_cast<ptrdiff_t>(stride) : static_cast<ptrdiff_t>(stride);
+    }
 };
 
 template <typename Byte>
@@ -42,6 +54,13 @@ bool DescribePicture(const BasicPictureView<Byte>& view, Picture* out) {
     out->height = view.height;
     out->bytesPerPixel = static_cast<size_t>(bpp / 8);
     out->stride = static_cast<size_t>(stride);
+    // A layout that does not fit the depth is no picture at all.
+    const bool wide = view.layout == PixelLayout::Bgrx || view.layout == PixelLayout::Rgbx;
+    if ((view.layout == PixelLayout::Rgb && bpp != 24) || (wide && bpp != 32)) {
+        return false;
+    }
+    out->layout = view.layout;
+    out->topDown = view.topDown;
     return true;
 }
 
@@ -76,7 +95,30 @@ Span ClampSpan(int64_t left, int64_t top, int64_t right, int64_t bottom, const P
 
 enum class Operation { Blend, Copy };
 
-RowKernel PickKernel(const PixelKernels& k, Operation op, size_t dstBytes, size_t srcBytes) {
+// Sources are the library's own pictures; a host's frame of another layout
+// is only blended into (nullptr: nothing to do).
+RowKernel PickKernel(const PixelKernels& k, Operation op, const Picture& dst, const Picture& src) {
+    const size_t dstBytes = dst.bytesPerPixel;
+    const size_t srcBytes = src.bytesPerPixel;
+    if (src.layout != PixelLayout::Native) {
+        return nullptr;
+    }
+    if (dst.layout != PixelLayout::Native) {
+        if (op != Operation::Blend || srcBytes != 4) {
+            return nullptr;
+        }
+        switch (dst.layout) {
+            case PixelLayout::Rgb:
+                return k.blend32ToRgb24;
+            case PixelLayout::Bgrx:
+                return k.blend32ToBgrx;
+            case PixelLayout::Rgbx:
+                return k.blend32ToRgbx;
+            case PixelLayout::Native:
+                break;
+        }
+        return nullptr;
+    }
     if (srcBytes == 4) {
         if (op == Operation::Blend) {
             return dstBytes == 4 ? k.blend32To32 : k.blend32To24;
@@ -108,38 +150,47 @@ void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Pict
     if (rows <= 0 || cols <= 0) {
         return;
     }
-    const RowKernel kernel = PickKernel(kernels, op, d.bytesPerPixel, s.bytesPerPixel);
-    uint8_t* dRow = dst + static_cast<size_t>(dRect.bottom - rows) * d.stride +
-                    static_cast<size_t>(dRect.left) * d.bytesPerPixel;
-    const uint8_t* sRow = src + static_cast<size_t>(sRect.bottom - rows) * s.stride +
-                          static_cast<size_t>(sRect.left) * s.bytesPerPixel;
-    size_t sStride = s.stride;
+    const RowKernel kernel = PickKernel(kernels, op, d, s);
+    if (kernel == nullptr) {
+        return;
+    }
+    // The first pair is the rectangles' lowest memory rows; each next pair
+    // lies one row up in both pictures.
+    uint8_t* dRow =
+        d.Row(dst, dRect.bottom - rows) + static_cast<size_t>(dRect.left) * d.bytesPerPixel;
+    const uint8_t* sRow =
+        s.Row(src, sRect.bottom - rows) + static_cast<size_t>(sRect.left) * s.bytesPerPixel;
+    ptrdiff_t sStep = s.Step();
+    const ptrdiff_t dStep = d.Step();
     // When the two byte ranges overlap (one picture, two rectangles), the
     // source rows are read whole before anything is written, as memmove
     // would: the rows go through a copy of their own.
     const size_t sRowBytes = static_cast<size_t>(cols) * s.bytesPerPixel;
-    const auto sBegin = reinterpret_cast<uintptr_t>(sRow);
-    const auto dBegin = reinterpret_cast<uintptr_t>(dRow);
-    const uintptr_t sEnd = sBegin + static_cast<size_t>(rows - 1) * s.stride + sRowBytes;
-    const uintptr_t dEnd = dBegin + static_cast<size_t>(rows - 1) * d.stride +
-                           static_cast<size_t>(cols) * d.bytesPerPixel;
+    const auto range = [rows](const void* first, ptrdiff_t step, size_t bytes) {
+        const auto a = reinterpret_cast<uintptr_t>(first);
+        const uintptr_t span =
+            static_cast<uintptr_t>(rows - 1) * static_cast<uintptr_t>(step < 0 ? -step : step);
+        return step < 0 ? std::make_pair(a - span, a + bytes) : std::make_pair(a, a + span + bytes);
+    };
+    const auto [sBegin, sEnd] = range(sRow, sStep, sRowBytes);
+    const auto [dBegin, dEnd] = range(dRow, dStep, static_cast<size_t>(cols) * d.bytesPerPixel);
     std::vector<uint8_t> copy;
     if (sBegin < dEnd && dBegin < sEnd) {
         copy.resize(static_cast<size_t>(rows) * sRowBytes);
         for (int64_t k = 0; k < rows; ++k) {
-            std::memcpy(copy.data() + static_cast<size_t>(k) * sRowBytes,
-                        sRow + static_cast<size_t>(k) * s.stride, sRowBytes);
+            std::memcpy(copy.data() + static_cast<size_t>(k) * sRowBytes, sRow + k * sStep,
+                        sRowBytes);
         }
         sRow = copy.data();
-        sStride = sRowBytes;
+        sStep = static_cast<ptrdiff_t>(sRowBytes);
     }
-    // The pairs are independent, so they run from the lowest addresses up,
-    // which suits the hardware prefetchers better than walking back.
+    // The pairs are independent, so they run in memory order where the rows
+    // lie bottom-up, which suits the hardware prefetchers.
     for (int64_t k = 0; k < rows; ++k) {
         kernel(dRow, sRow, static_cast<size_t>(cols));
         if (k + 1 < rows) {
-            dRow += d.stride;
-            sRow += sStride;
+            dRow += dStep;
+            sRow += sStep;
         }
     }
 }
@@ -223,9 +274,9 @@ void CopyRectPixels(const PictureView& dst, const RECT& dstRect, const ConstPict
     CopyRectPixelsWith(ActiveKernels(), dst, dstRect, src, srcRect);
 }
 
-void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
-                      const ConstPictureView& picture) {
-    if (frame.data == nullptr || frame.bitsPerPixel != 24 || picture.data == nullptr ||
+void BlendIntoFrame(const PictureView& frame, const RECT& clip, POINT pos,
+                    const ConstPictureView& picture) {
+    if (frame.data == nullptr || !IsFrameLayout(frame) || picture.data == nullptr ||
         picture.bitsPerPixel != 32 || picture.width <= 0 || picture.height <= 0) {
         return;
     }
@@ -249,6 +300,57 @@ void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
         static_cast<int32_t>(left - pos.x), static_cast<int32_t>(ph - (bottom - pos.y)),
         static_cast<int32_t>(right - pos.x), static_cast<int32_t>(ph - (top - pos.y))};
     BlendRect(frame, dstRect, picture, srcRect);
+}
+
+lumets_frame PackedFrame24(uint8_t* data, uint64_t width, uint64_t height) {
+    if (width > INT32_MAX || height > INT32_MAX) {
+        return lumets_frame{};
+    }
+    const auto w = static_cast<int32_t>(width);
+    const auto h = static_cast<int32_t>(height);
+    return lumets_frame{data,
+                        w,
+                        h,
+                        static_cast<int64_t>(PackedPicture(data, w, h, 24).strideBytes),
+                        LUMETS_FORMAT_BGR24,
+                        LUMETS_FRAME_BOTTOM_UP};
+}
+
+PictureView FrameView(const lumets_frame* frame) {
+    if (frame == nullptr || frame->data == nullptr || frame->width <= 0 || frame->height <= 0 ||
+        (frame->flags & ~uint32_t{LUMETS_FRAME_BOTTOM_UP}) != 0) {
+        return {};
+    }
+    static constexpr struct {
+        int32_t bits;
+        PixelLayout layout;
+    } kFormats[] = {{24, PixelLayout::Native}, {24, PixelLayout::Rgb},  {32, PixelLayout::Bgrx},
+                    {32, PixelLayout::Bgrx},   {32, PixelLayout::Rgbx}, {32, PixelLayout::Rgbx}};
+    if (frame->format < LUMETS_FORMAT_BGR24 || frame->format > LUMETS_FORMAT_RGBA) {
+        return {};
+    }
+    const auto& format = kFormats[frame->format - LUMETS_FORMAT_BGR24];
+    // The magnitude of any int64 but the least fits uint64; that one is refused.
+    if (frame->stride == INT64_MIN) {
+        return {};
+    }
+    const uint64_t stride = frame->stride < 0 ? uint64_t(-frame->stride) : uint64_t(frame->stride);
+    const uint64_t rowBytes = uint64_t(frame->width) * uint64_t(format.bits / 8);
+    if (stride < rowBytes || stride > kMaxU32 || stride * uint64_t(frame->height) > kMaxU32) {
+        return {};
+    }
+    // Rows lie top-down in memory when the host's row order and its stride's
+    // sign agree; the view starts at the lowest address either way.
+    const bool bottomUp = (frame->flags & LUMETS_FRAME_BOTTOM_UP) != 0;
+    const bool negative = frame->stride < 0;
+    auto* data = static_cast<uint8_t*>(frame->data);
+    if (negative) {
+        data -= static_cast<size_t>(stride) * static_cast<size_t>(frame->height - 1);
+    }
+    PictureView view{
+        data,          frame->width,        frame->height, format.bits, static_cast<size_t>(stride),
+        format.layout, bottomUp == negative};
+    return view;
 }
 
 }  // namespace lumets

@@ -181,11 +181,10 @@ ConstPictureView CScaledCopy::Get(const PixelBuffer& source, uint64_t version, i
     return std::as_const(m_scaled).View();
 }
 
-void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
-                       const RECT& clip, POINT pos, float scale, uint32_t* rescales,
-                       ScaledReuse* reuse, int64_t wholeLimit) {
-    if (frame.data == nullptr || frame.bitsPerPixel != 24 || frame.width <= 0 ||
-        frame.height <= 0) {
+void BlendScaledIntoFrame(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
+                          const RECT& clip, POINT pos, float scale, uint32_t* rescales,
+                          ScaledReuse* reuse, int64_t wholeLimit) {
+    if (frame.data == nullptr || !IsFrameLayout(frame) || frame.width <= 0 || frame.height <= 0) {
         return;
     }
     if (!std::isfinite(scale) || !(scale > 0.0f) || source.width < 0 || source.height < 0) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "lumets/export.h"
+#include "lumets/frame.h"
 #include "lumets/records.h"
 #include "lumets/win_types.h"
 
@@ -35,6 +36,9 @@ class LUMETS_API ILumetManager {
     virtual void DrawToTarget(int32_t width, int32_t height, float scale) = 0;
     virtual void ReleaseGpuResources() = 0;
     virtual ~ILumetManager();
+    // After the host's layout: DrawToBuffer into a frame of any layout
+    // lumets/frame.h describes. A frame that cannot be drawn into is left alone.
+    virtual void DrawToFrame(const lumets_frame* frame, float scale) = 0;
 
   protected:
     ILumetManager();

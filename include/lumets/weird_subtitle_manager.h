@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "lumets/export.h"
+#include "lumets/frame.h"
 #include "lumets/win_types.h"
 
 class IPBO;  // the host's pixel-buffer object (lumets/host/gl_objects.h)
@@ -28,6 +29,11 @@ class LUMETS_API IWeirdSubtitleManager {
                                float scale) = 0;
     virtual void DrawOmbrelToTexture(GLuint texture, int* width, int* height, IPBO* pbo) = 0;
     virtual ~IWeirdSubtitleManager();
+    // After the host's layout: the three compositions into a frame of any
+    // layout lumets/frame.h describes.
+    virtual void ComposeTavrinToFrame(const lumets_frame* frame, const POINT* origin) = 0;
+    virtual void ComposeQuellinToFrame(const lumets_frame* frame, const POINT* origin) = 0;
+    virtual void ComposeOmbrelToFrame(const lumets_frame* frame, const RECT* rect, float scale) = 0;
 
   protected:
     IWeirdSubtitleManager();

@@ -56,6 +56,9 @@ class CGuardedLumetManager final : public CGuarded<ILumetManager> {
         Forward(__func__, &ILumetManager::DrawToTarget, width, height, scale);
     }
     void ReleaseGpuResources() override { Forward(__func__, &ILumetManager::ReleaseGpuResources); }
+    void DrawToFrame(const lumets_frame* frame, float scale) override {
+        Forward(__func__, &ILumetManager::DrawToFrame, frame, scale);
+    }
 };
 
 class CGuardedWeirdSubtitleManager final : public CGuarded<IWeirdSubtitleManager> {
@@ -95,6 +98,15 @@ class CGuardedWeirdSubtitleManager final : public CGuarded<IWeirdSubtitleManager
     }
     void DrawOmbrelToTexture(GLuint texture, int* width, int* height, IPBO* pbo) override {
         Forward(__func__, &IWeirdSubtitleManager::DrawOmbrelToTexture, texture, width, height, pbo);
+    }
+    void ComposeTavrinToFrame(const lumets_frame* frame, const POINT* origin) override {
+        Forward(__func__, &IWeirdSubtitleManager::ComposeTavrinToFrame, frame, origin);
+    }
+    void ComposeQuellinToFrame(const lumets_frame* frame, const POINT* origin) override {
+        Forward(__func__, &IWeirdSubtitleManager::ComposeQuellinToFrame, frame, origin);
+    }
+    void ComposeOmbrelToFrame(const lumets_frame* frame, const RECT* rect, float scale) override {
+        Forward(__func__, &IWeirdSubtitleManager::ComposeOmbrelToFrame, frame, rect, scale);
     }
 };
 

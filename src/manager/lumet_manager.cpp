@@ -1,4 +1,5 @@
 #include "manager/lumet_manager.h"
+#include "lumets_common/pixel_ops.h"
 
 #include <epoxy/gl.h>
 
@@ -209,9 +210,17 @@ void CLumetManager::UpdateSubtitleBackground(const char16_t* id, const Backgroun
 }
 
 void CLumetManager::DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale) {
+    const lumets_frame packed = PackedFrame24(frame, width, height);
+    DrawToFrame(&packed, scale);
+}
+
+void CLumetManager::DrawToFrame(const lumets_frame* frame, float scale) {
+    if (FrameView(frame).data == nullptr) {
+        return;
+    }
     CAutoLock lock(&m_lock);
     for (const Entry& entry : ByStartTime(nullptr, false)) {
-        entry.player->DrawToBuffer(frame, width, height, scale);
+        entry.player->DrawToFrame(*frame, scale);
     }
 }
 

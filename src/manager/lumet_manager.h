@@ -46,6 +46,7 @@ class CLumetManager final : public ILumetManager {
     void UpdateSubtitleText(const char16_t* id, const TextPart* text) override;
     void UpdateSubtitleBackground(const char16_t* id, const BackgroundPart* background) override;
     void DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale) override;
+    void DrawToFrame(const lumets_frame* frame, float scale) override;
     void DrawToTarget(int32_t width, int32_t height, float scale) override;
     void ReleaseGpuResources() override;
 

@@ -219,9 +219,9 @@ int64_t CLumetObjsPlayer::GetStartTime() {
     return current != nullptr ? current->GetStartTime() : 0;
 }
 
-void CLumetObjsPlayer::DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale) {
+void CLumetObjsPlayer::DrawToFrame(const lumets_frame& frame, float scale) {
     if (CLumet* current = m_current.load()) {
-        current->CompositeToFrame(frame, width, height, m_position.x, m_position.y, scale);
+        current->CompositeToFrame(frame, m_position.x, m_position.y, scale);
     }
 }
 

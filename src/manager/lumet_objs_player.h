@@ -57,7 +57,7 @@ class CLumetObjsPlayer final : public CLumetEventHandler {
     bool IsInGroup(const char16_t* group) const;
     LumetState GetState();
     int64_t GetStartTime();
-    void DrawToBuffer(uint8_t* frame, uint32_t width, uint32_t height, float scale);
+    void DrawToFrame(const lumets_frame& frame, float scale);
     void DrawToTarget(int32_t width, int32_t height, IGPUCombiner* combiner,
                       std::vector<TextureSlot>* slots, float scale);
     bool HitTest(int32_t x, int32_t y, float scale);

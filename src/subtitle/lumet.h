@@ -87,8 +87,7 @@ class CLumet : public CFlashPlayerEventHandler {
     // scale is host pixels per item unit.
     bool GetBounds(RECT* out, float scale);
     bool HitTest(int32_t x, int32_t y, float scale);
-    void CompositeToFrame(uint8_t* frame, uint32_t width, uint32_t height, int32_t offX,
-                          int32_t offY, float scale);
+    void CompositeToFrame(const lumets_frame& frame, int32_t offX, int32_t offY, float scale);
     void RenderToTextures(int32_t width, int32_t height, IGPUCombiner* combiner,
                           std::vector<TextureSlot>* slots, int32_t offX, int32_t offY, float scale);
     // For tests: how often the text and the plate were scaled for a frame.

@@ -2,6 +2,7 @@
 // to top (movie, plate, text) into the host's frame (CPU) or through the
 // host's combiner (GPU).
 #include "subtitle/lumet_frame.h"
+#include "lumets_common/pixel_ops.h"
 
 #include <algorithm>
 #include <utility>
@@ -116,10 +117,9 @@ bool CLumet::HitTest(int32_t x, int32_t y, float scale) {
     return GetBounds(&r, scale) && platform::PtInRect(&r, POINT{x, y});
 }
 
-void CLumet::CompositeToFrame(uint8_t* frame, uint32_t width, uint32_t height, int32_t offX,
-                              int32_t offY, float scale) {
-    if (frame == nullptr || width == 0 || height == 0 ||
-        m_state.load(std::memory_order_relaxed) != LumetState::Playing) {
+void CLumet::CompositeToFrame(const lumets_frame& frame, int32_t offX, int32_t offY, float scale) {
+    const PictureView view = FrameView(&frame);
+    if (view.data == nullptr || m_state.load(std::memory_order_relaxed) != LumetState::Playing) {
         return;
     }
     {
@@ -128,14 +128,9 @@ void CLumet::CompositeToFrame(uint8_t* frame, uint32_t width, uint32_t height, i
             CAutoLock flashLock(&m_flashLock);
             POINT pos = Offset(m_flash.pos, offX, offY);
             RECT clip = Offset(m_flash.clip, offX, offY);
-            m_player->RenderToFrame(frame, width, height, &clip, &pos, scale);
+            m_player->RenderToHostFrame(&frame, &clip, &pos, scale);
         }
     }
-    // Frames beyond int32 sizes make an empty view, which draws nothing.
-    const PictureView view =
-        width <= INT32_MAX && height <= INT32_MAX
-            ? PackedPicture(frame, static_cast<int32_t>(width), static_cast<int32_t>(height), 24)
-            : PictureView{};
     CAutoLock lock(&m_textLock);
     const auto [textClip, textPos] = TextPlacement(offX, offY);
     {
@@ -148,7 +143,7 @@ void CLumet::CompositeToFrame(uint8_t* frame, uint32_t width, uint32_t height, i
         }
     }
     if (m_textRenderer) {
-        m_textRenderer->BlendScaledInto24(view, textClip, textPos, scale);
+        m_textRenderer->BlendScaledIntoFrame(view, textClip, textPos, scale);
     }
 }
 

@@ -233,12 +233,12 @@ void CTextRenderer::BlendInto(const PictureView& frame, POINT pos) {
     BlendAt(frame, pos, m_textBuffer.View());
 }
 
-void CTextRenderer::BlendScaledInto24(const PictureView& frame, const RECT& clip, POINT pos,
-                                      float scale) {
+void CTextRenderer::BlendScaledIntoFrame(const PictureView& frame, const RECT& clip, POINT pos,
+                                         float scale) {
     CAutoLock lock(&m_lock);
     m_scaledReuse.source = m_version;
-    lumets::BlendScaledInto24(m_textBuffer, m_scaledBuffer, frame, clip, pos, scale, &m_scaleCount,
-                              &m_scaledReuse);
+    lumets::BlendScaledIntoFrame(m_textBuffer, m_scaledBuffer, frame, clip, pos, scale,
+                                 &m_scaleCount, &m_scaledReuse);
 }
 
 }  // namespace lumets

@@ -41,7 +41,7 @@ class CTextRenderer {
     // Scales the picture by scale and blends it into a 24-bit bottom-up frame
     // with its top-left at pos, inside clip; pos and clip are top-down
     // coordinates before scaling.
-    void BlendScaledInto24(const PictureView& frame, const RECT& clip, POINT pos, float scale);
+    void BlendScaledIntoFrame(const PictureView& frame, const RECT& clip, POINT pos, float scale);
 
     // The normalised text of the last render.
     const std::u16string& Text() const { return m_text; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "lumets_common/picture_limits.h"
+#include "lumets_common/pixel_ops.h"
 #include "text/text_renderer.h"
 
 namespace lumets {
@@ -17,11 +18,11 @@ TextStyle BannerStyle(std::u16string_view face, int32_t fontSize, bool bold, uin
     return style;
 }
 
-PictureView HostFrame(uint8_t* frame, int32_t width, int32_t height) {
-    if (frame == nullptr || width <= 0 || height <= 0) {
-        return {};
+lumets_frame HostFrame(uint8_t* frame, int32_t width, int32_t height) {
+    if (width <= 0 || height <= 0) {
+        return lumets_frame{};
     }
-    return PackedPicture(frame, width, height, 24);
+    return PackedFrame24(frame, static_cast<uint32_t>(width), static_cast<uint32_t>(height));
 }
 
 POINT Moved(POINT origin, int64_t dx, int64_t dy) {

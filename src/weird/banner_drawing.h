@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "lumets/frame.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
 #include "lumets_common/picture.h"
@@ -16,9 +17,9 @@ class CTextRenderer;
 // A default style with the given face, size, weight and first fill colour.
 TextStyle BannerStyle(std::u16string_view face, int32_t fontSize, bool bold, uint32_t colour);
 
-// The host's 24-bit bottom-up frame; empty (drawing nothing) when the frame
+// The host's 24-bit bottom-up frame; one that draws nothing when the frame
 // is null or a side is not positive.
-PictureView HostFrame(uint8_t* frame, int32_t width, int32_t height);
+lumets_frame HostFrame(uint8_t* frame, int32_t width, int32_t height);
 
 // origin moved by (dx, dy), saturated: an origin near the 32-bit limits
 // lands outside the frame instead of wrapping into it.

@@ -117,9 +117,8 @@ void COmbrelGameSubtitle::DrawToTexture(GLuint texture, int32_t* width, int32_t*
                 static_cast<uint32_t>(std::min<size_t>(capacity, UINT32_MAX)), GL_BGRA);
 }
 
-void COmbrelGameSubtitle::Compose(uint8_t* frame, int32_t width, int32_t height, const RECT* rect,
-                                  float scale) {
-    const PictureView view = HostFrame(frame, width, height);
+void COmbrelGameSubtitle::Compose(const lumets_frame& frame, const RECT* rect, float scale) {
+    const PictureView view = FrameView(&frame);
     if (!m_ready || view.data == nullptr || rect == nullptr || rect->left < 0 || rect->top < 0 ||
         rect->right < 0 || rect->bottom < 0 || m_capsImage.Data() == nullptr ||
         m_middleImage.Data() == nullptr || !m_renderer || !std::isfinite(scale) ||
@@ -145,7 +144,7 @@ void COmbrelGameSubtitle::Compose(uint8_t* frame, int32_t width, int32_t height,
     if (plate.data != nullptr) {
         const int64_t x = int64_t{halfWidth} - plate.width / 2 + rect->left;
         const int64_t top = int64_t{halfHeight} - plate.height / 2 + rect->top;
-        BlendAt(view, POINT{SaturateToInt32(x), SaturateToInt32(height - top - plate.height)},
+        BlendAt(view, POINT{SaturateToInt32(x), SaturateToInt32(view.height - top - plate.height)},
                 plate);
     }
     const float tx = static_cast<float>(halfWidth) - static_cast<float>(text.cx) * scale / 2.0f +
@@ -156,7 +155,7 @@ void COmbrelGameSubtitle::Compose(uint8_t* frame, int32_t width, int32_t height,
     const RECT clip{
         unscaled(static_cast<float>(rect->left)), unscaled(static_cast<float>(rect->top)),
         unscaled(static_cast<float>(rect->right)), unscaled(static_cast<float>(rect->bottom))};
-    m_renderer->BlendScaledInto24(view, clip, POINT{unscaled(tx), unscaled(ty)}, scale);
+    m_renderer->BlendScaledIntoFrame(view, clip, POINT{unscaled(tx), unscaled(ty)}, scale);
 }
 
 }  // namespace lumets

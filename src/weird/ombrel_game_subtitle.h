@@ -12,6 +12,7 @@
 
 #include <memory>
 
+#include "lumets/frame.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
@@ -39,7 +40,7 @@ class COmbrelGameSubtitle {
     // both images, into a null or empty frame, for a null rect or one with a
     // negative side, or for a scale that is not a positive number or leaves
     // an empty plate. Without a scaling context only the text is drawn.
-    void Compose(uint8_t* frame, int32_t width, int32_t height, const RECT* rect, float scale);
+    void Compose(const lumets_frame& frame, const RECT* rect, float scale);
     // The banner at its own size uploaded into texture through pbo (bottom-up
     // B, G, R, A); width and height receive its size. When ready but without
     // both images they receive 0 x 0; when not ready, or without a pbo or a

@@ -27,13 +27,12 @@ void CQuellinGameSubtitle::LoadPlate(const char16_t* platePath) {
     LoadImageFile(m_plateImage, platePath);
 }
 
-void CQuellinGameSubtitle::Compose(uint8_t* frame, int32_t width, int32_t height,
-                                   const POINT* origin) {
-    if (!m_ready || width < 0 || height < 0 || origin == nullptr || origin->x < 0 ||
-        origin->y < 0 || m_plateImage.Data() == nullptr) {
+void CQuellinGameSubtitle::Compose(const lumets_frame& frame, const POINT* origin) {
+    if (!m_ready || origin == nullptr || origin->x < 0 || origin->y < 0 ||
+        m_plateImage.Data() == nullptr) {
         return;
     }
-    const PictureView view = HostFrame(frame, width, height);
+    const PictureView view = FrameView(&frame);
     if (view.data == nullptr) {
         return;
     }

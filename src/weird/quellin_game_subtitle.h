@@ -7,6 +7,7 @@
 #include <array>
 #include <memory>
 
+#include "lumets/frame.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
 #include "lumets_common/picture.h"
@@ -28,7 +29,7 @@ class CQuellinGameSubtitle {
     void LoadPlate(const char16_t* platePath);
     // Draws nothing until ready with a plate, for a negative origin coordinate
     // or side, or into a null frame. Allocates nothing.
-    void Compose(uint8_t* frame, int32_t width, int32_t height, const POINT* origin);
+    void Compose(const lumets_frame& frame, const POINT* origin);
 
   private:
     // Destroyed last first: renderer 2, then renderer 1.

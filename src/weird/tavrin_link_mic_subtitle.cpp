@@ -44,13 +44,12 @@ void CTavrinLinkMicSubtitle::LoadImages(const char16_t* image1Path, const char16
     LoadImageFile(m_image2, image2Path);
 }
 
-void CTavrinLinkMicSubtitle::Compose(uint8_t* frame, int32_t width, int32_t height,
-                                     const POINT* origin) {
-    if (!m_ready || width < 0 || height < 0 || origin == nullptr || origin->x < 0 ||
-        origin->y < 0 || m_image1.Data() == nullptr || m_image2.Data() == nullptr) {
+void CTavrinLinkMicSubtitle::Compose(const lumets_frame& frame, const POINT* origin) {
+    if (!m_ready || origin == nullptr || origin->x < 0 || origin->y < 0 ||
+        m_image1.Data() == nullptr || m_image2.Data() == nullptr) {
         return;
     }
-    const PictureView view = HostFrame(frame, width, height);
+    const PictureView view = FrameView(&frame);
     if (view.data == nullptr) {
         return;
     }

@@ -7,6 +7,7 @@
 #include <array>
 #include <memory>
 
+#include "lumets/frame.h"
 #include "lumets/text_style.h"
 #include "lumets/win_types.h"
 #include "lumets_common/picture.h"
@@ -30,7 +31,7 @@ class CTavrinLinkMicSubtitle {
     void LoadImages(const char16_t* image1Path, const char16_t* image2Path);
     // Draws nothing until ready with both images, for a negative origin
     // coordinate or side, or into a null frame. Allocates nothing.
-    void Compose(uint8_t* frame, int32_t width, int32_t height, const POINT* origin);
+    void Compose(const lumets_frame& frame, const POINT* origin);
 
   private:
     std::array<std::unique_ptr<CTextRenderer>, 6> m_renderers;

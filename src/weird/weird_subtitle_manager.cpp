@@ -1,5 +1,7 @@
 #include "weird/weird_subtitle_manager.h"
 
+#include "weird/banner_drawing.h"
+
 namespace lumets {
 
 CWeirdSubtitleManager::CWeirdSubtitleManager()
@@ -31,7 +33,7 @@ void CWeirdSubtitleManager::LoadTavrinImages(const char16_t* image1Path,
 void CWeirdSubtitleManager::ComposeTavrin(uint8_t* frame, int width, int height,
                                           const POINT* origin) {
     if (m_tavrin) {
-        m_tavrin->Compose(frame, width, height, origin);
+        m_tavrin->Compose(HostFrame(frame, width, height), origin);
     }
 }
 
@@ -51,7 +53,7 @@ void CWeirdSubtitleManager::LoadQuellinPlate(const char16_t* platePath) {
 void CWeirdSubtitleManager::ComposeQuellin(uint8_t* frame, int width, int height,
                                            const POINT* origin) {
     if (m_quellin) {
-        m_quellin->Compose(frame, width, height, origin);
+        m_quellin->Compose(HostFrame(frame, width, height), origin);
     }
 }
 
@@ -70,7 +72,7 @@ void CWeirdSubtitleManager::LoadOmbrelImages(const char16_t* capsPath, const cha
 void CWeirdSubtitleManager::ComposeOmbrel(uint8_t* frame, int width, int height, const RECT* rect,
                                           float scale) {
     if (m_ombrel) {
-        m_ombrel->Compose(frame, width, height, rect, scale);
+        m_ombrel->Compose(HostFrame(frame, width, height), rect, scale);
     }
 }
 
@@ -78,6 +80,25 @@ void CWeirdSubtitleManager::DrawOmbrelToTexture(GLuint texture, int* width, int*
                                                 IPBO* pbo) {
     if (m_ombrel) {
         m_ombrel->DrawToTexture(texture, width, height, pbo);
+    }
+}
+
+void CWeirdSubtitleManager::ComposeTavrinToFrame(const lumets_frame* frame, const POINT* origin) {
+    if (m_tavrin && frame != nullptr) {
+        m_tavrin->Compose(*frame, origin);
+    }
+}
+
+void CWeirdSubtitleManager::ComposeQuellinToFrame(const lumets_frame* frame, const POINT* origin) {
+    if (m_quellin && frame != nullptr) {
+        m_quellin->Compose(*frame, origin);
+    }
+}
+
+void CWeirdSubtitleManager::ComposeOmbrelToFrame(const lumets_frame* frame, const RECT* rect,
+                                                 float scale) {
+    if (m_ombrel && frame != nullptr) {
+        m_ombrel->Compose(*frame, rect, scale);
     }
 }
 

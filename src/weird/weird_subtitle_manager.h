@@ -30,6 +30,9 @@ class CWeirdSubtitleManager final : public IWeirdSubtitleManager {
     void LoadOmbrelImages(const char16_t* capsPath, const char16_t* middlePath) override;
     void ComposeOmbrel(uint8_t* frame, int width, int height, const RECT* rect,
                        float scale) override;
+    void ComposeTavrinToFrame(const lumets_frame* frame, const POINT* origin) override;
+    void ComposeQuellinToFrame(const lumets_frame* frame, const POINT* origin) override;
+    void ComposeOmbrelToFrame(const lumets_frame* frame, const RECT* rect, float scale) override;
     void DrawOmbrelToTexture(GLuint texture, int* width, int* height, IPBO* pbo) override;
 
   private:

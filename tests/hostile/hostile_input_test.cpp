@@ -186,7 +186,7 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              picture.height = 20;
              PixelBuffer scaled;
              std::vector<uint8_t> frame(RowStride(100, 24) * 100, 9);
-             BlendScaledInto24(picture, scaled, PackedPicture(frame.data(), 100, 100, 24),
+             BlendScaledIntoFrame(picture, scaled, PackedPicture(frame.data(), 100, 100, 24),
                                RECT{0, 0, 100, 100}, POINT{0, 0}, 2.0f, nullptr);
              return frame == std::vector<uint8_t>(frame.size(), 9);
          }},
@@ -222,7 +222,7 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              std::memset(text.Data(), 0xFF, text.Capacity());
              PixelBuffer scaled;
              std::vector<uint8_t> frame(RowStride(320, 24) * 200, 9);
-             BlendScaledInto24(text, scaled, PackedPicture(frame.data(), 320, 200, 24),
+             BlendScaledIntoFrame(text, scaled, PackedPicture(frame.data(), 320, 200, 24),
                                RECT{0, 0, 320, 200}, POINT{-100, -100}, 2.0f, nullptr);
              return frame == std::vector<uint8_t>(frame.size(), 0xFF);
          }},

@@ -313,6 +313,10 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
     std::vector<uint8_t> src(kCount * 4);
     std::vector<uint8_t> dst24(kCount * 3);
     std::vector<uint8_t> dst32(kCount * 4);
+    // Hosts' layouts: R, G, B and 32-bit B, G, R, x and R, G, B, x.
+    std::vector<uint8_t> rgb(kCount * 3);
+    std::vector<uint8_t> bgrx(kCount * 4);
+    std::vector<uint8_t> rgbx(kCount * 4);
     for (const PixelKernels* k : AllTables()) {
         SCOPED_TRACE(k->name);
         for (int a = 0; a < 256; ++a) {
@@ -325,6 +329,9 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
                 std::memcpy(&src[4 * i], source, 4);
                 std::memcpy(&dst24[3 * i], destination, 3);
                 std::memcpy(&dst32[4 * i], destination, 4);
+                std::memcpy(&rgb[3 * i], destination, 3);
+                std::memcpy(&bgrx[4 * i], destination, 4);
+                std::memcpy(&rgbx[4 * i], destination, 4);
             }
             // Pieces of 119 pixels pass through every step width a variant
             // has (64, 32, 16 and the scalar tail).
@@ -332,6 +339,9 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
                 const size_t n = std::min(kPiece, kCount - at);
                 k->blend32To24(dst24.data() + 3 * at, src.data() + 4 * at, n);
                 k->blend32To32(dst32.data() + 4 * at, src.data() + 4 * at, n);
+                k->blend32ToRgb24(rgb.data() + 3 * at, src.data() + 4 * at, n);
+                k->blend32ToBgrx(bgrx.data() + 4 * at, src.data() + 4 * at, n);
+                k->blend32ToRgbx(rgbx.data() + 4 * at, src.data() + 4 * at, n);
             }
             size_t bad = 0;
             for (size_t i = 0; i < kCount && bad < 5; ++i) {
@@ -340,10 +350,17 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
                 const int mixed = ((255 - a) * d + s * a) / 255;
                 const int swapped = ((255 - a) * s + d * a) / 255;
                 const int alphaOut = a == 0 ? static_cast<uint8_t>(~i) : a;
-                const bool ok = dst24[3 * i] == mixed && dst24[3 * i + 1] == swapped &&
+                bool ok = dst24[3 * i] == mixed && dst24[3 * i + 1] == swapped &&
                                 dst24[3 * i + 2] == mixed && dst32[4 * i] == mixed &&
                                 dst32[4 * i + 1] == swapped && dst32[4 * i + 2] == mixed &&
                                 dst32[4 * i + 3] == alphaOut;
+                // Blue and red mix alike, so the swapped orders give the same
+                // bytes; the host's fourth byte stays.
+                const uint8_t host = static_cast<uint8_t>(~i);
+                for (const uint8_t* p : {&rgb[3 * i], &bgrx[4 * i], &rgbx[4 * i]}) {
+                    ok = ok && p[0] == mixed && p[1] == swapped && p[2] == mixed;
+                }
+                ok = ok && bgrx[4 * i + 3] == host && rgbx[4 * i + 3] == host;
                 if (!ok) {
                     ++bad;
                     ADD_FAILURE() << "a " << a << " D " << d << " S " << s;
@@ -391,9 +408,17 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
         const RECT sRect = {coord(sW), coord(sH), coord(sW), coord(sH)};
         const POINT pos = {coord(dW), coord(dH)};
         const int op = static_cast<int>(rng() % 3);
+        // Now and then a host's frame: its own order, rows either way.
+        const PixelLayout hostLayouts[2][2] = {{PixelLayout::Native, PixelLayout::Rgb},
+                                               {PixelLayout::Bgrx, PixelLayout::Rgbx}};
+        const PixelLayout layout =
+            rng() % 3 == 0 ? hostLayouts[dBpp / 32][rng() & 1] : PixelLayout::Native;
+        const bool topDown = rng() % 3 == 0;
         auto run = [&](const PixelKernels& k) {
             std::vector<uint8_t> dst = initial;
-            const PictureView d = PackedPicture(dst.data(), dW, dH, dBpp);
+            PictureView d = PackedPicture(dst.data(), dW, dH, dBpp);
+            d.layout = layout;
+            d.topDown = topDown;
             const ConstPictureView s = PackedPicture(src.data(), sW, sH, sBpp);
             if (op == 0) {
                 BlendRectWith(k, d, dRect, s, sRect);
@@ -464,7 +489,7 @@ TEST(ScaledComposite, UnscaledPlacementIsExactClippedAndMakesNoContext) {
         PixelBuffer scaled;
         Frame frame(20, 10);
         uint32_t contexts = 0;
-        BlendScaledInto24(text, scaled, frame.View(), c.clip, c.pos, 1.0f, &contexts);
+        BlendScaledIntoFrame(text, scaled, frame.View(), c.clip, c.pos, 1.0f, &contexts);
         EXPECT_EQ(contexts, 0u);
         const RECT visible{std::max({c.clip.left, 0, c.pos.x}), std::max({c.clip.top, 0, c.pos.y}),
                            std::min({c.clip.right, 20, c.pos.x + 8}),
@@ -510,7 +535,7 @@ TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
         Frame frame(200, 120);
         PixelBuffer scaled;
         // A limit of one pixel makes even this picture scale its part only.
-        BlendScaledInto24(source, scaled, frame.View(), RECT{-1000, -1000, 1000, 1000}, pos, scale,
+        BlendScaledIntoFrame(source, scaled, frame.View(), RECT{-1000, -1000, 1000, 1000}, pos, scale,
                           nullptr, nullptr, 1);
         const int32_t sw = static_cast<int32_t>(601 * scale);
         const int32_t sh = static_cast<int32_t>(300 * scale);
@@ -568,7 +593,7 @@ TEST(ScaledComposite, NothingHappensForDegenerateInput) {
     for (const Case& c : cases) {
         PixelBuffer scaled;
         Frame frame(20, 10);
-        BlendScaledInto24(text, scaled,
+        BlendScaledIntoFrame(text, scaled,
                           PackedPicture(frame.bytes.data(), c.width, c.height, c.depth), c.clip,
                           c.pos, c.scale, nullptr);
         EXPECT_TRUE(std::all_of(frame.bytes.begin(), frame.bytes.end(), [](uint8_t b) {
@@ -577,7 +602,7 @@ TEST(ScaledComposite, NothingHappensForDegenerateInput) {
     }
     // A null frame leaves the scaled buffer untouched too.
     PixelBuffer scaled;
-    BlendScaledInto24(text, scaled, PictureView{}, RECT{0, 0, 20, 10}, POINT{0, 0}, 2.0f, nullptr);
+    BlendScaledIntoFrame(text, scaled, PictureView{}, RECT{0, 0, 20, 10}, POINT{0, 0}, 2.0f, nullptr);
     EXPECT_EQ(scaled.Data(), nullptr);
     EXPECT_EQ(scaled.width, 0);
 }

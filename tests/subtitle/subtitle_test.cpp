@@ -304,9 +304,9 @@ TEST_F(LumetTest, HostileDescriptionsAndFrames) {
         RECT r{};
         m_item->GetBounds(&r, scale);
         m_item->HitTest(INT32_MAX, INT32_MIN, scale);
-        m_item->CompositeToFrame(frame.data(), 64, 48, INT32_MAX, INT32_MIN, scale);
-        m_item->CompositeToFrame(nullptr, 64, 48, 0, 0, scale);
-        m_item->CompositeToFrame(frame.data(), 0, 48, 0, 0, scale);
+        m_item->CompositeToFrame(PackedFrame24(frame.data(), 64, 48), INT32_MAX, INT32_MIN, scale);
+        m_item->CompositeToFrame(PackedFrame24(nullptr, 64, 48), 0, 0, scale);
+        m_item->CompositeToFrame(PackedFrame24(frame.data(), 0, 48), 0, 0, scale);
         m_item->RenderToTextures(64, 48, &combiner, &slots, INT32_MIN, INT32_MAX, scale);
     }
     DestroySlots(slots);
@@ -372,7 +372,7 @@ TEST_F(LumetTest, RenderingWhileTheItemStartsUpdatesPlaysAndStops) {
         RecordingCombiner combiner;
         std::vector<TextureSlot> slots;
         while (!done) {
-            item.CompositeToFrame(frame.data(), 320, 200, 5, 5, 1.5f);
+            item.CompositeToFrame(PackedFrame24(frame.data(), 320, 200), 5, 5, 1.5f);
             RECT r{};
             item.GetBounds(&r, 1.0f);
             item.RenderToTextures(320, 200, &combiner, &slots, 0, 0, 1.0f);
@@ -465,7 +465,7 @@ class LumetFrameTest : public test::GlTest<kWidth, kHeight> {
 
 TEST_F(LumetFrameTest, TheCpuCompositeMatchesItsGolden) {
     std::vector<uint8_t> frame(static_cast<size_t>(RowStride(kWidth, 24)) * kHeight, kGrey);
-    m_item.CompositeToFrame(frame.data(), kWidth, kHeight, 0, 0, 1.0f);
+    m_item.CompositeToFrame(PackedFrame24(frame.data(), kWidth, kHeight), 0, 0, 1.0f);
     EXPECT_TRUE(test::MatchesGolden(std::string(LUMETS_TEST_DATA_DIR) + "/item_frame.png",
                                     PackedPicture(frame.data(), kWidth, kHeight, 24),
                                     test::GoldenTolerance{12, 0.01}));

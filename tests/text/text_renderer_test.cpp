@@ -195,7 +195,7 @@ TEST(TextRenderer, EmptyTextAndBeforeFirstRender) {
     std::vector<uint8_t> frame(lumets::RowStride(8, 24) * 8, 0x5A);
     const lumets::PictureView view = lumets::PackedPicture(frame.data(), 8, 8, 24);
     renderer.BlendInto(view, POINT{0, 0});
-    renderer.BlendScaledInto24(view, RECT{0, 0, 8, 8}, POINT{0, 0}, 1.0f);
+    renderer.BlendScaledIntoFrame(view, RECT{0, 0, 8, 8}, POINT{0, 0}, 1.0f);
     for (uint8_t b : frame) {
         ASSERT_EQ(b, 0x5A);
     }
@@ -353,9 +353,9 @@ TEST(TextRenderer, KeptScalingGivesTheFreshPictureAndScalesOncePerChange) {
         fresh.Render(s.text, &style);
         std::vector<uint8_t> keptFrame(lumets::RowStride(320, 24) * 120, 0x30);
         std::vector<uint8_t> freshFrame = keptFrame;
-        kept.BlendScaledInto24(lumets::PackedPicture(keptFrame.data(), 320, 120, 24),
+        kept.BlendScaledIntoFrame(lumets::PackedPicture(keptFrame.data(), 320, 120, 24),
                                RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
-        fresh.BlendScaledInto24(lumets::PackedPicture(freshFrame.data(), 320, 120, 24),
+        fresh.BlendScaledIntoFrame(lumets::PackedPicture(freshFrame.data(), 320, 120, 24),
                                 RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
         EXPECT_EQ(keptFrame, freshFrame) << s.scale << " at " << s.x;
         EXPECT_EQ(kept.ScaleCount(), s.scales) << s.scale << " at " << s.x;
@@ -409,7 +409,7 @@ TEST(TextRendererThreads, RenderWhileAnotherThreadBlends) {
         const lumets::PictureView view = lumets::PackedPicture(frame.data(), 320, 120, 24);
         while (!done.load()) {
             renderer.BlendInto(view, POINT{4, 4});
-            renderer.BlendScaledInto24(view, RECT{0, 0, 320, 120}, POINT{4, 4}, 1.5f);
+            renderer.BlendScaledIntoFrame(view, RECT{0, 0, 320, 120}, POINT{4, 4}, 1.5f);
             (void)renderer.GetSize();
         }
     });

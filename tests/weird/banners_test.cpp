@@ -195,7 +195,7 @@ TEST_F(OmbrelTest, PlatePiecesPlacementScaleAndTexture) {
         banner.LoadImages(g_files->Caps(a).c_str(), P("middle.png").c_str());
         Frame frame(640, 480);
         const RECT rect{100, 50, 400, 150};
-        banner.Compose(frame.bytes.data(), 640, 480, &rect, 1.0f);
+        banner.Compose(PackedFrame24(frame.bytes.data(), 640, 480), &rect, 1.0f);
 
         // The pieces: caps halves at both ends, the middle strip between.
         const PixelBuffer& plate = banner.Plate();
@@ -230,13 +230,13 @@ TEST_F(OmbrelTest, PlatePiecesPlacementScaleAndTexture) {
         const SIZE size = text.GetSize();
         const POINT at{static_cast<int32_t>(250.0f - static_cast<float>(t) / 2.0f),
                        static_cast<int32_t>(100.0f - static_cast<float>(size.cy) / 2.0f)};
-        text.BlendScaledInto24(want.View(), rect, at, 1.0f);
+        text.BlendScaledIntoFrame(want.View(), rect, at, 1.0f);
         EXPECT_TRUE(frame.bytes == want.bytes);
 
         // At 0.5 the plate is scaled to 70 x 18 and centred: the changed
         // pixels start at x = 215 and row 91.
         Frame half(640, 480);
-        banner.Compose(half.bytes.data(), 640, 480, &rect, 0.5f);
+        banner.Compose(PackedFrame24(half.bytes.data(), 640, 480), &rect, 0.5f);
         int32_t left = 640, top = 480;
         for (int32_t y = 0; y < 480; ++y) {
             for (int32_t x = 0; x < 640; ++x) {

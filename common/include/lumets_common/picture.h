@@ -5,6 +5,12 @@
 // straight alpha. Rows are stored bottom-up: row 0 in memory is the bottom row
 // of the picture. The library's own pictures pad their rows to 4 bytes
 // (RowStride); a view may name any stride at least as wide as a row.
+//
+// A host's frame may lie otherwise (FrameView): its colours in R, G, B order,
+// 32-bit with a fourth byte that is the host's and never written, rows
+// top-down. Such views are only ever drawn into; the row indices of every
+// operation still count memory rows of the bottom-up picture, so a top-down
+// frame's row 0 is its last row in memory.
 #pragma once
 
 #include <cstddef>
@@ -20,6 +26,11 @@ uint32_t RowStride(uint32_t width, uint32_t bitsPerPixel);
 // A picture's pixels and geometry, borrowed: whoever makes the view keeps the
 // pixels alive and guarantees strideBytes * height bytes at data. Views are
 // passed by value or const reference; a mutable view converts to a const one.
+// How a view's pixels lie. Native is the conventions above; the others are
+// hosts' frames: Rgb is 24-bit R, G, B; Bgrx and Rgbx are 32-bit with the
+// fourth byte left as the host has it.
+enum class PixelLayout : uint8_t { Native, Rgb, Bgrx, Rgbx };
+
 template <typename Byte>
 struct BasicPictureView {
     Byte* data = nullptr;
@@ -27,14 +38,26 @@ struct BasicPictureView {
     int32_t height = 0;
     int32_t bitsPerPixel = 0;
     size_t strideBytes = 0;  // from one memory row to the next
+    PixelLayout layout = PixelLayout::Native;
+    // Rows lie top-down from data: the bottom row is the last in memory.
+    bool topDown = false;
 
     template <typename Other>
     requires(std::is_const_v<Other> && !std::is_const_v<Byte>) operator BasicPictureView<Other>()
         const {
-        return {data, width, height, bitsPerPixel, strideBytes};
+        return {data, width, height, bitsPerPixel, strideBytes, layout, topDown};
     }
 };
 using PictureView = BasicPictureView<uint8_t>;
+
+// A view that frame operations draw into: the library's 24-bit frame or a
+// host's frame of another layout (a 32-bit picture of the library's own is not).
+inline bool IsFrameLayout(const BasicPictureView<uint8_t>& view) {
+    return view.bitsPerPixel == 24
+               ? view.layout == PixelLayout::Native || view.layout == PixelLayout::Rgb
+               : view.bitsPerPixel == 32 &&
+                     (view.layout == PixelLayout::Bgrx || view.layout == PixelLayout::Rgbx);
+}
 using ConstPictureView = BasicPictureView<const uint8_t>;
 
 // A view of rows padded to 4 bytes, as the library and its hosts store them.

@@ -32,6 +32,12 @@ struct PixelKernels {
     // copied), or keeps its own where the source alpha is 0.
     RowKernel blend32To24;
     RowKernel blend32To32;
+    // The same blend into hosts' frames of other layouts (PixelLayout):
+    // R, G, B; and 32-bit B, G, R, x or R, G, B, x whose fourth byte is never
+    // written. Each gives the colours blend32To24 gives, in its own order.
+    RowKernel blend32ToRgb24;
+    RowKernel blend32ToBgrx;
+    RowKernel blend32ToRgbx;
     // Plain copies. 24 -> 32 either keeps the destination's alpha byte (the
     // blend of an alpha-less source) or writes 255 (a copy).
     RowKernel copy24To24;

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 
+#include "lumets/frame.h"
 #include "lumets/win_types.h"
 #include "lumets_common/picture.h"
 
@@ -35,11 +36,19 @@ void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src);
 void CopyRectPixels(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
                     const RECT& srcRect);
 
-// Blends a bottom-up 32-bit picture into a 24-bit bottom-up frame. The
-// picture's top-left lands at pos (top-down frame coordinates); only pixels
-// inside clip (put into order first) and inside the frame change, each as
-// D = ((255 - a) * D + S * a) / 255.
-void BlendIntoFrame24(const PictureView& frame, const RECT& clip, POINT pos,
-                      const ConstPictureView& picture);
+// Blends a bottom-up 32-bit picture into a frame (the library's 24-bit
+// frame or a host's of another layout). The picture's top-left lands at pos
+// (top-down frame coordinates); only pixels inside clip (put into order
+// first) and inside the frame change, each as D = ((255 - a) * D + S * a) / 255.
+void BlendIntoFrame(const PictureView& frame, const RECT& clip, POINT pos,
+                    const ConstPictureView& picture);
+
+// A host's frame as a view to blend into: empty (data null) for a null
+// frame, a size, format, flag or stride that cannot be drawn into.
+PictureView FrameView(const lumets_frame* frame);
+
+// The library's own frame (24-bit B, G, R, rows bottom-up and padded to 4
+// bytes) as a host frame; sizes beyond int32 give one that draws nothing.
+lumets_frame PackedFrame24(uint8_t* data, uint64_t width, uint64_t height);
 
 }  // namespace lumets

@@ -99,7 +99,7 @@ struct ScaledReuse {
 };
 
 // source scaled by scale (through scaled, which only grows) and blended into
-// the 24-bit bottom-up frame with its top-left at pos, inside clip; pos and
+// the frame (any layout FrameView makes) with its top-left at pos, inside clip; pos and
 // clip are top-down coordinates before scaling. A scaled picture within
 // wholeLimit pixels is scaled whole (and reused through reuse while source,
 // scale and part stay); a larger one only in the part that can show: its
@@ -109,8 +109,8 @@ struct ScaledReuse {
 // a scaled part over kMaxPicturePixels and a source to be scaled without the
 // scaler's slack (HasScalerSlack). rescales, when not null, counts the
 // scales done.
-void BlendScaledInto24(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
-                       const RECT& clip, POINT pos, float scale, uint32_t* rescales,
-                       ScaledReuse* reuse = nullptr, int64_t wholeLimit = kMaxPicturePixels);
+void BlendScaledIntoFrame(const PixelBuffer& source, PixelBuffer& scaled, const PictureView& frame,
+                          const RECT& clip, POINT pos, float scale, uint32_t* rescales,
+                          ScaledReuse* reuse = nullptr, int64_t wholeLimit = kMaxPicturePixels);
 
 }  // namespace lumets

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "lumets/export.h"
+#include "lumets/frame.h"
 #include "lumets/host/gl_objects.h"
 #include "lumets/win_types.h"
 
@@ -56,6 +57,11 @@ class LUMETS_HOST_API IFlashPlayer {
     virtual void RenderToFrame(uint8_t* frame, uint32_t width, uint32_t height, const RECT* clip,
                                const POINT* pos, float scale) = 0;
     virtual ~IFlashPlayer() = default;
+    // After the host's layout: RenderToFrame into a frame of any layout
+    // lumets/frame.h describes. A player that lacks it draws into the
+    // library's own layout only, through RenderToFrame.
+    virtual void RenderToHostFrame(const lumets_frame* frame, const RECT* clip, const POINT* pos,
+                                   float scale);
 };
 
 // Null when no player can be made.
