@@ -7,6 +7,8 @@ namespace lumets::platform {
 using detail::Scheduler;
 
 struct AutoResetEvent::Impl {
+    // The clock current where the event was made, whichever thread uses it.
+    const std::shared_ptr<Scheduler> scheduler = Scheduler::Current().shared_from_this();
     // Both guarded by the scheduler's mutex. A Set that finds a waiter hands the
     // signal straight to it, so "signalled" is only ever true with nobody waiting.
     bool signalled = false;
@@ -18,12 +20,12 @@ AutoResetEvent::AutoResetEvent(bool initiallySet) : m_impl(std::make_unique<Impl
 }
 
 AutoResetEvent::~AutoResetEvent() {
-    auto lk = Scheduler::Instance().Lock();
+    auto lk = m_impl->scheduler->Lock();
     Scheduler::Orphan(m_impl->waiters);
 }
 
 void AutoResetEvent::Set() {
-    Scheduler& s = Scheduler::Instance();
+    Scheduler& s = *m_impl->scheduler;
     auto lk = s.Lock();
     if (!s.SignalOne(m_impl->waiters)) {
         m_impl->signalled = true;
@@ -31,7 +33,7 @@ void AutoResetEvent::Set() {
 }
 
 void AutoResetEvent::Reset() {
-    auto lk = Scheduler::Instance().Lock();
+    auto lk = m_impl->scheduler->Lock();
     m_impl->signalled = false;
 }
 
@@ -40,7 +42,9 @@ void AutoResetEvent::Wait() {
 }
 
 bool AutoResetEvent::WaitFor(uint32_t timeoutMs) {
-    Scheduler& s = Scheduler::Instance();
+    // Held for the wait: the event may be destroyed while it waits.
+    const std::shared_ptr<Scheduler> keep = m_impl->scheduler;
+    Scheduler& s = *keep;
     auto lk = s.Lock();
     if (m_impl->signalled) {
         m_impl->signalled = false;

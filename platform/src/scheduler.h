@@ -1,6 +1,12 @@
-// The scheduler behind the time source: one process-wide mutex guards every
-// event, every thread-end flag and the virtual clock, so that a wake-up and
-// the bookkeeping of who is runnable happen in one step.
+// The scheduler behind the time source: its mutex guards the events made on
+// it, the end flags of the threads started on it and its virtual clock, so
+// that a wake-up and the bookkeeping of who is runnable happen in one step.
+//
+// There is one process-wide scheduler and one per lumets::Clock. A thread
+// uses its current one (Current): the innermost Clock::Scope's, else, on a
+// library thread, the one it was started on, else the process-wide one.
+// Events and threads keep the scheduler they were made on, whoever calls
+// them. No scheduler's mutex is ever held while another's is taken.
 //
 // Library threads (those started through Thread::Start) are counted while
 // they run and uncounted while they are blocked in a wait of the time source.
@@ -15,6 +21,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -47,14 +54,21 @@ struct Waiter {
     bool signalled = false;  // woken by its object rather than by time
 };
 
-class Scheduler {
+class Scheduler : public std::enable_shared_from_this<Scheduler> {
   public:
+    // The process-wide scheduler; never destroyed.
     static Scheduler& Instance();
+    // A new scheduler of its own, in virtual mode at 0 (a Clock's).
+    static std::shared_ptr<Scheduler> CreateVirtual();
+    // The calling thread's scheduler.
+    static Scheduler& Current();
+    // Makes s the calling thread's scheduler; null restores the thread's own
+    // (its library scheduler, or the process-wide one).
+    static void SetCurrent(Scheduler* s);
+    // Called first on a library thread started on s: it counts on s for life.
+    static void EnterLibraryThread(Scheduler& s);
 
     std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(m_mutex); }
-
-    static void MarkLibraryThread();
-    static bool IsLibraryThread();
 
     // --- under the lock ----------------------------------------------------
     // Blocks the caller (holding lk) on queue (may be null: a sleep) until it is
@@ -87,6 +101,9 @@ class Scheduler {
     Scheduler() = default;
 
     bool IsVirtual() const { return Mode() == TimeMode::Virtual; }
+    // The caller is a library thread started on this scheduler. A library
+    // thread of another one is a host thread here: nothing counts it.
+    bool OwnsCallingThread() const;
     void Wake(Waiter& w, bool signalled);
     void Unlink(Waiter& w);
     void LeaveRunnable();

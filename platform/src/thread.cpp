@@ -12,6 +12,9 @@ namespace lumets::platform {
 using detail::Scheduler;
 
 struct Thread::State {
+    // The clock current where the thread was started: it runs, counts and
+    // signals its end on it.
+    std::shared_ptr<Scheduler> scheduler;
     // Touched only by the owning Thread object.
     std::thread thread;
     // Guarded by the scheduler's mutex.
@@ -24,7 +27,8 @@ namespace {
 // The thread keeps its own reference to the state, so a detached thread never
 // touches freed memory, whatever became of the Thread object.
 void RunLibraryThread(std::shared_ptr<Thread::State> state, std::function<void()> body) {
-    Scheduler::MarkLibraryThread();
+    Scheduler& s = *state->scheduler;
+    Scheduler::EnterLibraryThread(s);
     {
         // Destroyed before the end is signalled: whatever the body captured must
         // be gone by the time a waiter is told the thread has ended.
@@ -35,7 +39,6 @@ void RunLibraryThread(std::shared_ptr<Thread::State> state, std::function<void()
             DebugOutput("lumets: a library thread ended with an exception\n");
         }
     }
-    Scheduler& s = Scheduler::Instance();
     auto lk = s.Lock();
     state->ended = true;
     s.SignalAll(state->endWaiters);
@@ -43,7 +46,7 @@ void RunLibraryThread(std::shared_ptr<Thread::State> state, std::function<void()
 }
 
 bool HasEnded(const Thread::State& state) {
-    auto lk = Scheduler::Instance().Lock();
+    auto lk = state.scheduler->Lock();
     return state.ended;
 }
 
@@ -74,7 +77,8 @@ bool Thread::Start(std::function<void()> body) {
         m_state.reset();
     }
     auto state = std::make_shared<State>();
-    Scheduler& s = Scheduler::Instance();
+    state->scheduler = Scheduler::Current().shared_from_this();
+    Scheduler& s = *state->scheduler;
     s.LibraryThreadStarting();
     try {
         state->thread = std::thread(RunLibraryThread, state, std::move(body));
@@ -97,7 +101,7 @@ bool Thread::WaitForEnd(uint32_t timeoutMs) {
     }
     bool ended = false;
     if (m_state->thread.get_id() != std::this_thread::get_id()) {
-        Scheduler& s = Scheduler::Instance();
+        Scheduler& s = *m_state->scheduler;
         auto lk = s.Lock();
         if (!m_state->ended && timeoutMs != 0) {
             std::optional<uint32_t> limit;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "scheduler.h"
@@ -10,7 +11,11 @@ namespace lumets::platform::detail {
 
 namespace {
 
-thread_local bool t_libraryThread = false;
+// The scheduler a library thread was started on (null on other threads), and
+// the one the thread uses now when a Clock::Scope chose it (null: the former,
+// or the process-wide one).
+thread_local Scheduler* t_owner = nullptr;
+thread_local Scheduler* t_current = nullptr;
 
 uint64_t SteadyMs() {
     using namespace std::chrono;
@@ -28,16 +33,37 @@ int64_t SystemMs() {
 
 Scheduler& Scheduler::Instance() {
     // Never destroyed: a detached library thread may still wait or end while
-    // static destructors run at process exit.
-    static Scheduler* const instance = new Scheduler;
-    return *instance;
+    // static destructors run at process exit. Owned through a shared pointer
+    // that is never released, so events and threads share it like a Clock's.
+    static std::shared_ptr<Scheduler>* const instance =
+        new std::shared_ptr<Scheduler>(new Scheduler);
+    return **instance;
 }
 
-void Scheduler::MarkLibraryThread() {
-    t_libraryThread = true;
+std::shared_ptr<Scheduler> Scheduler::CreateVirtual() {
+    std::shared_ptr<Scheduler> s(new Scheduler);
+    s->SetMode(TimeMode::Virtual);
+    return s;
 }
-bool Scheduler::IsLibraryThread() {
-    return t_libraryThread;
+
+Scheduler& Scheduler::Current() {
+    if (t_current != nullptr) {
+        return *t_current;
+    }
+    return t_owner != nullptr ? *t_owner : Instance();
+}
+
+void Scheduler::SetCurrent(Scheduler* s) {
+    t_current = s;
+}
+
+void Scheduler::EnterLibraryThread(Scheduler& s) {
+    t_owner = &s;
+    t_current = nullptr;
+}
+
+bool Scheduler::OwnsCallingThread() const {
+    return t_owner == this;
 }
 
 void Scheduler::LeaveRunnable() {
@@ -114,7 +140,7 @@ void Scheduler::LibraryThreadEnded() {
 bool Scheduler::Wait(std::unique_lock<std::mutex>& lk, WaitQueue* queue,
                      std::optional<uint32_t> limitMs) {
     Waiter w;
-    w.library = t_libraryThread;
+    w.library = OwnsCallingThread();
     w.seq = ++m_nextSeq;
     if (queue != nullptr) {
         queue->push_back(&w);
@@ -298,7 +324,7 @@ void Scheduler::Sleep(uint32_t ms) {
 
 void Scheduler::AdvanceBy(uint64_t ms) {
     // On a library thread it would wait for itself to block.
-    if (t_libraryThread || !IsVirtual()) {
+    if (OwnsCallingThread() || !IsVirtual()) {
         return;
     }
     auto lk = Lock();
@@ -316,7 +342,7 @@ void Scheduler::AdvanceBy(uint64_t ms) {
 }
 
 void Scheduler::WaitUntilSettled() {
-    if (t_libraryThread || !IsVirtual()) {
+    if (OwnsCallingThread() || !IsVirtual()) {
         return;
     }
     auto lk = Lock();
@@ -329,29 +355,70 @@ namespace lumets {
 
 using platform::detail::Scheduler;
 
+// The process-wide clock keeps its mode for hosts that never make a Clock.
 void SetTimeMode(TimeMode mode) {
     Scheduler::Instance().SetMode(mode);
 }
 TimeMode GetTimeMode() {
-    return Scheduler::Instance().Mode();
+    return Scheduler::Current().Mode();
 }
 uint64_t MonotonicMs() {
-    return Scheduler::Instance().NowMs();
+    return Scheduler::Current().NowMs();
 }
 int64_t WallClockMs() {
-    return Scheduler::Instance().WallMs();
+    return Scheduler::Current().WallMs();
 }
 void SetVirtualWallClockMs(int64_t wallMs) {
-    Scheduler::Instance().SetWallMs(wallMs);
+    Scheduler::Current().SetWallMs(wallMs);
 }
 void SleepMs(uint32_t durationMs) {
-    Scheduler::Instance().Sleep(durationMs);
+    Scheduler::Current().Sleep(durationMs);
 }
 void AdvanceBy(uint64_t durationMs) {
-    Scheduler::Instance().AdvanceBy(durationMs);
+    Scheduler::Current().AdvanceBy(durationMs);
 }
 void WaitUntilSettled() {
-    Scheduler::Instance().WaitUntilSettled();
+    Scheduler::Current().WaitUntilSettled();
+}
+
+struct Clock::State {
+    std::shared_ptr<Scheduler> scheduler;
+};
+
+Clock::Clock() : m_state(std::make_shared<State>(State{Scheduler::CreateVirtual()})) {}
+
+Clock::~Clock() {
+    // Real time from now on: pending virtual waits time out at once and later
+    // ones follow the real clock, so a straggling library thread finishes.
+    m_state->scheduler->SetMode(TimeMode::Real);
+}
+
+uint64_t Clock::NowMs() const {
+    return m_state->scheduler->NowMs();
+}
+void Clock::AdvanceBy(uint64_t durationMs) {
+    m_state->scheduler->AdvanceBy(durationMs);
+}
+void Clock::WaitUntilSettled() {
+    m_state->scheduler->WaitUntilSettled();
+}
+void Clock::SetWallClockMs(int64_t wallMs) {
+    m_state->scheduler->SetWallMs(wallMs);
+}
+
+namespace {
+// The innermost Scope living on this thread.
+thread_local const Clock::Scope* t_scope = nullptr;
+}  // namespace
+
+Clock::Scope::Scope(Clock& clock) : m_state(clock.m_state), m_outer(t_scope) {
+    t_scope = this;
+    Scheduler::SetCurrent(m_state->scheduler.get());
+}
+
+Clock::Scope::~Scope() {
+    t_scope = m_outer;
+    Scheduler::SetCurrent(m_outer != nullptr ? m_outer->m_state->scheduler.get() : nullptr);
 }
 
 }  // namespace lumets

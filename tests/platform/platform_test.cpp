@@ -249,6 +249,52 @@ TEST_F(VirtualTime, StressPingPongAndSpawn) {
     }
 }
 
+// One scene on a clock of its own, driven in steps: a ticker that sleeps and
+// signals until its clock ends, and a listener whose limited waits end on a
+// signal or on time. The ticker is still asleep when the clock goes, which
+// must end that sleep at once.
+History PlayScene(uint32_t period, uint64_t step) {
+    History journal;  // one writer: the listener
+    auto clock = std::make_unique<Clock>();
+    const Clock::Scope scope(*clock);  // outlives the clock, which it keeps
+    AutoResetEvent tick;
+    std::vector<Thread> threads(2);
+    threads[0].Start([&] {
+        for (uint32_t i = 0; GetTimeMode() == TimeMode::Virtual; ++i) {
+            SleepMs(period + i % 3);
+            tick.Set();
+        }
+    });
+    threads[1].Start([&] {
+        for (int i = 0; i < 16; ++i) {
+            const bool got = tick.WaitFor(period - 1);
+            journal.emplace_back(MonotonicMs(), got);
+        }
+    });
+    while (clock->NowMs() < 20 * period) {
+        clock->AdvanceBy(step);
+    }
+    clock.reset();
+    EXPECT_TRUE(threads[0].WaitForEnd(10000) && threads[1].WaitForEnd(0));
+    return journal;
+}
+
+// Two scenes on clocks of their own, driven at unrelated steps, play exactly
+// as each plays alone: one hosted by a library thread of the process-wide
+// clock, in real time, the other by this thread inside a scope of a third
+// clock, which waits for the first in real time all the same.
+TEST(Clocks, ScenesOnClocksOfTheirOwnPlayAsAlone) {
+    const History alone[] = {PlayScene(7, 3), PlayScene(10, 1)};
+    EXPECT_EQ(alone[0][1], std::make_pair(uint64_t{7}, 1));  // signalled by the first tick
+    Thread host;
+    EXPECT_TRUE(host.Start([&] { EXPECT_EQ(PlayScene(7, 1), alone[0]); }));
+    Clock outer;
+    const Clock::Scope scope(outer);  // the scene's own scope nests in it
+    EXPECT_EQ(PlayScene(10, 9), alone[1]);
+    EXPECT_EQ(MonotonicMs(), 0u);  // back on the outer clock, which stood still
+    EXPECT_TRUE(host.WaitForEnd(10000));
+}
+
 TEST(RealTime, EventsAndThreads) {
     ASSERT_EQ(GetTimeMode(), TimeMode::Real);
     AutoResetEvent ev;
