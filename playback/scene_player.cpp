@@ -5,13 +5,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "lumets_common/picture_limits.h"
 #include "lumets_common/pixel_ops.h"
 #include "lumets_platform/utf16.h"
+#include "scene_limits.h"
 
 namespace lumets::playback {
 namespace {
@@ -45,21 +48,23 @@ struct CScenePlayer::Records {
     std::unique_ptr<BackgroundPart> plate;
 };
 
-CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, double fps, bool gpu)
-    : m_scene(scene),
-      m_width(width),
-      m_height(height),
-      m_fps(fps),
-      m_scale(static_cast<float>(width) / static_cast<float>(scene.width)),
-      m_gpu(gpu) {
-    if (!(fps >= 1 && fps <= 240) || width < 16 || height < 16 || width > 8192 || height > 8192) {
-        m_error = "frames must be 16 to 8192 pixels a side, at 1 to 240 frames per second";
+uint64_t FrameTimeMs(uint64_t index, double fps) {
+    return static_cast<uint64_t>(std::llround(static_cast<double>(index) * 1000.0 / fps));
+}
+
+CScenePlayer::CScenePlayer(const Scene& scene, bool gpu, int32_t gpuWidth, int32_t gpuHeight)
+    : m_scene(scene), m_gpu(gpu), m_gpuWidth(gpuWidth), m_gpuHeight(gpuHeight) {
+    if (gpu && (gpuWidth < 16 || gpuHeight < 16 || gpuWidth > 8192 || gpuHeight > 8192)) {
+        m_error = "frames must be 16 to 8192 pixels a side";
         return;
     }
+    // Every manager, and every thread and event it makes, lives on this
+    // scene's clock.
+    const Clock::Scope onClock(m_clock);
     if (gpu || scene.virtualScene) {
         m_gl = std::make_unique<host::CHeadlessGl>();
         if (!m_gl->OpenDisplay() || !m_gl->CreateContext() ||
-            !m_gl->CreateFramebuffer(width, height)) {
+            !m_gl->CreateFramebuffer(gpu ? gpuWidth : 16, gpu ? gpuHeight : 16)) {
             m_error = "no OpenGL for " + std::string(gpu ? "--gpu" : "the scene movie") + ": " +
                       m_gl->Error();
             m_gl.reset();
@@ -74,7 +79,7 @@ CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, do
             m_error = "the GPU combiner could not start";
             return;
         }
-        m_bgra.resize(size_t{4} * width * height);
+        m_bgra.resize(size_t{4} * gpuWidth * gpuHeight);
     }
     m_subtitles = CreateLumetManager();
     for (const Subtitle& subtitle : scene.subtitles) {
@@ -102,10 +107,11 @@ CScenePlayer::CScenePlayer(const Scene& scene, int32_t width, int32_t height, do
         m_virtualScene = CreateVirtualSceneManager();
         m_virtualScene->OpenScene(platform::Utf8ToU16(scene.virtualScene->path).c_str(), 0);
     }
-    WaitUntilSettled();
+    m_clock.WaitUntilSettled();
 }
 
 CScenePlayer::~CScenePlayer() {
+    const Clock::Scope onClock(m_clock);
     if (m_gl) {
         m_gl->MakeCurrent();
     }
@@ -114,6 +120,7 @@ CScenePlayer::~CScenePlayer() {
     DeleteVirtualSceneManager(m_virtualScene);
     CGLObjectFactory::DestroyPBO(m_pbo);
     m_frameTexture.Reset();  // while the context is current
+    m_ombrelTexture.Reset();
     CProcessorFactory::DestroyCombiner(m_combiner);
 }
 
@@ -154,14 +161,44 @@ void CScenePlayer::Add(const Subtitle& subtitle) {
     m_subtitles->AddSubtitle(subtitle.id.c_str(), subtitle.group.c_str(), items.data(),
                              static_cast<uint32_t>(items.size()), subtitle.pos.x, subtitle.pos.y,
                              subtitle.loop, subtitle.intervalMs);
+    m_added[subtitle.id] = subtitle.group;
 }
 
-void CScenePlayer::Apply(const Action& action) {
+bool CScenePlayer::Plays(const std::u16string& id) {
+    POINT at{};
+    return m_subtitles->GetSubtitlePosition(id.c_str(), &at);
+}
+
+void CScenePlayer::Forget() {
+    for (auto it = m_added.begin(); it != m_added.end();) {
+        it = Plays(it->first) ? std::next(it) : m_added.erase(it);
+    }
+}
+
+std::string CScenePlayer::Apply(const Action& action) {
+    if (!Ok()) {
+        return m_error;
+    }
+    const Clock::Scope onClock(m_clock);
+    const auto unknown = [](const std::u16string& id) {
+        return "no subtitle plays under the id \"" + platform::U16ToUtf8(id.c_str(), id.size()) +
+               "\"";
+    };
+    std::string why;
     switch (action.kind) {
         case Action::Kind::Add:
+            Forget();
+            if (m_added.size() >= static_cast<size_t>(limits::kSubtitlesAtOnce.max) &&
+                m_added.count(action.subtitle->id) == 0) {
+                return std::to_string(static_cast<size_t>(limits::kSubtitlesAtOnce.max)) +
+                       " subtitles play already; remove or trim some first";
+            }
             Add(*action.subtitle);
             break;
         case Action::Kind::Remove:
+            if (!Plays(action.id)) {
+                return unknown(action.id);
+            }
             m_subtitles->RemoveSubtitle(action.id.c_str());
             break;
         case Action::Kind::RemoveAll:
@@ -171,6 +208,9 @@ void CScenePlayer::Apply(const Action& action) {
             m_subtitles->TrimGroup(action.group.c_str(), action.keep);
             break;
         case Action::Kind::Move:
+            if (!Plays(action.id)) {
+                return unknown(action.id);
+            }
             m_subtitles->MoveSubtitle(action.id.c_str(), action.to.x, action.to.y);
             break;
         case Action::Kind::Drag: {
@@ -179,94 +219,194 @@ void CScenePlayer::Apply(const Action& action) {
             char16_t id[260] = {};
             RECT rect{};
             POINT at{};
-            if (m_subtitles->HitTestGroup(action.group.c_str(), action.from.x, action.from.y, id,
-                                          &rect) &&
-                m_subtitles->GetSubtitlePosition(id, &at)) {
-                m_subtitles->MoveSubtitle(id, at.x + action.to.x - action.from.x,
-                                          at.y + action.to.y - action.from.y);
+            if (!m_subtitles->HitTestGroup(action.group.c_str(), action.from.x, action.from.y, id,
+                                           &rect) ||
+                !m_subtitles->GetSubtitlePosition(id, &at)) {
+                return "no subtitle of the group \"" +
+                       platform::U16ToUtf8(action.group.c_str(), action.group.size()) +
+                       "\" shows at (" + std::to_string(action.from.x) + ", " +
+                       std::to_string(action.from.y) + ")";
             }
+            m_subtitles->MoveSubtitle(id, at.x + action.to.x - action.from.x,
+                                      at.y + action.to.y - action.from.y);
             break;
         }
         case Action::Kind::Text: {
+            if (!Plays(action.id)) {
+                return unknown(action.id);
+            }
             auto part = std::make_unique<TextPart>();
             FillText(*part, *action.text);
             m_subtitles->UpdateSubtitleText(action.id.c_str(), part.get());
             break;
         }
         case Action::Kind::Plate: {
+            if (!Plays(action.id)) {
+                return unknown(action.id);
+            }
             const BackgroundPart part = PlatePart(action.plate);
             m_subtitles->UpdateSubtitleBackground(action.id.c_str(), &part);
             break;
         }
     }
+    m_clock.WaitUntilSettled();
+    return why;
 }
 
 void CScenePlayer::AdvanceTo(uint64_t ms) {
+    if (!Ok()) {
+        return;
+    }
+    const std::vector<Action>& actions = m_scene.actions;
+    for (; m_nextAction < actions.size(); ++m_nextAction) {
+        const auto at = static_cast<uint64_t>(std::llround(actions[m_nextAction].at * 1000.0));
+        if (at > ms) {
+            break;
+        }
+        if (at > m_nowMs) {
+            m_clock.AdvanceBy(at - m_nowMs);
+            m_nowMs = at;
+        }
+        // A scripted action on an id that has gone does nothing, as the
+        // manager's own calls do.
+        Apply(actions[m_nextAction]);
+    }
     if (ms > m_nowMs) {
-        AdvanceBy(ms - m_nowMs);
+        m_clock.AdvanceBy(ms - m_nowMs);
         m_nowMs = ms;
     }
 }
 
-void CScenePlayer::Render(uint64_t index, uint8_t* frame) {
-    if (!Ok()) {
-        return;
+bool CScenePlayer::Draw(const lumets_frame& frame) {
+    const PictureView view = FrameView(&frame);
+    if (!Ok() || view.data == nullptr) {
+        return false;
     }
-    const auto frameMs =
-        static_cast<uint64_t>(std::llround(static_cast<double>(index) * 1000.0 / m_fps));
-    const std::vector<Action>& actions = m_scene.actions;
-    for (; m_nextAction < actions.size(); ++m_nextAction) {
-        const auto at = static_cast<uint64_t>(std::llround(actions[m_nextAction].at * 1000.0));
-        if (at > frameMs) {
-            break;
-        }
-        AdvanceTo(at);
-        Apply(actions[m_nextAction]);
-    }
-    AdvanceTo(frameMs);
-
-    if (m_gpu && m_gl) {
+    const Clock::Scope onClock(m_clock);
+    const float scale = static_cast<float>(frame.width) / static_cast<float>(m_scene.width);
+    const bool packed24 = frame.format == LUMETS_FORMAT_BGR24 &&
+                          frame.flags == LUMETS_FRAME_BOTTOM_UP && frame.width == m_gpuWidth &&
+                          frame.height == m_gpuHeight &&
+                          frame.stride == static_cast<int64_t>(view.strideBytes);
+    if (m_gpu && m_gl && packed24) {
         DrawSubtitlesOnGpu(frame);
     } else {
-        m_subtitles->DrawToBuffer(frame, static_cast<uint32_t>(m_width),
-                                  static_cast<uint32_t>(m_height), m_scale);
+        m_subtitles->DrawToFrame(&frame, scale);
     }
     if (m_banners != nullptr) {
         if (m_scene.tavrin) {
-            m_banners->ComposeTavrin(frame, m_width, m_height, &m_scene.tavrin->origin);
+            m_banners->ComposeTavrinToFrame(&frame, &m_scene.tavrin->origin);
         }
         if (m_scene.quellin) {
-            m_banners->ComposeQuellin(frame, m_width, m_height, &m_scene.quellin->origin);
+            m_banners->ComposeQuellinToFrame(&frame, &m_scene.quellin->origin);
         }
         if (const auto& o = m_scene.ombrel) {
-            m_banners->ComposeOmbrel(frame, m_width, m_height, &o->rect, o->scale * m_scale);
+            m_banners->ComposeOmbrelToFrame(&frame, &o->rect, o->scale * scale);
         }
     }
     if (m_virtualScene != nullptr && m_gl) {
-        DrawVirtualScene(frame);
+        DrawVirtualScene(frame, scale);
     }
+    return true;
 }
 
-void CScenePlayer::DrawSubtitlesOnGpu(uint8_t* frame) {
+bool CScenePlayer::DrawToTarget(int32_t width, int32_t height) {
+    if (!Ok() || width <= 0 || height <= 0 || width > 16384 || height > 16384) {
+        return false;
+    }
+    const Clock::Scope onClock(m_clock);
+    const float scale = static_cast<float>(width) / static_cast<float>(m_scene.width);
+    m_subtitles->DrawToTarget(width, height, scale);
+    if (m_combiner == nullptr) {
+        m_combiner = CProcessorFactory::CreateCombiner();
+        if (m_combiner == nullptr || !m_combiner->Init()) {
+            return false;
+        }
+    }
+    // Target units are the scene's own: the combiner maps them onto the
+    // viewport, so the banner and the movie scale with the frame.
+    const auto draw = [&](GLuint texture, const RECT& rect) {
+        m_combiner->SetDestination(&rect, m_scene.width, m_scene.height, 1);
+        m_combiner->DrawTexture(texture, 0);
+    };
+    if (const auto& o = m_scene.ombrel; o && m_banners != nullptr) {
+        if (!m_ombrelTexture) {
+            m_ombrelTexture.Reset(CGLObjectFactory::CreateTexture());
+        }
+        if (m_pbo == nullptr) {
+            m_pbo = CGLObjectFactory::CreatePBO(PBOTypeUnpack, 32);
+        }
+        int w = 0;
+        int h = 0;
+        m_banners->DrawOmbrelToTexture(m_ombrelTexture.Get(), &w, &h, m_pbo);
+        const int64_t sw = static_cast<int64_t>(static_cast<float>(w) * o->scale);
+        const int64_t sh = static_cast<int64_t>(static_cast<float>(h) * o->scale);
+        if (sw > 0 && sh > 0) {
+            const int64_t x = (int64_t{o->rect.left} + o->rect.right - sw) / 2;
+            const int64_t y = (int64_t{o->rect.top} + o->rect.bottom - sh) / 2;
+            draw(m_ombrelTexture.Get(), RECT{SaturateToInt32(x), SaturateToInt32(y),
+                                             SaturateToInt32(x + sw), SaturateToInt32(y + sh)});
+        }
+    }
+    if (m_virtualScene != nullptr) {
+        m_virtualScene->RenderScene(0, 0);
+        if (const GLuint texture = m_virtualScene->GetSceneTexture(); texture != 0) {
+            draw(texture, m_scene.virtualScene->rect);
+        }
+    }
+    return true;
+}
+
+std::string CScenePlayer::StateJson() {
+    nlohmann::json subtitles = nlohmann::json::array();
+    if (Ok()) {
+        const Clock::Scope onClock(m_clock);
+        Forget();
+        std::map<std::u16string, std::vector<SubtitleRectEntry>> byGroup;
+        for (const auto& [id, group] : m_added) {
+            byGroup[group].resize(m_added.size());
+        }
+        for (auto& [group, entries] : byGroup) {
+            uint32_t count = static_cast<uint32_t>(entries.size());
+            if (!m_subtitles->GetPlayingInGroup(group.c_str(), entries.data(), &count)) {
+                continue;
+            }
+            for (uint32_t i = 0; i < count && i < entries.size(); ++i) {
+                const SubtitleRectEntry& e = entries[i];
+                const RECT& r = e.rect;
+                subtitles.push_back({{"id", platform::U16ToUtf8(e.id, std::size(e.id))},
+                                     {"group", platform::U16ToUtf8(group.c_str(), group.size())},
+                                     {"rect", {r.left, r.top, r.right, r.bottom}}});
+            }
+        }
+    }
+    const nlohmann::json state = {{"time_ms", m_nowMs}, {"subtitles", subtitles}};
+    return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void CScenePlayer::DrawSubtitlesOnGpu(const lumets_frame& frame) {
     m_gl->MakeCurrent();
     // The frame goes in as a texture drawn over the whole target, the
     // subtitles over it, and the result comes back.
-    const RECT whole{0, 0, m_width, m_height};
-    const PictureView frame24 = PackedPicture(frame, m_width, m_height, 24);
-    const PictureView frame32 = PackedPicture(m_bgra.data(), m_width, m_height, 32);
+    const int32_t w = frame.width;
+    const int32_t h = frame.height;
+    const float scale = static_cast<float>(w) / static_cast<float>(m_scene.width);
+    const RECT whole{0, 0, w, h};
+    const PictureView frame24 = PackedPicture(static_cast<uint8_t*>(frame.data), w, h, 24);
+    const PictureView frame32 = PackedPicture(m_bgra.data(), w, h, 32);
     CopyRectPixels(frame32, whole, frame24, whole);
-    m_pbo->Resize(m_width, m_height);
+    m_pbo->Resize(w, h);
     m_pbo->Upload(m_frameTexture.Get(), m_bgra.data(), static_cast<uint32_t>(m_bgra.size()),
                   GL_BGRA);
     m_combiner->Clear(0);
-    m_combiner->SetDestination(&whole, m_width, m_height, 1);
+    m_combiner->SetDestination(&whole, w, h, 1);
     m_combiner->DrawTexture(m_frameTexture.Get(), 0);
-    m_subtitles->DrawToTarget(m_width, m_height, m_scale);
+    m_subtitles->DrawToTarget(w, h, scale);
     const std::vector<uint8_t> pixels = m_gl->ReadPixels();
-    CopyRectPixels(frame24, whole, PackedPicture(pixels.data(), m_width, m_height, 32), whole);
+    CopyRectPixels(frame24, whole, PackedPicture(pixels.data(), w, h, 32), whole);
 }
 
-void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
+void CScenePlayer::DrawVirtualScene(const lumets_frame& frame, float scale) {
     m_gl->MakeCurrent();
     m_virtualScene->RenderScene(0, 0);
     const GLuint texture = m_virtualScene->GetSceneTexture();
@@ -277,12 +417,12 @@ void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
     glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &th);
     glBindTexture(GL_TEXTURE_2D, 0);
     const RECT& r = m_scene.virtualScene->rect;
-    const auto scaled = [this](int32_t v) {
-        return static_cast<int32_t>(static_cast<float>(v) * m_scale);
+    const auto scaled = [scale](int32_t v) {
+        return static_cast<int32_t>(static_cast<float>(v) * scale);
     };
     const int32_t w = scaled(r.right - r.left);
     const int32_t h = scaled(r.bottom - r.top);
-    if (texture == 0 || tw <= 0 || th <= 0 || w <= 0 || h <= 0) {
+    if (texture == 0 || tw <= 0 || th <= 0 || w <= 0 || h <= 0 || !PicturePixelsAllowed(w, h)) {
         return;
     }
     const std::vector<uint8_t> pixels = host::CHeadlessGl::ReadBackTexture(texture, tw, th);
@@ -296,8 +436,8 @@ void CScenePlayer::DrawVirtualScene(uint8_t* frame) {
     uint8_t* dst[1] = {fitted.data()};
     const int dstStride[1] = {4 * w};
     sws_scale(scaler, src, srcStride, 0, th, dst, dstStride);
-    BlendIntoFrame24(PackedPicture(frame, m_width, m_height, 24), RECT{0, 0, m_width, m_height},
-                     POINT{scaled(r.left), scaled(r.top)}, PackedPicture(fitted.data(), w, h, 32));
+    BlendIntoFrame(FrameView(&frame), RECT{0, 0, frame.width, frame.height},
+                   POINT{scaled(r.left), scaled(r.top)}, PackedPicture(fitted.data(), w, h, 32));
 }
 
 }  // namespace lumets::playback

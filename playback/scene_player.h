@@ -1,9 +1,11 @@
 // Plays a scene through the library's public interfaces, as a host does: the
 // subtitles through ILumetManager, the banners through IWeirdSubtitleManager
-// and the scene movie through IVirtualSceneManager, in virtual time so that
-// frame n shows the scene exactly n frame periods after its start.
+// and the scene movie through IVirtualSceneManager, on a virtual clock of its
+// own, so that the frame at time t shows the scene exactly t milliseconds
+// after its start, whatever else plays in the process.
 #pragma once
 
+#include <lumets/frame.h>
 #include <lumets/host/gl_objects.h>
 #include <lumets/host/gpu_combiner.h>
 #include <lumets/host/headless_gl.h>
@@ -13,6 +15,7 @@
 #include "lumets_common/scaled_composite.h"
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,10 +26,12 @@ namespace lumets::playback {
 
 class LUMETS_SCENE_API CScenePlayer {
   public:
-    // Virtual time must be on. gpu composites the subtitles through
-    // DrawToTarget on a headless OpenGL context. False from Ok(), with the
-    // reason in Error(), when OpenGL is needed and missing.
-    CScenePlayer(const Scene& scene, int32_t width, int32_t height, double fps, bool gpu);
+    // gpu composites the subtitles through DrawToTarget on a headless OpenGL
+    // context of gpuWidth x gpuHeight (24-bit B, G, R bottom-up frames of that
+    // size only). False from Ok(), with the reason in Error(), when OpenGL is
+    // needed and missing. The scene must outlive the player.
+    explicit CScenePlayer(const Scene& scene, bool gpu = false, int32_t gpuWidth = 0,
+                          int32_t gpuHeight = 0);
     ~CScenePlayer();
     CScenePlayer(const CScenePlayer&) = delete;
     CScenePlayer& operator=(const CScenePlayer&) = delete;
@@ -34,34 +39,54 @@ class LUMETS_SCENE_API CScenePlayer {
     bool Ok() const { return m_error.empty(); }
     const std::string& Error() const { return m_error; }
 
-    // Moves time on to frame index (never back), carrying out the actions
-    // due on the way, and composites that frame into frame (the library's
-    // 24-bit bottom-up layout), which holds the backdrop.
-    void Render(uint64_t index, uint8_t* frame);
+    // Moves the scene's clock on to ms (never back), carrying out the
+    // scene's actions due on the way.
+    void AdvanceTo(uint64_t ms);
+    uint64_t NowMs() const { return m_nowMs; }
+
+    // Composites the scene as it stands into frame, which holds the picture
+    // beneath, scaled by the frame's width over the scene's. False when the
+    // frame cannot be drawn into.
+    bool Draw(const lumets_frame& frame);
+    // The same into the framebuffer bound on the calling thread's current GL
+    // context: the subtitles, the third banner and the scene movie.
+    bool DrawToTarget(int32_t width, int32_t height);
+
+    // Carries out one action now. Empty, or why it changed nothing: an id
+    // nothing plays under, a drag that hits nothing, an add past the number
+    // of subtitles that may play at once.
+    std::string Apply(const Action& action);
+
+    // {"time_ms": T, "subtitles": [{"id", "group", "rect": [l, t, r, b]}]}:
+    // what plays now, in the scene's coordinates.
+    std::string StateJson();
 
   private:
     struct Records;  // the item records handed to AddSubtitle
 
     void Add(const Subtitle& subtitle);
-    void Apply(const Action& action);
-    void AdvanceTo(uint64_t ms);
-    void DrawSubtitlesOnGpu(uint8_t* frame);
-    void DrawVirtualScene(uint8_t* frame);
+    bool Plays(const std::u16string& id);
+    void Forget();
+    void DrawSubtitlesOnGpu(const lumets_frame& frame);
+    void DrawVirtualScene(const lumets_frame& frame, float scale);
 
     const Scene& m_scene;
-    int32_t m_width;
-    int32_t m_height;
-    double m_fps;
-    float m_scale;
+    Clock m_clock;  // declared before the managers: it outlives them
     bool m_gpu;
+    int32_t m_gpuWidth;
+    int32_t m_gpuHeight;
     uint64_t m_nowMs = 0;
     size_t m_nextAction = 0;
     std::string m_error;
+    // The ids this player added and their groups, for the state and the
+    // bound on subtitles at once; pruned of those the manager has dropped.
+    std::map<std::u16string, std::u16string> m_added;
 
     std::unique_ptr<host::CHeadlessGl> m_gl;
     IGPUCombiner* m_combiner = nullptr;
     IPBO* m_pbo = nullptr;
     gl::CTexture m_frameTexture;
+    gl::CTexture m_ombrelTexture;
     std::vector<uint8_t> m_bgra;
     CScalerCache m_sceneScaler;  // the scene movie's, kept while its sizes stay
 
@@ -69,5 +94,8 @@ class LUMETS_SCENE_API CScenePlayer {
     IWeirdSubtitleManager* m_banners = nullptr;
     IVirtualSceneManager* m_virtualScene = nullptr;
 };
+
+// The time of frame index at fps, in whole milliseconds.
+LUMETS_SCENE_API uint64_t FrameTimeMs(uint64_t index, double fps);
 
 }  // namespace lumets::playback

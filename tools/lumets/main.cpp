@@ -30,6 +30,7 @@ extern "C" {
 }
 
 #include "files.h"
+#include "lumets_common/pixel_ops.h"
 #include "scene_file.h"
 #include "scene_player.h"
 #include "signals.h"
@@ -278,17 +279,15 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
         std::fprintf(stderr, "lumets: %s: %s\n", out.c_str(), why.c_str());
         return kOutputFailed;
     }
-    SetTimeMode(TimeMode::Virtual);
     int rc = 0;
     uint64_t done = 0;
     {
         BackgroundPainter background;
         if (!background.Open(scene->background, size.width, size.height, &why)) {
             std::fprintf(stderr, "lumets: %s: %s\n", scene->background.path.c_str(), why.c_str());
-            SetTimeMode(TimeMode::Real);
             return kBadScene;
         }
-        CScenePlayer player(*scene, size.width, size.height, fps, options.gpu);
+        CScenePlayer player(*scene, options.gpu, size.width, size.height);
         CVideoWriter video;
         if (!player.Ok()) {
             std::fprintf(stderr, "lumets: %s\n", player.Error().c_str());
@@ -304,7 +303,8 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
         Progress progress(frames);
         for (; rc == 0 && done < frames && CSignals::Caught() == 0; ++done) {
             background.Paint(static_cast<double>(done) / fps, frame.data());
-            player.Render(done, frame.data());
+            player.AdvanceTo(FrameTimeMs(done, fps));
+            player.Draw(PackedFrame24(frame.data(), size.width, size.height));
             std::string file;
             if (kind == Output::Picture && done + 1 == frames) {
                 file = out;
@@ -336,7 +336,6 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
             rc = kOutputFailed;
         }
     }
-    SetTimeMode(TimeMode::Real);
     if (rc != 0) {
         if (kind == Output::Video) {
             std::fprintf(stderr, "lumets: nothing was written to %s\n", out.c_str());
@@ -363,9 +362,30 @@ int Render(const RenderOptions& options, const std::string& pngBeside = {}, doub
     return 0;
 }
 
+// The raw layouts the filter reads, by ffmpeg's names.
+struct PixelFormatName {
+    const char* name;
+    int32_t format;  // lumets_format
+    size_t bytes;
+};
+
+const PixelFormatName* FindPixelFormat(const std::string& name) {
+    static constexpr PixelFormatName kFormats[] = {
+        {"bgr24", LUMETS_FORMAT_BGR24, 3}, {"rgb24", LUMETS_FORMAT_RGB24, 3},
+        {"bgra", LUMETS_FORMAT_BGRA, 4},   {"rgba", LUMETS_FORMAT_RGBA, 4},
+        {"bgr0", LUMETS_FORMAT_BGRX, 4},   {"rgb0", LUMETS_FORMAT_RGBX, 4}};
+    for (const PixelFormatName& format : kFormats) {
+        if (name == format.name) {
+            return &format;
+        }
+    }
+    return &kFormats[0];
+}
+
 struct FilterOptions {
     std::string scene;
     std::string size;
+    std::string pixelFormat = "bgr24";
     std::optional<double> fps;
     bool gpu = false;
     bool stats = false;
@@ -419,18 +439,26 @@ int Filter(const FilterOptions& options) {
     const int in = STDIN_FILENO;
     const int out = fileno(g_out);
 
-    const size_t rowBytes = static_cast<size_t>(size.width) * 3;
+    // The frames are composited where they are read, in their own layout;
+    // only --gpu takes the library's bottom-up rows and needs a copy.
+    const PixelFormatName* format = FindPixelFormat(options.pixelFormat);
+    if (options.gpu && format->format != LUMETS_FORMAT_BGR24) {
+        std::fprintf(stderr, "lumets: --gpu composites bgr24 frames only, not %s\n", format->name);
+        return kBadCommandLine;
+    }
+    const size_t rowBytes = static_cast<size_t>(size.width) * format->bytes;
     const size_t rawBytes = rowBytes * static_cast<size_t>(size.height);
     std::vector<uint8_t> raw(rawBytes);
-    std::vector<uint8_t> frame(FrameBytes(size.width, size.height));
+    std::vector<uint8_t> frame(options.gpu ? FrameBytes(size.width, size.height) : 0);
+    const lumets_frame host{raw.data(),     size.width, size.height, static_cast<int64_t>(rowBytes),
+                            format->format, 0};
     using Clock = std::chrono::steady_clock;
     Clock::duration inLibrary{};
     const Clock::time_point start = Clock::now();
     uint64_t frames = 0;
     int rc = 0;
-    SetTimeMode(TimeMode::Virtual);
     {
-        CScenePlayer player(*scene, size.width, size.height, fps, options.gpu);
+        CScenePlayer player(*scene, options.gpu, size.width, size.height);
         if (!player.Ok()) {
             std::fprintf(stderr, "lumets: %s\n", player.Error().c_str());
             rc = kOutputFailed;
@@ -464,19 +492,24 @@ int Filter(const FilterOptions& options) {
                 rc = kTruncatedInput;
                 break;
             }
-            // Top-down rows in, the library's bottom-up padded rows for it.
-            for (int32_t y = 0; y < size.height; ++y) {
-                std::memcpy(frame.data() + FrameStride(size.width) * (size.height - 1 - y),
-                            raw.data() + rowBytes * y, rowBytes);
-            }
             const Clock::time_point before = Clock::now();
-            player.Render(frames, frame.data());
-            inLibrary += Clock::now() - before;
-            for (int32_t y = 0; y < size.height; ++y) {
-                std::memcpy(raw.data() + rowBytes * y,
-                            frame.data() + FrameStride(size.width) * (size.height - 1 - y),
-                            rowBytes);
+            player.AdvanceTo(FrameTimeMs(frames, fps));
+            if (options.gpu) {
+                // Top-down rows in, the library's bottom-up padded rows for it.
+                for (int32_t y = 0; y < size.height; ++y) {
+                    std::memcpy(frame.data() + FrameStride(size.width) * (size.height - 1 - y),
+                                raw.data() + rowBytes * y, rowBytes);
+                }
+                player.Draw(PackedFrame24(frame.data(), size.width, size.height));
+                for (int32_t y = 0; y < size.height; ++y) {
+                    std::memcpy(raw.data() + rowBytes * y,
+                                frame.data() + FrameStride(size.width) * (size.height - 1 - y),
+                                rowBytes);
+                }
+            } else {
+                player.Draw(host);
             }
+            inLibrary += Clock::now() - before;
             // A frame begun is finished even when a signal comes.
             const int writeError = WriteAll(out, raw.data(), rawBytes);
             if (writeError == EPIPE) {
@@ -494,7 +527,6 @@ int Filter(const FilterOptions& options) {
             ++frames;
         }
     }
-    SetTimeMode(TimeMode::Real);
     if (options.stats) {
         const double total = std::chrono::duration<double>(Clock::now() - start).count();
         const double library = std::chrono::duration<double>(inLibrary).count();
@@ -553,13 +585,18 @@ int main(int argc, char** argv) {
 
     FilterOptions filter;
     CLI::App* filterCommand = app.add_subcommand(
-        "filter", "Composite a scene into raw bgr24 frames from standard input to standard output");
+        "filter", "Composite a scene into raw frames from standard input to standard output");
     filterCommand->add_option("scene", filter.scene, "Scene file (JSON)")->required();
     filterCommand->add_option("--size", filter.size, "Frame size WxH")
         ->required()
         ->check(CheckSize);
     filterCommand->add_option("--fps", filter.fps, "Frames per second of the input")
         ->check(Between(1, 240));
+    filterCommand
+        ->add_option("--pix-fmt", filter.pixelFormat,
+                     "The frames' layout, as ffmpeg names it: bgr24, rgb24, bgra, rgba, bgr0, rgb0")
+        ->check(CLI::IsMember({"bgr24", "rgb24", "bgra", "rgba", "bgr0", "rgb0"}))
+        ->capture_default_str();
     filterCommand->add_flag("--gpu", filter.gpu, "Composite with OpenGL, reading each frame back");
     filterCommand->add_flag("--stats", filter.stats,
                             "Report frames per second and the library's share of the time");
