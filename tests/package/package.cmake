@@ -31,3 +31,16 @@ run("building with pkg-config" c++ -std=c++20 ${SOURCE_DIR}/main.cpp ${flags}
     -Wl,-rpath,${libdir} -o ${work}/consumer-pc)
 run("the pkg-config consumer" ${work}/consumer-pc)
 run("the installed lumets" ${prefix}/bin/lumets --help)
+
+# The scene library's C interface, compiled as C against the installed tree
+# with its own pkg-config file.
+execute_process(COMMAND pkg-config --cflags --libs lumets-scene
+    OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "pkg-config does not find lumets-scene in ${pcdir}")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run("building C against lumets-scene" cc -std=c11 -Wall -Werror
+    ${SOURCE_DIR}/../../playback/c_api_test.c ${flags} -Wl,-rpath,${libdir}
+    -o ${work}/c-consumer)
+run("the C consumer" ${work}/c-consumer)
