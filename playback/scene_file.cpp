@@ -11,15 +11,31 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "lumets_platform/file.h"
 #include "lumets_platform/utf16.h"
 #include "paths.h"
+#include "scene_limits.h"
 
 namespace lumets::playback {
 namespace {
 
 using nlohmann::json;
+using namespace limits;
+
+std::string Whole(double value) {
+    return std::to_string(static_cast<int64_t>(value));
+}
+
+// 65535 as "65,535".
+std::string Grouped(double value) {
+    std::string digits = Whole(value);
+    for (size_t at = digits.size(); at > 3; at -= 3) {
+        digits.insert(at - 3, ",");
+    }
+    return digits;
+}
 
 // Reads the text through this iterator so that each parse event knows how
 // far the parser has read: where in the file each value ends.
@@ -48,8 +64,7 @@ class CountingIterator {
     size_t* m_read;
 };
 
-constexpr size_t kMaxDepth = 32;
-constexpr size_t kMaxSceneBytes = size_t{16} << 20;
+constexpr auto kMaxSceneBytes = static_cast<size_t>(kSceneBytes.max);
 
 struct SceneTooDeep {};
 
@@ -59,27 +74,28 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
     using Base = nlohmann::detail::json_sax_dom_parser<json>;
 
   public:
-    LocatingParser(json& root, const size_t* read) : Base(root, true), m_read(read) {}
+    LocatingParser(json& root, const std::string& text, const size_t* read)
+        : Base(root, true), m_text(text), m_read(read) {}
 
-    bool null() { return Note(0), Base::null(); }
-    bool boolean(bool value) { return Note(0), Base::boolean(value); }
+    bool null() { return Note(*m_read - 4), Base::null(); }
+    bool boolean(bool value) { return Note(*m_read - (value ? 4 : 5)), Base::boolean(value); }
     bool number_integer(json::number_integer_t value) {
-        return Note(0), Base::number_integer(value);
+        return Note(NumberStart()), Base::number_integer(value);
     }
     bool number_unsigned(json::number_unsigned_t value) {
-        return Note(0), Base::number_unsigned(value);
+        return Note(NumberStart()), Base::number_unsigned(value);
     }
     bool number_float(json::number_float_t value, const json::string_t& text) {
-        return Note(text.size()), Base::number_float(value, text);
+        return Note(NumberStart()), Base::number_float(value, text);
     }
-    bool string(json::string_t& value) { return Note(value.size() + 2), Base::string(value); }
+    bool string(json::string_t& value) { return Note(StringStart()), Base::string(value); }
     bool start_object(std::size_t size) {
         Enter(false);
         return Base::start_object(size);
     }
     bool key(json::string_t& name) {
         m_frames.back().key = name;
-        m_offsets[Path() + "#"] = *m_read - std::min(*m_read, name.size() + 2);
+        m_offsets[Path() + "#"] = StringStart();
         return Base::key(name);
     }
     bool end_object() {
@@ -97,6 +113,19 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
         return Base::end_array();
     }
 
+    // Where the number just read starts: the parser has read one character
+    // past it, unless the text ends with it.
+    size_t NumberStart() const {
+        const auto inNumber = [&](size_t at) {
+            return std::string_view("0123456789+-.eE").find(m_text[at]) != std::string_view::npos;
+        };
+        size_t at = *m_read;
+        at -= at > 0 && !inNumber(at - 1) ? 1 : 0;
+        while (at > 0 && inNumber(at - 1)) {
+            --at;
+        }
+        return at;
+    }
     // Where the value (or, with a trailing "#", the key) at path starts.
     size_t OffsetOf(const std::string& path) const {
         const auto found = m_offsets.find(path);
@@ -113,8 +142,8 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
     // No scene nests deeper than a few levels; a file that does is refused
     // before the work per value, which grows with the depth, adds up.
     void Enter(bool array) {
-        Note(1, true);
-        if (m_frames.size() >= kMaxDepth) {
+        Note(*m_read - 1, true);
+        if (m_frames.size() >= kDepth.max) {
             throw SceneTooDeep();
         }
         m_frames.push_back(Frame{array, 0, {}});
@@ -127,10 +156,24 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
         }
         return path;
     }
-    // A value that starts about `length` characters back. Scalars end here,
-    // containers at their end event.
-    void Note(size_t length, bool container = false) {
-        m_offsets[Path()] = *m_read - std::min(*m_read, length);
+    // The opening quote of the string just read: the last quote before its
+    // closing one that no backslash escapes.
+    size_t StringStart() const {
+        size_t at = *m_read - 1;
+        size_t slashes = 1;
+        while (slashes % 2 == 1) {
+            at = m_text.rfind('"', at - 1);
+            slashes = 0;
+            while (slashes < at && m_text[at - 1 - slashes] == '\\') {
+                ++slashes;
+            }
+        }
+        return at;
+    }
+    // A value that starts at offset. Scalars end here, containers at their
+    // end event.
+    void Note(size_t offset, bool container = false) {
+        m_offsets[Path()] = offset;
         if (!container) {
             Ended();
         }
@@ -141,6 +184,7 @@ class LocatingParser : public nlohmann::detail::json_sax_dom_parser<json> {
         }
     }
 
+    const std::string& m_text;
     const size_t* m_read;
     std::vector<Frame> m_frames;
     std::map<std::string, size_t> m_offsets;
@@ -159,8 +203,8 @@ class Object {
     bool Has(const char* name) const { return m_value.contains(name); }
     const json* Take(const char* name, std::string* path);
 
-    int32_t Int(const char* name, int32_t fallback, int64_t lo, int64_t hi);
-    double Number(const char* name, double fallback, double lo, double hi);
+    int32_t Int(const char* name, int32_t fallback, const SceneLimit& limit);
+    double Number(const char* name, double fallback, const SceneLimit& limit);
     bool Bool(const char* name, bool fallback);
     std::string String(const char* name, const std::string& fallback);
     std::u16string Text(const char* name);
@@ -228,7 +272,7 @@ class Reader {
 
 // Huge unsigned numbers read back negative, and are out of range either way.
 bool InCoordinateRange(int64_t value) {
-    return value >= -1'000'000 && value <= 1'000'000;
+    return kCoordinate.Admits(static_cast<double>(value));
 }
 
 // The name of a field as a message shows it: "subtitles[0].items[1].text".
@@ -274,7 +318,7 @@ void Object::Done() {
     }
 }
 
-int32_t Object::Int(const char* name, int32_t fallback, int64_t lo, int64_t hi) {
+int32_t Object::Int(const char* name, int32_t fallback, const SceneLimit& limit) {
     std::string path;
     const json* value = Take(name, &path);
     if (value == nullptr) {
@@ -287,14 +331,14 @@ int32_t Object::Int(const char* name, int32_t fallback, int64_t lo, int64_t hi) 
                                ? static_cast<int64_t>(std::min<uint64_t>(
                                      value->get<uint64_t>(), std::numeric_limits<int64_t>::max()))
                                : value->get<int64_t>();
-    if (number < lo || number > hi) {
-        Fail(path, Dotted(path) + " must be between " + std::to_string(lo) + " and " +
-                       std::to_string(hi));
+    if (!limit.Admits(static_cast<double>(number))) {
+        Fail(path,
+             Dotted(path) + " must be between " + Whole(limit.min) + " and " + Whole(limit.max));
     }
     return static_cast<int32_t>(number);
 }
 
-double Object::Number(const char* name, double fallback, double lo, double hi) {
+double Object::Number(const char* name, double fallback, const SceneLimit& limit) {
     std::string path;
     const json* value = Take(name, &path);
     if (value == nullptr) {
@@ -304,9 +348,9 @@ double Object::Number(const char* name, double fallback, double lo, double hi) {
         Fail(path, Dotted(path) + " must be a number");
     }
     const double number = value->get<double>();
-    if (!(number >= lo && number <= hi)) {
+    if (!limit.Admits(number)) {
         std::ostringstream range;
-        range << " must be between " << lo << " and " << hi;
+        range << " must be between " << limit.min << " and " << limit.max;
         Fail(path, Dotted(path) + range.str());
     }
     return number;
@@ -357,12 +401,13 @@ std::string Object::Media(const char* name, MediaUse use) {
     if (value == nullptr) {
         Fail(m_path, Dotted(m_path) + " needs \"" + name + "\"");
     }
-    if (!value->is_string() || value->get<std::string>().empty()) {
+    if (!value->is_string() ||
+        !kMediaPath.Admits(platform::Utf8ToU16(value->get<std::string>()).size())) {
         Fail(path, Dotted(path) + " must be a file path");
     }
     const std::string file = m_reader.MediaPath(value->get<std::string>());
-    if (platform::Utf8ToU16(file).size() > 259) {
-        Fail(path, "media path longer than 259 characters: " + file);
+    if (!kMediaPathUnits.Admits(platform::Utf8ToU16(file).size())) {
+        Fail(path, "media path longer than " + Whole(kMediaPathUnits.max) + " characters: " + file);
     }
     const std::string& why = m_reader.WhyNotUsable(file, use);
     if (!why.empty()) {
@@ -406,14 +451,14 @@ RECT Object::Rect(const char* name, RECT fallback) {
     return RECT{at(0), at(1), at(2), at(3)};
 }
 
-// A list of at most limit entries at path, or a located error.
+// A list of at most limit.max entries at path, or a located error.
 const json& List(Object& o, const json& value, const std::string& path, const char* what,
-                 size_t limit) {
+                 const SceneLimit& limit) {
     if (!value.is_array()) {
         o.Fail(path, Dotted(path) + " must be a list");
     }
-    if (value.size() > limit) {
-        o.Fail(path, Dotted(path) + " has more than " + std::to_string(limit) + " " + what);
+    if (value.size() > limit.max) {
+        o.Fail(path, Dotted(path) + " has more than " + Whole(limit.max) + " " + what);
     }
     return value;
 }
@@ -439,7 +484,7 @@ int32_t Direction(Object& object) {
 Scroll ReadScroll(Object& object) {
     Scroll scroll;
     scroll.direction = Direction(object);
-    scroll.speed = static_cast<uint32_t>(object.Int("speed", 0, 0, 100000));
+    scroll.speed = static_cast<uint32_t>(object.Int("speed", 0, kSpeed));
     scroll.wrap = object.Bool("wrap", false);
     return scroll;
 }
@@ -449,25 +494,25 @@ TextStyle ReadStyle(const Reader& reader, const json& value, const std::string& 
     TextStyle style;
     const std::u16string face = platform::Utf8ToU16(o.String("faceName", ""));
     platform::U16CopyTruncate(style.faceName, std::size(style.faceName), face.c_str(), face.size());
-    style.fontSize = o.Int("fontSize", style.fontSize, 1, 2000);
+    style.fontSize = o.Int("fontSize", style.fontSize, kFontSize);
     style.bold = o.Bool("bold", false);
     style.italic = o.Bool("italic", false);
     style.underline = o.Bool("underline", false);
     style.strikeOut = o.Bool("strikeOut", false);
     style.vertical = o.Bool("vertical", false);
-    style.horizontalAlign = o.Int("horizontalAlign", 0, 0, 2);
-    style.verticalAlign = o.Int("verticalAlign", 0, 0, 2);
+    style.horizontalAlign = o.Int("horizontalAlign", 0, kAlign);
+    style.verticalAlign = o.Int("verticalAlign", 0, kAlign);
     style.fillColor1 = o.Colour("fillColor1", 0xFFFFFF);
     style.fillColor2 = o.Colour("fillColor2", style.fillColor1);
-    style.fillAngle = static_cast<float>(o.Number("fillAngle", 0, -3600, 3600));
-    style.fillAlpha1 = static_cast<uint32_t>(o.Int("fillAlpha1", 100, 0, 100));
-    style.fillAlpha2 = static_cast<uint32_t>(o.Int("fillAlpha2", 100, 0, 100));
+    style.fillAngle = static_cast<float>(o.Number("fillAngle", 0, kFillAngle));
+    style.fillAlpha1 = static_cast<uint32_t>(o.Int("fillAlpha1", 100, kPercent));
+    style.fillAlpha2 = static_cast<uint32_t>(o.Int("fillAlpha2", 100, kPercent));
     style.backColor = o.Colour("backColor", style.backColor);
-    style.backAlpha = static_cast<uint32_t>(o.Int("backAlpha", 0, 0, 100));
+    style.backAlpha = static_cast<uint32_t>(o.Int("backAlpha", 0, kPercent));
     style.outline = o.Bool("outline", false);
-    style.outlineWidth = static_cast<float>(o.Number("outlineWidth", 0, 0, 100));
+    style.outlineWidth = static_cast<float>(o.Number("outlineWidth", 0, kOutlineWidth));
     style.outlineColor = o.Colour("outlineColor", 0);
-    style.outlineAlpha = static_cast<uint32_t>(o.Int("outlineAlpha", 100, 0, 100));
+    style.outlineAlpha = static_cast<uint32_t>(o.Int("outlineAlpha", 100, kPercent));
     o.Done();
     return style;
 }
@@ -476,8 +521,9 @@ TextLayer ReadText(const Reader& reader, const json& value, const std::string& p
     Object o(reader, value, path);
     TextLayer text;
     text.text = o.Text("content");
-    if (text.text.size() >= 65536) {
-        o.Fail(path + "/content", "\"content\" is longer than 65,535 UTF-16 units");
+    if (!kContent.Admits(text.text.size())) {
+        o.Fail(path + "/content",
+               "\"content\" is longer than " + Grouped(kContent.max) + " UTF-16 units");
     }
     std::string stylePath;
     if (const json* style = o.Take("style", &stylePath)) {
@@ -496,7 +542,7 @@ PlateLayer ReadPlate(const Reader& reader, const json& value, const std::string&
     Object o(reader, value, path);
     PlateLayer plate;
     plate.colour = o.Colour("color", 0x000000);
-    plate.opacity = static_cast<uint32_t>(o.Int("opacity", 60, 0, 100));
+    plate.opacity = static_cast<uint32_t>(o.Int("opacity", 60, kPercent));
     plate.spanClip = o.Bool("spanClip", false);
     o.Done();
     return plate;
@@ -523,7 +569,7 @@ Item ReadItem(const Reader& reader, const json& value, const std::string& path) 
     if (const json* plate = o.Take("plate", &part)) {
         item.plate = ReadPlate(reader, *plate, part);
     }
-    item.playCount = o.Int("plays", 1, -1, 1'000'000);
+    item.playCount = o.Int("plays", 1, kPlays);
     if (!item.movie && !item.text) {
         o.Fail(path, Dotted(path) + " needs a \"movie\" or a \"text\"");
     }
@@ -535,20 +581,21 @@ Subtitle ReadSubtitle(const Reader& reader, const json& value, const std::string
     Object o(reader, value, path);
     Subtitle subtitle;
     subtitle.id = o.Text("id");
-    if (subtitle.id.empty() || subtitle.id.size() > 259) {
-        o.Fail(path + (o.Has("id") ? "/id" : ""),
-               Dotted(path) + " needs an \"id\" of 1 to 259 characters");
+    if (!kId.Admits(subtitle.id.size())) {
+        o.Fail(path + (o.Has("id") ? "/id" : ""), Dotted(path) + " needs an \"id\" of " +
+                                                      Whole(kId.min) + " to " + Whole(kId.max) +
+                                                      " characters");
     }
     subtitle.group = o.Text("group");
     subtitle.pos = o.Point("at", POINT{0, 0});
     subtitle.loop = o.Bool("loop", false);
-    subtitle.intervalMs = o.Int("interval", 0, 0, 3'600'000);
+    subtitle.intervalMs = o.Int("interval", 0, kInterval);
     std::string itemsPath;
     const json* items = o.Take("items", &itemsPath);
-    if (items == nullptr || (items->is_array() && items->empty())) {
+    if (items == nullptr || (items->is_array() && items->size() < kItems.min)) {
         o.Fail(items == nullptr ? path : itemsPath, Dotted(path) + " needs a list of \"items\"");
     }
-    List(o, *items, itemsPath, "items", 256);
+    List(o, *items, itemsPath, "items", kItems);
     for (size_t i = 0; i < items->size(); ++i) {
         subtitle.items.push_back(
             ReadItem(reader, (*items)[i], itemsPath + "/" + std::to_string(i)));
@@ -601,11 +648,11 @@ void ReadBanners(const Reader& reader, const json& value, const std::string& pat
         Object m(reader, *ombrel, part);
         OmbrelBanner banner;
         banner.text = m.Text("text");
-        banner.fontSize = m.Int("fontSize", 16, 1, 2000);
+        banner.fontSize = m.Int("fontSize", 16, kFontSize);
         banner.caps = m.Media("caps", MediaUse::Picture);
         banner.middle = m.Media("middle", MediaUse::Picture);
         banner.rect = m.Rect("rect", RECT{0, 0, scene.width, scene.height});
-        banner.scale = static_cast<float>(m.Number("scale", 1.0, 0.01, 100));
+        banner.scale = static_cast<float>(m.Number("scale", 1.0, kScale));
         m.Done();
         scene.ombrel = banner;
     }
@@ -615,7 +662,7 @@ void ReadBanners(const Reader& reader, const json& value, const std::string& pat
 Action ReadAction(const Reader& reader, const json& value, const std::string& path) {
     Object o(reader, value, path);
     Action action;
-    action.at = o.Number("at", 0, 0, 86400);
+    action.at = o.Number("at", 0, kActionTime);
     const std::string kind = o.String("do", "");
     std::string part;
     if (kind == "add") {
@@ -633,7 +680,7 @@ Action ReadAction(const Reader& reader, const json& value, const std::string& pa
     } else if (kind == "trim") {
         action.kind = Action::Kind::Trim;
         action.group = o.Text("group");
-        action.keep = static_cast<uint32_t>(o.Int("keep", 0, 0, 1'000'000));
+        action.keep = static_cast<uint32_t>(o.Int("keep", 0, kKeep));
     } else if (kind == "move") {
         action.kind = Action::Kind::Move;
         action.id = o.Text("id");
@@ -704,12 +751,8 @@ class AliveSubtitles {
     std::map<std::u16string, std::map<uint64_t, std::u16string>> m_groups;  // age -> id
 };
 
-// Every subtitle plays on threads of its own, so no file may start more than
-// kMaxSubtitles at once, whichever way it starts them.
-constexpr size_t kMaxSubtitles = 256;
-
 // Refuses, at the add that would do it, a timeline that could have more than
-// kMaxSubtitles alive. order lists the actions' indices in time order.
+// kSubtitlesAtOnce alive. order lists the actions' indices in time order.
 void CheckAlive(const Reader& reader, const Scene& scene, const std::vector<size_t>& order,
                 const std::string& actionsPath) {
     AliveSubtitles alive;
@@ -720,12 +763,13 @@ void CheckAlive(const Reader& reader, const Scene& scene, const std::vector<size
         const Action& action = scene.actions[i];
         switch (action.kind) {
             case Action::Kind::Add:
-                if (alive.Add(action.subtitle->id, action.subtitle->group) > kMaxSubtitles) {
+                if (!kSubtitlesAtOnce.Admits(
+                        alive.Add(action.subtitle->id, action.subtitle->group))) {
                     const std::string path = actionsPath + "/" + std::to_string(i);
                     reader.Fail(path, Dotted(path) + " could make " +
-                                          std::to_string(kMaxSubtitles + 1) +
+                                          Whole(kSubtitlesAtOnce.max + 1) +
                                           " subtitles play at once; at most " +
-                                          std::to_string(kMaxSubtitles) +
+                                          Whole(kSubtitlesAtOnce.max) +
                                           " can: remove or trim some before it");
                 }
                 break;
@@ -765,12 +809,14 @@ void ParseJson(const std::string& text, const std::string& name, size_t& read,
     const CountingIterator first(text.data(), text.data(), &read);
     const CountingIterator last(text.data() + text.size(), text.data(), &read);
     if (text.size() > kMaxSceneBytes) {
-        throw SceneError(name + ": larger than 16 MiB; no scene is that large");
+        throw SceneError(name + ": larger than " + Whole(kSceneBytes.max / (1 << 20)) +
+                         " MiB; no scene is that large");
     }
     try {
         json::sax_parse(first, last, &parser);
     } catch (const SceneTooDeep&) {
-        throw SceneError(reader.Where(read) + ": nested more than " + std::to_string(kMaxDepth) +
+        // Where the bracket that goes one level too deep is.
+        throw SceneError(reader.Where(read - 1) + ": nested more than " + Whole(kDepth.max) +
                          " levels deep");
     } catch (const json::parse_error& error) {
         // "[json.exception.parse_error.101] parse error at line 3, column 7: syntax error
@@ -780,10 +826,10 @@ void ParseJson(const std::string& text, const std::string& name, size_t& read,
         what = colon == std::string::npos ? what : what.substr(colon + 2);
         throw SceneError(reader.Where(error.byte == 0 ? 0 : error.byte - 1) + ": " + what);
     } catch (const json::exception& error) {
-        // A number beyond a double's range, say: the parser stops where it read.
+        // A number beyond a double's range: the parser stops right after it.
         std::string what = error.what();
         const size_t close = what.find("] ");
-        throw SceneError(reader.Where(read) + ": " +
+        throw SceneError(reader.Where(parser.NumberStart()) + ": " +
                          (close == std::string::npos ? what : what.substr(close + 2)));
     }
 }
@@ -794,7 +840,7 @@ Action ParseAction(const std::string& text, const std::string& name, const std::
                    const MediaCheck& check) {
     json root;
     size_t read = 0;
-    LocatingParser parser(root, &read);
+    LocatingParser parser(root, text, &read);
     Reader reader(name, text, baseDir, parser, check);
     ParseJson(text, name, read, parser, reader);
     if (root.is_object() && root.contains("at")) {
@@ -807,7 +853,7 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
                  const MediaCheck& check) {
     json root;
     size_t read = 0;
-    LocatingParser parser(root, &read);
+    LocatingParser parser(root, text, &read);
     Reader reader(name, text, baseDir, parser, check);
     ParseJson(text, name, read, parser, reader);
 
@@ -815,17 +861,19 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
     Object o(reader, root, "");
     std::string path;
     if (const json* size = o.Take("size", &path)) {
-        if (!size->is_array() || size->size() != 2 || !(*size)[0].is_number_integer() ||
-            !(*size)[1].is_number_integer() || (*size)[0].get<int64_t>() < 16 ||
-            (*size)[1].get<int64_t>() < 16 || (*size)[0].get<int64_t>() > 8192 ||
-            (*size)[1].get<int64_t>() > 8192) {
-            o.Fail(path, "\"size\" must be [width, height], each 16 to 8192 pixels");
+        const auto side = [&](size_t i) {
+            return (*size)[i].is_number_integer() &&
+                   kFrameSide.Admits(static_cast<double>((*size)[i].get<int64_t>()));
+        };
+        if (!size->is_array() || size->size() != 2 || !side(0) || !side(1)) {
+            o.Fail(path, "\"size\" must be [width, height], each " + Whole(kFrameSide.min) +
+                             " to " + Whole(kFrameSide.max) + " pixels");
         }
         scene.width = (*size)[0].get<int32_t>();
         scene.height = (*size)[1].get<int32_t>();
     }
-    scene.fps = o.Number("fps", scene.fps, 1, 240);
-    scene.duration = o.Number("duration", scene.duration, 0.001, 86400);
+    scene.fps = o.Number("fps", scene.fps, kFps);
+    scene.duration = o.Number("duration", scene.duration, kDuration);
     if (const json* background = o.Take("background", &path)) {
         if (background->is_string()) {
             if (!ParseColour(background->get<std::string>(), &scene.background.colour)) {
@@ -840,7 +888,7 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         }
     }
     if (const json* subtitles = o.Take("subtitles", &path)) {
-        List(o, *subtitles, path, "subtitles", kMaxSubtitles);
+        List(o, *subtitles, path, "subtitles", kSubtitles);
         for (size_t i = 0; i < subtitles->size(); ++i) {
             scene.subtitles.push_back(
                 ReadSubtitle(reader, (*subtitles)[i], path + "/" + std::to_string(i)));
@@ -856,7 +904,7 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         s.Done();
     }
     if (const json* actions = o.Take("actions", &path)) {
-        List(o, *actions, path, "actions", 100000);
+        List(o, *actions, path, "actions", kActions);
         for (size_t i = 0; i < actions->size(); ++i) {
             scene.actions.push_back(
                 ReadAction(reader, (*actions)[i], path + "/" + std::to_string(i)));
@@ -888,7 +936,8 @@ Scene LoadScene(const std::string& path, const MediaCheck& check) {
     std::error_code error;
     const uintmax_t size = std::filesystem::file_size(path, error);
     if (!error && size > kMaxSceneBytes) {
-        throw SceneError(path + ": larger than 16 MiB; no scene is that large");
+        throw SceneError(path + ": larger than " + Whole(kSceneBytes.max / (1 << 20)) +
+                         " MiB; no scene is that large");
     }
     std::string text;
     // Read without blocking and only if still a regular file: the path may

@@ -181,11 +181,7 @@ std::string AwaitBytes(const std::string& glob, size_t bytes) {
 // says why, in bounded time, and leaves no broken file at an output's path.
 TEST_F(ToolTest, BadScenesInputsAndOutputsFailCleanly) {
     constexpr size_t kFrame = size_t{kW} * kH * 3;
-    Write("malformed.json", "{\n  \"fps\": 30,\n  \"size\": [320 180]\n}");
-    Write("type.json", "{\n  \"fps\": \"fast\"\n}");
     Write("unknown.json", "{\n  \"subtitles\": [],\n  \"colour\": \"#FFFFFF\"\n}");
-    Write("negative.json", "{ \"size\": [-320, 180] }");
-    Write("huge.json", "{ \"duration\": 1e999 }");
     const auto movieScene = [&](const std::string& name, const std::string& movie) {
         Write(name, R"({"subtitles": [{"id": "a", "items": [{"movie": {"path": ")" + movie +
                         R"("}}]}]})");
@@ -194,13 +190,6 @@ TEST_F(ToolTest, BadScenesInputsAndOutputsFailCleanly) {
     movieScene("corrupt.json", "corrupt.webm");
     Write("corrupt.webm", "no movie at all, only these words");
     movieScene("folder.json", ".");
-    std::string adds;
-    for (int i = 0; i < 2000; ++i) {
-        adds += std::string(i == 0 ? "" : ",") +
-                R"({"at": 0.1, "do": "add", "subtitle": {"id": "s)" + std::to_string(i) +
-                R"(", "items": [{"text": {"content": "hi"}}]}})";
-    }
-    Write("adds.json", R"({"size": [320, 180], "duration": 0.2, "actions": [)" + adds + "]}");
     const std::string scene = Quote(File("scene.json"));
     const std::string filter = Lumets("filter " + scene + " --size 320x180");
     const struct {
@@ -208,11 +197,7 @@ TEST_F(ToolTest, BadScenesInputsAndOutputsFailCleanly) {
         int status;
         std::string message;  // part of standard error
     } cases[] = {
-        {Lumets("render malformed.json -o x.mp4"), 3, "malformed.json:3:18: syntax error"},
-        {Lumets("render type.json -o x.mp4"), 3, "type.json:2:10: \"fps\" must be a number"},
         {Lumets("render unknown.json -o x.mp4"), 3, "unknown.json:3:3: unknown field \"colour\""},
-        {Lumets("render negative.json -o x.mp4"), 3, "\"size\" must be [width, height]"},
-        {Lumets("render huge.json -o x.mp4"), 3, "huge.json:1:"},
         {Lumets("render missing.json -o x.mp4"), 3, "media file ./gone.webm: not found"},
         {Lumets("render corrupt.json -o x.mp4"), 3, "corrupt.webm: holds no movie"},
         {Lumets("render folder.json -o x.mp4"), 3, "media file ./.: is a folder, not a file"},
@@ -221,8 +206,6 @@ TEST_F(ToolTest, BadScenesInputsAndOutputsFailCleanly) {
         {Lumets("render " + scene + " --background fifo -o x.mp4"), 3,
          "--background fifo: is a named pipe"},
         {Lumets("render nothing.json -o x.mp4"), 3, "scene file nothing.json: not found"},
-        {Lumets("render adds.json -o x.mp4"), 3,
-         "\"actions[256]\" could make 257 subtitles play at once"},
         // Numbers must be finite and in range: NaN passes every comparison.
         {Lumets("render " + scene + " --at nan -o x.png"), 2, "--at: must be a number"},
         {Lumets("render " + scene + " --fps nan -o x.mp4"), 2, "--fps: must be a number"},
