@@ -6,6 +6,7 @@
 #include <string>
 
 #include "scene_file.h"
+#include "scene_limits.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
@@ -15,8 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                          [](const std::string& path, lumets::playback::MediaUse) {
                                              return lumets::playback::WhyNotAFile(path);
                                          });
-        if (scene.width < 16 || scene.height < 16 || !(scene.fps >= 1) ||
-            scene.subtitles.size() > 256) {
+        using namespace lumets::playback::limits;
+        if (!kFrameSide.Admits(scene.width) || !kFrameSide.Admits(scene.height) ||
+            !kFps.Admits(scene.fps) || scene.subtitles.size() > kSubtitles.max) {
             std::abort();
         }
     } catch (const lumets::playback::SceneError& error) {

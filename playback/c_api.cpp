@@ -16,6 +16,7 @@
 #include "lumets_common/pixel_ops.h"
 #include "lumets_platform/utf16.h"
 #include "scene_file.h"
+#include "scene_limits.h"
 #include "scene_player.h"
 
 struct lumets_scene {
@@ -28,9 +29,9 @@ struct lumets_scene {
 namespace lumets::playback {
 namespace {
 
-// A day of scene time: a host that asks for more is asking for a stall, as
-// every playing thread steps through the time on the way.
-constexpr int64_t kMaxTimeMs = 86'400'000;
+// The longest a scene runs: a host that asks for more is asking for a stall,
+// as every playing thread steps through the time on the way.
+constexpr auto kMaxTimeMs = static_cast<int64_t>(limits::kDuration.max * 1000);
 
 thread_local std::string t_lastError;
 
@@ -162,6 +163,9 @@ int lumets_scene_open_string(const char* text, size_t length, const char* name,
             return Fail(LUMETS_ERROR_ARGUMENT, "text and scene must not be null");
         }
         *scene = nullptr;
+        if (length > static_cast<size_t>(limits::kSceneBytes.max)) {
+            return Fail(LUMETS_ERROR_SCENE, "the scene text is larger than 16 MiB");
+        }
         const std::string base = base_dir != nullptr ? base_dir : ".";
         return Open(ParseScene(std::string(text, length), name != nullptr ? name : "scene", base,
                                CheckMedia),
@@ -191,6 +195,9 @@ int lumets_scene_apply(lumets_scene* scene, const char* action_json, size_t leng
     return Guard([&] {
         if (scene == nullptr || action_json == nullptr) {
             return Fail(LUMETS_ERROR_ARGUMENT, "scene and action_json must not be null");
+        }
+        if (length > static_cast<size_t>(limits::kSceneBytes.max)) {
+            return Fail(LUMETS_ERROR_ACTION, "the action is larger than 16 MiB");
         }
         Action action;
         try {

@@ -54,7 +54,7 @@ uint64_t FrameTimeMs(uint64_t index, double fps) {
 
 CScenePlayer::CScenePlayer(const Scene& scene, bool gpu, int32_t gpuWidth, int32_t gpuHeight)
     : m_scene(scene), m_gpu(gpu), m_gpuWidth(gpuWidth), m_gpuHeight(gpuHeight) {
-    if (gpu && (gpuWidth < 16 || gpuHeight < 16 || gpuWidth > 8192 || gpuHeight > 8192)) {
+    if (gpu && (!limits::kFrameSide.Admits(gpuWidth) || !limits::kFrameSide.Admits(gpuHeight))) {
         m_error = "frames must be 16 to 8192 pixels a side";
         return;
     }

@@ -32,6 +32,7 @@ extern "C" {
 #include "files.h"
 #include "lumets_common/pixel_ops.h"
 #include "scene_file.h"
+#include "scene_limits.h"
 #include "scene_player.h"
 #include "signals.h"
 #include "video_io.h"
@@ -70,14 +71,16 @@ struct Size {
     int32_t height = 0;
 };
 
-// "WxH", each side 16 to 8192.
+// "WxH", each side within the scene format's frame sides.
 std::string CheckSize(const std::string& text) {
+    using limits::kFrameSide;
     int32_t w = 0;
     int32_t h = 0;
     char tail = 0;
-    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 16 || h < 16 || w > 8192 ||
-        h > 8192) {
-        return "must be WIDTHxHEIGHT, each 16 to 8192";
+    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || !kFrameSide.Admits(w) ||
+        !kFrameSide.Admits(h)) {
+        return "must be WIDTHxHEIGHT, each " + std::to_string(static_cast<int>(kFrameSide.min)) +
+               " to " + std::to_string(static_cast<int>(kFrameSide.max));
     }
     return {};
 }
@@ -572,13 +575,13 @@ int main(int argc, char** argv) {
                      "numbered PNGs")
         ->required();
     renderCommand->add_option("--at", render.at, "With a PNG output: the time to show, seconds")
-        ->check(Between(0, 86400));
+        ->check(Between(limits::kActionTime.min, limits::kActionTime.max));
     renderCommand->add_option("--size", render.size, "Output size WxH (default: the scene's)")
         ->check(CheckSize);
     renderCommand->add_option("--fps", render.fps, "Frames per second (default: the scene's)")
-        ->check(Between(1, 240));
+        ->check(Between(limits::kFps.min, limits::kFps.max));
     renderCommand->add_option("--duration", render.duration, "Seconds (default: the scene's)")
-        ->check(Between(0.001, 86400));
+        ->check(Between(limits::kDuration.min, limits::kDuration.max));
     renderCommand->add_option("--background", render.background,
                               "A colour #RRGGBB, or an image or video file as the backdrop");
     renderCommand->add_flag("--gpu", render.gpu, "Composite the subtitles with OpenGL");
@@ -591,7 +594,7 @@ int main(int argc, char** argv) {
         ->required()
         ->check(CheckSize);
     filterCommand->add_option("--fps", filter.fps, "Frames per second of the input")
-        ->check(Between(1, 240));
+        ->check(Between(limits::kFps.min, limits::kFps.max));
     filterCommand
         ->add_option("--pix-fmt", filter.pixelFormat,
                      "The frames' layout, as ffmpeg names it: bgr24, rgb24, bgra, rgba, bgr0, rgb0")
