@@ -217,6 +217,21 @@ void BlendWith(benchmark::State& state, const Overlay& o, const PixelKernels& ke
     SetCounters(state, o);
 }
 
+// The same blend into a host's top-down frame of another layout.
+void BlendIntoLayout(benchmark::State& state, const Overlay& o, const PixelKernels& kernels,
+                     PixelLayout layout) {
+    const int32_t bits = layout == PixelLayout::Rgb ? 24 : 32;
+    std::vector<uint8_t> frame(RowStride(kFrameW, bits) * kFrameH, 0x40);
+    PictureView view = PackedPicture(frame.data(), kFrameW, kFrameH, bits);
+    view.layout = layout;
+    view.topDown = true;
+    for (auto _ : state) {
+        BlendAtWith(kernels, view, kPos, PackedPicture(o.pixels.data(), kOverlayW, kOverlayH, 32));
+        benchmark::ClobberMemory();
+    }
+    SetCounters(state, o);
+}
+
 void Memcpy(benchmark::State& state) {
     std::vector<uint8_t> frame = MakeFrame();
     const std::vector<uint8_t> from(kTouchedBytes, 0x5A);
@@ -272,6 +287,17 @@ void Register() {
             }
         }
         benchmark::RegisterBenchmark((base + "pixman").c_str(), Pixman, *o.overlay);
+    }
+    for (const auto& [name, layout] :
+         {std::pair{"rgb24", PixelLayout::Rgb}, std::pair{"bgrx", PixelLayout::Bgrx},
+          std::pair{"rgbx", PixelLayout::Rgbx}}) {
+        for (const PixelKernels* k : {&ScalarKernels(), Avx2Kernels()}) {
+            if (k != nullptr) {
+                benchmark::RegisterBenchmark(
+                    (std::string("BlendAt/text/") + name + "/" + k->name).c_str(), BlendIntoLayout,
+                    textLike, *k, layout);
+            }
+        }
     }
     benchmark::RegisterBenchmark("Memcpy/1152000", Memcpy);
 }

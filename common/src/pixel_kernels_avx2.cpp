@@ -201,7 +201,10 @@ LUMETS_AVX2_INLINE __m256i Blend8To32(__m256i d, __m256i s) {
     return _mm256_blendv_epi8(mixed, d, keep);
 }
 
-LUMETS_AVX2 void Blend32To32(uint8_t* dst, const uint8_t* src, size_t count) {
+// 16 four-byte pixels a step: blocks of alpha 0 are skipped, the rest take
+// Mix::Of(destination address, source, whole block opaque).
+template <typename Mix>
+LUMETS_AVX2_INLINE void BlendRow32(uint8_t* dst, const uint8_t* src, size_t count, RowKernel tail) {
     const __m256i alpha = AlphaMask();
     size_t i = 0;
     for (; i + kStep <= count; i += kStep, dst += 4 * kStep, src += 4 * kStep) {
@@ -210,45 +213,40 @@ LUMETS_AVX2 void Blend32To32(uint8_t* dst, const uint8_t* src, size_t count) {
         if (_mm256_testz_si256(_mm256_or_si256(s0, s1), alpha)) {
             continue;
         }
-        __m256i r0 = s0;
-        __m256i r1 = s1;
-        if (!_mm256_testc_si256(_mm256_and_si256(s0, s1), alpha)) {
-            r0 = Blend8To32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst)), s0);
-            r1 = Blend8To32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32)), s1);
-        }
+        const bool opaque = _mm256_testc_si256(_mm256_and_si256(s0, s1), alpha) != 0;
+        const __m256i r0 = Mix::Of(dst, s0, opaque);
+        const __m256i r1 = Mix::Of(dst + 32, s1, opaque);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), r0);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32), r1);
     }
     _mm256_zeroupper();
-    ScalarKernels().blend32To32(dst, src, count - i);
+    tail(dst, src, count - i);
 }
+
+// The library's own pictures take the source's alpha.
+struct MixInto32 {
+    LUMETS_AVX2_INLINE static __m256i Of(const uint8_t* dst, __m256i s, bool opaque) {
+        return opaque ? s
+                      : Blend8To32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst)), s);
+    }
+};
 
 // A host's 32-bit frame keeps its fourth byte whatever the source: the
 // colours of Blend8 (or the source's, for a block of alpha 255) with the
 // destination's fourth byte put back.
-LUMETS_AVX2 void Blend32ToBgrx(uint8_t* dst, const uint8_t* src, size_t count) {
-    const __m256i alpha = AlphaMask();
-    size_t i = 0;
-    for (; i + kStep <= count; i += kStep, dst += 4 * kStep, src += 4 * kStep) {
-        const __m256i s0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
-        const __m256i s1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 32));
-        if (_mm256_testz_si256(_mm256_or_si256(s0, s1), alpha)) {
-            continue;
-        }
-        const __m256i d0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst));
-        const __m256i d1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32));
-        __m256i r0 = s0;
-        __m256i r1 = s1;
-        if (!_mm256_testc_si256(_mm256_and_si256(s0, s1), alpha)) {
-            r0 = Blend8(d0, s0);
-            r1 = Blend8(d1, s1);
-        }
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_blendv_epi8(r0, d0, alpha));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32),
-                            _mm256_blendv_epi8(r1, d1, alpha));
+struct MixIntoHost32 {
+    LUMETS_AVX2_INLINE static __m256i Of(const uint8_t* dst, __m256i s, bool opaque) {
+        const __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst));
+        return _mm256_blendv_epi8(opaque ? s : Blend8(d, s), d, AlphaMask());
     }
-    _mm256_zeroupper();
-    ScalarKernels().blend32ToBgrx(dst, src, count - i);
+};
+
+LUMETS_AVX2 void Blend32To32(uint8_t* dst, const uint8_t* src, size_t count) {
+    BlendRow32<MixInto32>(dst, src, count, ScalarKernels().blend32To32);
+}
+
+LUMETS_AVX2 void Blend32ToBgrx(uint8_t* dst, const uint8_t* src, size_t count) {
+    BlendRow32<MixIntoHost32>(dst, src, count, ScalarKernels().blend32ToBgrx);
 }
 
 // R, G, B frames: the source's B and R swapped into a small block first, then
