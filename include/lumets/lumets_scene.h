@@ -88,7 +88,9 @@ LUMETS_SCENE_C_API int lumets_scene_apply(lumets_scene* scene, const char* actio
  * due on the way) and composites the scene into frame, which holds the
  * picture beneath. A time before the last one starts the scene again from its
  * file and plays it forward: actions applied since are gone. Times run from 0
- * to 86,400,000 (a day). */
+ * to 86,400,000 (a day). Every playing thread steps through the time passed,
+ * so a jump costs in proportion to its length (some half a second for a
+ * minute of a busy scene); hosts render in steady steps. */
 LUMETS_SCENE_C_API int lumets_scene_render(lumets_scene* scene, int64_t time_ms,
                                            const lumets_frame* frame);
 
