@@ -47,7 +47,7 @@ void BM_TextSteady(benchmark::State& state, float scale) {
     const RECT clip{0, 0, kFrameW, kFrameH};
     const auto draw = [&] {
         renderer.BlendScaledIntoFrame(PackedPicture(frame.data(), kFrameW, kFrameH, 24), clip,
-                                   POINT{100, 600}, scale);
+                                      POINT{100, 600}, scale);
     };
     draw();  // warm-up: the one scale
     const uint32_t before = renderer.ScaleCount();

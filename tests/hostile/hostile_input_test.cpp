@@ -187,7 +187,7 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              PixelBuffer scaled;
              std::vector<uint8_t> frame(RowStride(100, 24) * 100, 9);
              BlendScaledIntoFrame(picture, scaled, PackedPicture(frame.data(), 100, 100, 24),
-                               RECT{0, 0, 100, 100}, POINT{0, 0}, 2.0f, nullptr);
+                                  RECT{0, 0, 100, 100}, POINT{0, 0}, 2.0f, nullptr);
              return frame == std::vector<uint8_t>(frame.size(), 9);
          }},
         {"a plate for a 16,370 px text", 1.0, 512,
@@ -223,7 +223,7 @@ TEST(HostileInput, EveryCaseFinishesInItsLimits) {
              PixelBuffer scaled;
              std::vector<uint8_t> frame(RowStride(320, 24) * 200, 9);
              BlendScaledIntoFrame(text, scaled, PackedPicture(frame.data(), 320, 200, 24),
-                               RECT{0, 0, 320, 200}, POINT{-100, -100}, 2.0f, nullptr);
+                                  RECT{0, 0, 320, 200}, POINT{-100, -100}, 2.0f, nullptr);
              return frame == std::vector<uint8_t>(frame.size(), 0xFF);
          }},
         {"a subtitle of 10,000 items", 4.0, 512,

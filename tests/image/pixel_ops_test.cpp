@@ -351,9 +351,9 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
                 const int swapped = ((255 - a) * s + d * a) / 255;
                 const int alphaOut = a == 0 ? static_cast<uint8_t>(~i) : a;
                 bool ok = dst24[3 * i] == mixed && dst24[3 * i + 1] == swapped &&
-                                dst24[3 * i + 2] == mixed && dst32[4 * i] == mixed &&
-                                dst32[4 * i + 1] == swapped && dst32[4 * i + 2] == mixed &&
-                                dst32[4 * i + 3] == alphaOut;
+                          dst24[3 * i + 2] == mixed && dst32[4 * i] == mixed &&
+                          dst32[4 * i + 1] == swapped && dst32[4 * i + 2] == mixed &&
+                          dst32[4 * i + 3] == alphaOut;
                 // Blue and red mix alike, so the swapped orders give the same
                 // bytes; the host's fourth byte stays.
                 const uint8_t host = static_cast<uint8_t>(~i);
@@ -535,8 +535,8 @@ TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
         Frame frame(200, 120);
         PixelBuffer scaled;
         // A limit of one pixel makes even this picture scale its part only.
-        BlendScaledIntoFrame(source, scaled, frame.View(), RECT{-1000, -1000, 1000, 1000}, pos, scale,
-                          nullptr, nullptr, 1);
+        BlendScaledIntoFrame(source, scaled, frame.View(), RECT{-1000, -1000, 1000, 1000}, pos,
+                             scale, nullptr, nullptr, 1);
         const int32_t sw = static_cast<int32_t>(601 * scale);
         const int32_t sh = static_cast<int32_t>(300 * scale);
         EXPECT_LT(scaled.height, sh) << scale;
@@ -594,15 +594,16 @@ TEST(ScaledComposite, NothingHappensForDegenerateInput) {
         PixelBuffer scaled;
         Frame frame(20, 10);
         BlendScaledIntoFrame(text, scaled,
-                          PackedPicture(frame.bytes.data(), c.width, c.height, c.depth), c.clip,
-                          c.pos, c.scale, nullptr);
+                             PackedPicture(frame.bytes.data(), c.width, c.height, c.depth), c.clip,
+                             c.pos, c.scale, nullptr);
         EXPECT_TRUE(std::all_of(frame.bytes.begin(), frame.bytes.end(), [](uint8_t b) {
             return b == 0x11;
         })) << c.name;
     }
     // A null frame leaves the scaled buffer untouched too.
     PixelBuffer scaled;
-    BlendScaledIntoFrame(text, scaled, PictureView{}, RECT{0, 0, 20, 10}, POINT{0, 0}, 2.0f, nullptr);
+    BlendScaledIntoFrame(text, scaled, PictureView{}, RECT{0, 0, 20, 10}, POINT{0, 0}, 2.0f,
+                         nullptr);
     EXPECT_EQ(scaled.Data(), nullptr);
     EXPECT_EQ(scaled.width, 0);
 }

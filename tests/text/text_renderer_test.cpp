@@ -354,9 +354,9 @@ TEST(TextRenderer, KeptScalingGivesTheFreshPictureAndScalesOncePerChange) {
         std::vector<uint8_t> keptFrame(lumets::RowStride(320, 24) * 120, 0x30);
         std::vector<uint8_t> freshFrame = keptFrame;
         kept.BlendScaledIntoFrame(lumets::PackedPicture(keptFrame.data(), 320, 120, 24),
-                               RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
+                                  RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
         fresh.BlendScaledIntoFrame(lumets::PackedPicture(freshFrame.data(), 320, 120, 24),
-                                RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
+                                   RECT{0, 0, 320, 120}, POINT{s.x, 4}, s.scale);
         EXPECT_EQ(keptFrame, freshFrame) << s.scale << " at " << s.x;
         EXPECT_EQ(kept.ScaleCount(), s.scales) << s.scale << " at " << s.x;
     }
