@@ -622,10 +622,27 @@ std::array<std::u16string, N> Texts(Object& o, const char* name) {
     return texts;
 }
 
-void ReadBanners(const Reader& reader, const json& value, const std::string& path, Scene& scene) {
+// The banners of a scene (layout is the scene's size, the third banner's
+// rect by default), or of a banners action, where a banner may be null to
+// take it down.
+void ReadBanners(const Reader& reader, const json& value, const std::string& path, SIZE layout,
+                 Banners& banners, BannerChange* change) {
     Object o(reader, value, path);
     std::string part;
-    if (const json* tavrin = o.Take("tavrin", &part)) {
+    // A null banner in an action takes it down; elsewhere it is no object.
+    const auto present = [&](const json* banner, BannerChange::Kind* kind) {
+        if (banner == nullptr) {
+            return false;
+        }
+        if (change != nullptr) {
+            *kind = banner->is_null() ? BannerChange::Kind::TakeDown : BannerChange::Kind::Put;
+            return !banner->is_null();
+        }
+        return true;
+    };
+    BannerChange ignored;
+    BannerChange& kinds = change != nullptr ? *change : ignored;
+    if (const json* tavrin = o.Take("tavrin", &part); present(tavrin, &kinds.tavrin)) {
         Object t(reader, *tavrin, part);
         TavrinBanner banner;
         banner.texts = Texts<6>(t, "texts");
@@ -633,28 +650,28 @@ void ReadBanners(const Reader& reader, const json& value, const std::string& pat
                          t.Media("image2", MediaUse::Picture)};
         banner.origin = t.Point("origin", POINT{0, 0});
         t.Done();
-        scene.tavrin = banner;
+        banners.tavrin = banner;
     }
-    if (const json* quellin = o.Take("quellin", &part)) {
+    if (const json* quellin = o.Take("quellin", &part); present(quellin, &kinds.quellin)) {
         Object q(reader, *quellin, part);
         QuellinBanner banner;
         banner.texts = Texts<2>(q, "texts");
         banner.plate = q.Media("plate", MediaUse::Picture);
         banner.origin = q.Point("origin", POINT{0, 0});
         q.Done();
-        scene.quellin = banner;
+        banners.quellin = banner;
     }
-    if (const json* ombrel = o.Take("ombrel", &part)) {
+    if (const json* ombrel = o.Take("ombrel", &part); present(ombrel, &kinds.ombrel)) {
         Object m(reader, *ombrel, part);
         OmbrelBanner banner;
         banner.text = m.Text("text");
         banner.fontSize = m.Int("fontSize", 16, kFontSize);
         banner.caps = m.Media("caps", MediaUse::Picture);
         banner.middle = m.Media("middle", MediaUse::Picture);
-        banner.rect = m.Rect("rect", RECT{0, 0, scene.width, scene.height});
+        banner.rect = m.Rect("rect", RECT{0, 0, layout.cx, layout.cy});
         banner.scale = static_cast<float>(m.Number("scale", 1.0, kScale));
         m.Done();
-        scene.ombrel = banner;
+        banners.ombrel = banner;
     }
     o.Done();
 }
@@ -706,10 +723,25 @@ Action ReadAction(const Reader& reader, const json& value, const std::string& pa
             o.Fail(path, Dotted(path) + " needs a \"plate\"");
         }
         action.plate = ReadPlate(reader, *plate, part);
+    } else if (kind == "banners") {
+        action.kind = Action::Kind::Banners;
+        action.banners = std::make_shared<BannerChange>();
+        // The banners are read as a scene's are, from the action's other
+        // fields. The third banner's rect defaults to the whole scene, whose
+        // size the player knows: an empty rect stands for it.
+        json fields = value;
+        fields.erase("at");
+        fields.erase("do");
+        for (const char* name : {"tavrin", "quellin", "ombrel"}) {
+            o.Take(name, &part);
+        }
+        ReadBanners(reader, fields, path, SIZE{0, 0}, action.banners->banners,
+                    action.banners.get());
     } else {
         o.Fail(path + (o.Has("do") ? "/do" : ""),
                Dotted(path) +
-                   " needs \"do\": add, remove, removeAll, trim, move, drag, text or plate");
+                   " needs \"do\": add, remove, removeAll, trim, move, drag, text, "
+                   "plate or banners");
     }
     o.Done();
     return action;
@@ -895,7 +927,11 @@ Scene ParseScene(const std::string& text, const std::string& name, const std::st
         }
     }
     if (const json* banners = o.Take("banners", &path)) {
-        ReadBanners(reader, *banners, path, scene);
+        Banners read;
+        ReadBanners(reader, *banners, path, SIZE{scene.width, scene.height}, read, nullptr);
+        scene.tavrin = std::move(read.tavrin);
+        scene.quellin = std::move(read.quellin);
+        scene.ombrel = std::move(read.ombrel);
     }
     if (const json* virtualScene = o.Take("scene", &path)) {
         Object s(reader, *virtualScene, path);

@@ -96,18 +96,36 @@ struct VirtualScene {
     RECT rect{};
 };
 
+// The three banners: each present, or not shown.
+struct Banners {
+    std::optional<TavrinBanner> tavrin;
+    std::optional<QuellinBanner> quellin;
+    std::optional<OmbrelBanner> ombrel;
+};
+
+// What a banners action does to each banner: leaves it, takes it down, or
+// puts it up (anew or changed) as given.
+struct BannerChange {
+    enum class Kind { Keep, TakeDown, Put };
+    Kind tavrin = Kind::Keep;
+    Kind quellin = Kind::Keep;
+    Kind ombrel = Kind::Keep;
+    Banners banners;  // the banners to put up
+};
+
 struct Action {
-    enum class Kind { Add, Remove, RemoveAll, Trim, Move, Drag, Text, Plate };
+    enum class Kind { Add, Remove, RemoveAll, Trim, Move, Drag, Text, Plate, Banners };
     double at = 0;  // seconds
     Kind kind = Kind::Remove;
-    std::u16string id;                   // Remove, Move, Text, Plate
-    std::u16string group;                // Trim, Drag
-    uint32_t keep = 0;                   // Trim
-    POINT to{};                          // Move; Drag's end
-    POINT from{};                        // Drag's start: the point hit-tested
-    std::shared_ptr<Subtitle> subtitle;  // Add
-    std::shared_ptr<TextLayer> text;     // Text
-    PlateLayer plate;                    // Plate
+    std::u16string id;                      // Remove, Move, Text, Plate
+    std::u16string group;                   // Trim, Drag
+    uint32_t keep = 0;                      // Trim
+    POINT to{};                             // Move; Drag's end
+    POINT from{};                           // Drag's start: the point hit-tested
+    std::shared_ptr<Subtitle> subtitle;     // Add
+    std::shared_ptr<TextLayer> text;        // Text
+    PlateLayer plate;                       // Plate
+    std::shared_ptr<BannerChange> banners;  // Banners
 };
 
 struct Background {

@@ -72,8 +72,7 @@ inline constexpr SceneLimit kOutlineWidth{"outlineWidth", "/$defs/style/properti
 inline constexpr SceneLimit kPlays{"plays", "/$defs/item/properties/plays", Integer, -1, 1e6};
 inline constexpr SceneLimit kInterval{"interval", "/$defs/subtitle/properties/interval", Integer, 0,
                                       3.6e6};
-inline constexpr SceneLimit kScale{
-    "scale", "/properties/banners/properties/ombrel/properties/scale", Number, 0.01, 100};
+inline constexpr SceneLimit kScale{"scale", "/$defs/ombrel/properties/scale", Number, 0.01, 100};
 inline constexpr SceneLimit kActionTime{"at", "/$defs/time", Number, 0, kDuration.max};
 inline constexpr SceneLimit kKeep{"keep", "/$defs/do/trim/properties/keep", Integer, 0, 1e6};
 // Containers deep; no scene nests more than a few, and the reader's work per

@@ -13,6 +13,7 @@ extern "C" {
 
 #include "lumets_common/picture_limits.h"
 #include "lumets_common/pixel_ops.h"
+#include "lumets_platform/geometry.h"
 #include "lumets_platform/utf16.h"
 #include "scene_limits.h"
 
@@ -85,24 +86,9 @@ CScenePlayer::CScenePlayer(const Scene& scene, bool gpu, int32_t gpuWidth, int32
     for (const Subtitle& subtitle : scene.subtitles) {
         Add(subtitle);
     }
-    if (scene.tavrin || scene.quellin || scene.ombrel) {
-        m_banners = CreateWeirdSubtitleManager();
-    }
-    if (const auto& t = scene.tavrin) {
-        m_banners->SetTavrinTexts(t->texts[0].c_str(), t->texts[1].c_str(), t->texts[2].c_str(),
-                                  t->texts[3].c_str(), t->texts[4].c_str(), t->texts[5].c_str());
-        m_banners->LoadTavrinImages(platform::Utf8ToU16(t->images[0]).c_str(),
-                                    platform::Utf8ToU16(t->images[1]).c_str());
-    }
-    if (const auto& q = scene.quellin) {
-        m_banners->SetQuellinTexts(q->texts[0].c_str(), q->texts[1].c_str(), 0);
-        m_banners->LoadQuellinPlate(platform::Utf8ToU16(q->plate).c_str());
-    }
-    if (const auto& o = scene.ombrel) {
-        m_banners->SetOmbrelText(o->text.c_str(), o->fontSize);
-        m_banners->LoadOmbrelImages(platform::Utf8ToU16(o->caps).c_str(),
-                                    platform::Utf8ToU16(o->middle).c_str());
-    }
+    BannerChange initial;
+    initial.banners = Banners{scene.tavrin, scene.quellin, scene.ombrel};
+    PutUp(initial);
     if (scene.virtualScene) {
         m_virtualScene = CreateVirtualSceneManager();
         m_virtualScene->OpenScene(platform::Utf8ToU16(scene.virtualScene->path).c_str(), 0);
@@ -162,6 +148,45 @@ void CScenePlayer::Add(const Subtitle& subtitle) {
                              static_cast<uint32_t>(items.size()), subtitle.pos.x, subtitle.pos.y,
                              subtitle.loop, subtitle.intervalMs);
     m_added[subtitle.id] = subtitle.group;
+}
+
+void CScenePlayer::PutUp(const BannerChange& change) {
+    using Kind = BannerChange::Kind;
+    const Banners& b = change.banners;
+    if (m_banners == nullptr && (b.tavrin || b.quellin || b.ombrel)) {
+        m_banners = CreateWeirdSubtitleManager();
+    }
+    if (change.tavrin == Kind::TakeDown) {
+        m_shown.tavrin.reset();
+    }
+    if (change.quellin == Kind::TakeDown) {
+        m_shown.quellin.reset();
+    }
+    if (change.ombrel == Kind::TakeDown) {
+        m_shown.ombrel.reset();
+    }
+    if (const auto& t = b.tavrin) {
+        m_banners->SetTavrinTexts(t->texts[0].c_str(), t->texts[1].c_str(), t->texts[2].c_str(),
+                                  t->texts[3].c_str(), t->texts[4].c_str(), t->texts[5].c_str());
+        m_banners->LoadTavrinImages(platform::Utf8ToU16(t->images[0]).c_str(),
+                                    platform::Utf8ToU16(t->images[1]).c_str());
+        m_shown.tavrin = t;
+    }
+    if (const auto& q = b.quellin) {
+        m_banners->SetQuellinTexts(q->texts[0].c_str(), q->texts[1].c_str(), 0);
+        m_banners->LoadQuellinPlate(platform::Utf8ToU16(q->plate).c_str());
+        m_shown.quellin = q;
+    }
+    if (const auto& o = b.ombrel) {
+        m_banners->SetOmbrelText(o->text.c_str(), o->fontSize);
+        m_banners->LoadOmbrelImages(platform::Utf8ToU16(o->caps).c_str(),
+                                    platform::Utf8ToU16(o->middle).c_str());
+        m_shown.ombrel = o;
+        // An action leaves the rect empty for the whole scene.
+        if (platform::IsRectEmpty(&m_shown.ombrel->rect)) {
+            m_shown.ombrel->rect = RECT{0, 0, m_scene.width, m_scene.height};
+        }
+    }
 }
 
 bool CScenePlayer::Plays(const std::u16string& id) {
@@ -248,6 +273,9 @@ std::string CScenePlayer::Apply(const Action& action) {
             m_subtitles->UpdateSubtitleBackground(action.id.c_str(), &part);
             break;
         }
+        case Action::Kind::Banners:
+            PutUp(*action.banners);
+            break;
     }
     m_clock.WaitUntilSettled();
     return why;
@@ -294,14 +322,21 @@ bool CScenePlayer::Draw(const lumets_frame& frame) {
         m_subtitles->DrawToFrame(&frame, scale);
     }
     if (m_banners != nullptr) {
-        if (m_scene.tavrin) {
-            m_banners->ComposeTavrinToFrame(&frame, &m_scene.tavrin->origin);
+        // Banners are placed in the scene's coordinates; the first two keep
+        // the size the library draws them at, the third scales.
+        const auto at = [scale](int32_t v) { return ScaleCoordinate(v, scale); };
+        if (m_shown.tavrin) {
+            const POINT origin{at(m_shown.tavrin->origin.x), at(m_shown.tavrin->origin.y)};
+            m_banners->ComposeTavrinToFrame(&frame, &origin);
         }
-        if (m_scene.quellin) {
-            m_banners->ComposeQuellinToFrame(&frame, &m_scene.quellin->origin);
+        if (m_shown.quellin) {
+            const POINT origin{at(m_shown.quellin->origin.x), at(m_shown.quellin->origin.y)};
+            m_banners->ComposeQuellinToFrame(&frame, &origin);
         }
-        if (const auto& o = m_scene.ombrel) {
-            m_banners->ComposeOmbrelToFrame(&frame, &o->rect, o->scale * scale);
+        if (const auto& o = m_shown.ombrel) {
+            const RECT rect{at(o->rect.left), at(o->rect.top), at(o->rect.right),
+                            at(o->rect.bottom)};
+            m_banners->ComposeOmbrelToFrame(&frame, &rect, o->scale * scale);
         }
     }
     if (m_virtualScene != nullptr && m_gl) {
@@ -329,7 +364,7 @@ bool CScenePlayer::DrawToTarget(int32_t width, int32_t height) {
         m_combiner->SetDestination(&rect, m_scene.width, m_scene.height, 1);
         m_combiner->DrawTexture(texture, 0);
     };
-    if (const auto& o = m_scene.ombrel; o && m_banners != nullptr) {
+    if (const auto& o = m_shown.ombrel; o && m_banners != nullptr) {
         if (!m_ombrelTexture) {
             m_ombrelTexture.Reset(CGLObjectFactory::CreateTexture());
         }
@@ -380,7 +415,25 @@ std::string CScenePlayer::StateJson() {
             }
         }
     }
-    const nlohmann::json state = {{"time_ms", m_nowMs}, {"subtitles", subtitles}};
+    const auto texts = [](const auto& list) {
+        nlohmann::json out = nlohmann::json::array();
+        for (const std::u16string& text : list) {
+            out.push_back(platform::U16ToUtf8(text.c_str(), text.size()));
+        }
+        return out;
+    };
+    nlohmann::json banners = {{"tavrin", nullptr}, {"quellin", nullptr}, {"ombrel", nullptr}};
+    if (const auto& t = m_shown.tavrin) {
+        banners["tavrin"] = {{"texts", texts(t->texts)}};
+    }
+    if (const auto& q = m_shown.quellin) {
+        banners["quellin"] = {{"texts", texts(q->texts)}};
+    }
+    if (const auto& o = m_shown.ombrel) {
+        banners["ombrel"] = {{"text", platform::U16ToUtf8(o->text.c_str(), o->text.size())}};
+    }
+    const nlohmann::json state = {
+        {"time_ms", m_nowMs}, {"subtitles", subtitles}, {"banners", banners}};
     return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 

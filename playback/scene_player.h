@@ -57,14 +57,15 @@ class LUMETS_SCENE_API CScenePlayer {
     // of subtitles that may play at once.
     std::string Apply(const Action& action);
 
-    // {"time_ms": T, "subtitles": [{"id", "group", "rect": [l, t, r, b]}]}:
-    // what plays now, in the scene's coordinates.
+    // {"time_ms": T, "subtitles": [{"id", "group", "rect": [l, t, r, b]}], "banners": {...}}:
+    // what plays and shows now, in the scene's coordinates.
     std::string StateJson();
 
   private:
     struct Records;  // the item records handed to AddSubtitle
 
     void Add(const Subtitle& subtitle);
+    void PutUp(const BannerChange& change);
     bool Plays(const std::u16string& id);
     void Forget();
     void DrawSubtitlesOnGpu(const lumets_frame& frame);
@@ -81,6 +82,7 @@ class LUMETS_SCENE_API CScenePlayer {
     // The ids this player added and their groups, for the state and the
     // bound on subtitles at once; pruned of those the manager has dropped.
     std::map<std::u16string, std::u16string> m_added;
+    Banners m_shown;  // the banners up now: the scene's, then as actions change them
 
     std::unique_ptr<host::CHeadlessGl> m_gl;
     IGPUCombiner* m_combiner = nullptr;

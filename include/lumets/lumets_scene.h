@@ -79,7 +79,8 @@ LUMETS_SCENE_C_API int lumets_scene_get_info(const lumets_scene* scene, lumets_s
 
 /* Applies one action now, in the scene file's vocabulary without "at":
  * {"do": "add", "subtitle": {...}}, "remove", "removeAll", "trim", "move",
- * "drag", "text", "plate". An action that names an id or group nothing plays
+ * "drag", "text", "plate", "banners" (each banner as in a scene, or null to
+ * take it down). An action that names an id or group nothing plays
  * under is LUMETS_ERROR_ACTION and changes nothing. */
 LUMETS_SCENE_C_API int lumets_scene_apply(lumets_scene* scene, const char* action_json,
                                           size_t length);
@@ -103,7 +104,8 @@ LUMETS_SCENE_C_API int lumets_scene_render_gl(lumets_scene* scene, int64_t time_
 
 /* What plays now, as JSON:
  * {"time_ms": T, "subtitles": [{"id": "...", "group": "...",
- *   "rect": [left, top, right, bottom]}, ...]}
+ *   "rect": [left, top, right, bottom]}, ...],
+ *  "banners": {"tavrin": {"texts": [...]} or null, "quellin": ..., "ombrel": {"text": ...}}}
  * in layout coordinates. On success *json is a NUL-terminated text the
  * caller frees with lumets_free. */
 LUMETS_SCENE_C_API int lumets_scene_state(lumets_scene* scene, char** json);

@@ -194,3 +194,40 @@ TEST(Frames, ScenesOnTheirOwnClocksGiveTheFramesTheyGiveAlone) {
 }
 
 }  // namespace
+
+namespace {
+
+// A frame of the ticker as BGR24 bytes at time t.
+std::vector<uint8_t> Frame(lumets_scene* scene, int64_t t) {
+    return Play(scene, {t}).front();
+}
+
+TEST(Frames, ABannersActionPutsUpChangesAndTakesDownABanner) {
+    SceneHandle ticker(kTicker);
+    ASSERT_NE(ticker.scene, nullptr);
+    const std::vector<uint8_t> bare = Frame(ticker.scene, 100);
+    const std::string demo = std::string(LUMETS_SOURCE_DIR) + "/data/demo/";
+    const std::string up = R"({"do": "banners", "ombrel": {"text": "Gift!", "caps": ")" + demo +
+                           R"(caps.png", "middle": ")" + demo +
+                           R"(middle.png", "rect": [520, 20, 920, 80]}})";
+    ASSERT_EQ(lumets_scene_apply(ticker.scene, up.c_str(), up.size()), LUMETS_OK)
+        << lumets_last_error();
+    EXPECT_NE(Frame(ticker.scene, 100), bare);
+    char* state = nullptr;
+    ASSERT_EQ(lumets_scene_state(ticker.scene, &state), LUMETS_OK);
+    EXPECT_NE(std::string(state).find(R"("ombrel":{"text":"Gift!"})"), std::string::npos) << state;
+    lumets_free(state);
+
+    const std::string missing = R"({"do": "banners", "tavrin": {"image1": "no.png",
+        "image2": "no.png"}})";
+    EXPECT_EQ(lumets_scene_apply(ticker.scene, missing.c_str(), missing.size()),
+              LUMETS_ERROR_ACTION);
+    EXPECT_NE(std::string(lumets_last_error()).find("action:1:40: media file"), std::string::npos)
+        << lumets_last_error();
+
+    const std::string down = R"({"do": "banners", "ombrel": null})";
+    ASSERT_EQ(lumets_scene_apply(ticker.scene, down.c_str(), down.size()), LUMETS_OK);
+    EXPECT_EQ(Frame(ticker.scene, 100), bare);
+}
+
+}  // namespace
