@@ -12,7 +12,6 @@
 #include <new>
 #include <string>
 
-#include "lumets/host/flash_player.h"
 #include "lumets_common/pixel_ops.h"
 #include "lumets_platform/utf16.h"
 #include "scene_file.h"
@@ -55,27 +54,6 @@ int Guard(Body&& body) {
     } catch (...) {
         return Fail(LUMETS_ERROR_INTERNAL, "an unknown failure");
     }
-}
-
-// Media as the library plays it: a movie must open in the host's player, a
-// picture must be a readable file (the banner's loader decodes it later).
-std::string CheckMedia(const std::string& path, MediaUse use) {
-    std::string why = WhyNotAFile(path);
-    if (!why.empty() || use != MediaUse::Movie) {
-        return why;
-    }
-    IFlashPlayer* player = CreateFlashPlayer();
-    if (player == nullptr) {
-        return "no movie player";
-    }
-    player->Open(platform::Utf8ToU16(path).c_str(), 0, false);
-    uint32_t width = 0;
-    uint32_t height = 0;
-    const bool playable = player->GetSize(&width, &height) && width > 0 && height > 0;
-    DeleteFlashPlayer(player);
-    return playable ? std::string()
-                    : "holds no movie that can be played (an animated PNG, GIF or WebP, a WebM "
-                      "or an MP4)";
 }
 
 int Open(Scene scene, std::string baseDir, lumets_scene** out) {
@@ -152,7 +130,7 @@ int lumets_scene_open_file(const char* path, lumets_scene** scene) {
         }
         *scene = nullptr;
         const std::filesystem::path base = std::filesystem::path(path).parent_path();
-        return Open(LoadScene(path, CheckMedia), base.empty() ? "." : base.string(), scene);
+        return Open(LoadScene(path, WhyNotPlayable), base.empty() ? "." : base.string(), scene);
     });
 }
 
@@ -168,7 +146,7 @@ int lumets_scene_open_string(const char* text, size_t length, const char* name,
         }
         const std::string base = base_dir != nullptr ? base_dir : ".";
         return Open(ParseScene(std::string(text, length), name != nullptr ? name : "scene", base,
-                               CheckMedia),
+                               WhyNotPlayable),
                     base, scene);
     });
 }
@@ -201,8 +179,8 @@ int lumets_scene_apply(lumets_scene* scene, const char* action_json, size_t leng
         }
         Action action;
         try {
-            action =
-                ParseAction(std::string(action_json, length), "action", scene->baseDir, CheckMedia);
+            action = ParseAction(std::string(action_json, length), "action", scene->baseDir,
+                                 WhyNotPlayable);
         } catch (const SceneError& error) {
             return Fail(LUMETS_ERROR_ACTION, error.what());
         }

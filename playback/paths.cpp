@@ -6,6 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "lumets/host/flash_player.h"
+#include "lumets_platform/utf16.h"
+
 namespace lumets::playback {
 
 std::string ErrnoText(int code) {
@@ -45,6 +48,27 @@ std::string WhyNotAFile(const std::string& path) {
         return "cannot be read: " + ErrnoText(errno);
     }
     return {};
+}
+
+// Media as the library plays it: a movie must open in the host's player, a
+// picture must be a readable file (the banner's loader decodes it later).
+std::string WhyNotPlayable(const std::string& path, MediaUse use) {
+    std::string why = WhyNotAFile(path);
+    if (!why.empty() || use != MediaUse::Movie) {
+        return why;
+    }
+    IFlashPlayer* player = CreateFlashPlayer();
+    if (player == nullptr) {
+        return "no movie player";
+    }
+    player->Open(platform::Utf8ToU16(path).c_str(), 0, false);
+    uint32_t width = 0;
+    uint32_t height = 0;
+    const bool playable = player->GetSize(&width, &height) && width > 0 && height > 0;
+    DeleteFlashPlayer(player);
+    return playable ? std::string()
+                    : "holds no movie that can be played (an animated PNG, GIF or WebP, a WebM "
+                      "or an MP4)";
 }
 
 }  // namespace lumets::playback

@@ -18,6 +18,11 @@ enum class MediaUse {
 // "is a symbolic link loop", "cannot be read: Permission denied", ...
 LUMETS_SCENE_API std::string WhyNotAFile(const std::string& path);
 
+// Media as the library plays it: empty, or why not. A movie must open in the
+// host's player; a picture must be a readable file (the banner's loader
+// decodes it when the banner goes up).
+LUMETS_SCENE_API std::string WhyNotPlayable(const std::string& path, MediaUse use);
+
 // The text of an errno value.
 LUMETS_SCENE_API std::string ErrnoText(int code);
 

@@ -868,17 +868,54 @@ void ParseJson(const std::string& text, const std::string& name, size_t& read,
 
 }  // namespace
 
-Action ParseAction(const std::string& text, const std::string& name, const std::string& baseDir,
-                   const MediaCheck& check) {
+std::vector<ReadOutcome> ParseActions(const std::string& text, const std::string& name,
+                                      const std::string& baseDir, const MediaCheck& check,
+                                      size_t maxCount) {
     json root;
     size_t read = 0;
     LocatingParser parser(root, text, &read);
     Reader reader(name, text, baseDir, parser, check);
     ParseJson(text, name, read, parser, reader);
-    if (root.is_object() && root.contains("at")) {
-        reader.Fail("/at#", "\"at\" has no meaning for an action applied now; leave it out");
+    if (!root.is_array() && !root.is_object()) {
+        reader.Fail("", "an action is an object, and actions a list of them");
     }
-    return ReadAction(reader, root, "");
+    if (root.is_array() && root.size() > maxCount) {
+        reader.Fail("", "more than " + std::to_string(maxCount) + " actions at once");
+    }
+    std::vector<ReadOutcome> outcomes;
+    const auto one = [&](const json& value, const std::string& path) {
+        ReadOutcome outcome;
+        try {
+            if (value.is_object() && value.contains("at")) {
+                reader.Fail(path + "/at#",
+                            "\"at\" has no meaning for an action applied now; leave it out");
+            }
+            outcome.action = ReadAction(reader, value, path);
+        } catch (const SceneError& error) {
+            outcome.error = error.what();
+        }
+        outcomes.push_back(std::move(outcome));
+    };
+    if (root.is_object()) {
+        one(root, "");
+    } else {
+        for (size_t i = 0; i < root.size(); ++i) {
+            one(root[i], "/" + std::to_string(i));
+        }
+    }
+    return outcomes;
+}
+
+Action ParseAction(const std::string& text, const std::string& name, const std::string& baseDir,
+                   const MediaCheck& check) {
+    std::vector<ReadOutcome> outcomes = ParseActions(text, name, baseDir, check, 1);
+    if (outcomes.empty()) {
+        throw SceneError(name + ": no action");
+    }
+    if (!outcomes.front().action) {
+        throw SceneError(outcomes.front().error);
+    }
+    return std::move(*outcomes.front().action);
 }
 
 Scene ParseScene(const std::string& text, const std::string& name, const std::string& baseDir,

@@ -166,6 +166,18 @@ LUMETS_SCENE_API Scene ParseScene(const std::string& text, const std::string& na
 LUMETS_SCENE_API Action ParseAction(const std::string& text, const std::string& name,
                                     const std::string& baseDir, const MediaCheck& check);
 
+// One action or a list of at most maxCount, each read on its own: an action,
+// or why it cannot be (located in text). A text that is no JSON, or neither
+// an object nor such a list, throws SceneError.
+struct ReadOutcome {
+    std::optional<Action> action;
+    std::string error;
+};
+LUMETS_SCENE_API std::vector<ReadOutcome> ParseActions(const std::string& text,
+                                                       const std::string& name,
+                                                       const std::string& baseDir,
+                                                       const MediaCheck& check, size_t maxCount);
+
 // "#RRGGBB" as 0xRRGGBB; false when text is not such a colour.
 LUMETS_SCENE_API bool ParseColour(const std::string& text, uint32_t* colour);
 

@@ -37,6 +37,7 @@ class LUMETS_SCENE_API CScenePlayer {
     CScenePlayer& operator=(const CScenePlayer&) = delete;
 
     bool Ok() const { return m_error.empty(); }
+    const Scene& GetScene() const { return m_scene; }
     const std::string& Error() const { return m_error; }
 
     // Moves the scene's clock on to ms (never back), carrying out the

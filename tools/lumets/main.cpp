@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -29,6 +30,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "control_server.h"
 #include "files.h"
 #include "lumets_common/pixel_ops.h"
 #include "scene_file.h"
@@ -392,7 +394,43 @@ struct FilterOptions {
     std::optional<double> fps;
     bool gpu = false;
     bool stats = false;
+    bool control = false;
+    uint16_t port = 0;
+    std::string listen = "127.0.0.1";
+    std::string tokenFile;
 };
+
+// The live-control server of a filter run, when asked for; it stops with the
+// run. Null, with the reason printed, when it cannot start.
+std::unique_ptr<CControlServer> StartControl(const FilterOptions& options, int* rc) {
+    ControlOptions control;
+    control.address = options.listen;
+    control.port = options.port;
+    control.baseDir = std::filesystem::path(options.scene).parent_path().string();
+    if (control.baseDir.empty()) {
+        control.baseDir = ".";
+    }
+    if (!options.tokenFile.empty()) {
+        std::ifstream in(options.tokenFile);
+        std::getline(in, control.token);
+        if (control.token.size() < 16) {
+            std::fprintf(stderr, "lumets: %s: needs a token of at least 16 characters\n",
+                         options.tokenFile.c_str());
+            *rc = kBadCommandLine;
+            return nullptr;
+        }
+    }
+    auto server = std::make_unique<CControlServer>(std::move(control));
+    std::string why;
+    if (!server->Start(&why)) {
+        std::fprintf(stderr, "lumets: %s\n", why.c_str());
+        *rc = kOutputFailed;
+        return nullptr;
+    }
+    std::fprintf(stderr, "lumets: control server on %s\nlumets: control page: %s\n",
+                 server->Url().c_str(), server->PageUrl().c_str());
+    return server;
+}
 
 // Frames are read and written (WriteAll) without the C library's buffers, so
 // that a frame leaves as soon as it is composited and a stalled input or a
@@ -466,6 +504,10 @@ int Filter(const FilterOptions& options) {
             std::fprintf(stderr, "lumets: %s\n", player.Error().c_str());
             rc = kOutputFailed;
         }
+        std::unique_ptr<CControlServer> control;
+        if (rc == 0 && options.control) {
+            control = StartControl(options, &rc);
+        }
         while (rc == 0) {
             size_t got = 0;
             const Transfer read = ReadAll(in, raw.data(), rawBytes, &got);
@@ -497,6 +539,9 @@ int Filter(const FilterOptions& options) {
             }
             const Clock::time_point before = Clock::now();
             player.AdvanceTo(FrameTimeMs(frames, fps));
+            if (control) {
+                control->TakeActions(player, frames);
+            }
             if (options.gpu) {
                 // Top-down rows in, the library's bottom-up padded rows for it.
                 for (int32_t y = 0; y < size.height; ++y) {
@@ -511,6 +556,9 @@ int Filter(const FilterOptions& options) {
                 }
             } else {
                 player.Draw(host);
+            }
+            if (control) {
+                control->Publish(player, frames, host);
             }
             inLibrary += Clock::now() - before;
             // A frame begun is finished even when a signal comes.
@@ -601,6 +649,17 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"bgr24", "rgb24", "bgra", "rgba", "bgr0", "rgb0"}))
         ->capture_default_str();
     filterCommand->add_flag("--gpu", filter.gpu, "Composite with OpenGL, reading each frame back");
+    filterCommand->add_flag("--control", filter.control,
+                            "Serve live control over HTTP (printed on standard error)");
+    filterCommand->add_option("--port", filter.port, "With --control: the port (0: any free one)")
+        ->capture_default_str();
+    filterCommand
+        ->add_option("--listen", filter.listen,
+                     "With --control: the address to listen on (127.0.0.1: this machine only)")
+        ->capture_default_str();
+    filterCommand->add_option("--token-file", filter.tokenFile,
+                              "With --control: read the token from the first line of this file "
+                              "(default: a random one, printed)");
     filterCommand->add_flag("--stats", filter.stats,
                             "Report frames per second and the library's share of the time");
 

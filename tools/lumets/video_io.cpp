@@ -14,16 +14,11 @@ extern "C" {
 }
 
 #include "files.h"
+#include "lumets_common/png.h"
 #include "lumets_platform/utf16.h"
 
 namespace lumets::tool {
 namespace {
-
-std::string AvError(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, text, sizeof text);
-    return text;
-}
 
 // The library's bottom-up rows as a top-down picture for libswscale: start at
 // the last row and step backwards.
@@ -59,7 +54,7 @@ CVideoWriter::~CVideoWriter() {
 }
 
 bool CVideoWriter::Fail(const std::string& what, int code) {
-    m_error = what + ": " + AvError(code);
+    m_error = what + ": " + AvErrorText(code);
     return false;
 }
 
@@ -198,39 +193,12 @@ bool CVideoWriter::Close() {
 
 bool WritePng(const std::string& path, const uint8_t* frame, int32_t width, int32_t height,
               std::string* error) {
-    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-    AvCodecContextPtr context(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
-    AvFramePtr picture(av_frame_alloc());
-    AvPacketPtr packet(av_packet_alloc());
-    if (!context || !picture || !packet) {
-        *error = "no PNG encoder";
-        return false;
-    }
-    context->width = width;
-    context->height = height;
-    context->pix_fmt = AV_PIX_FMT_RGB24;
-    context->time_base = AVRational{1, 1};
-    picture->format = AV_PIX_FMT_RGB24;
-    picture->width = width;
-    picture->height = height;
-    SwsContextPtr scaler(sws_getContext(width, height, AV_PIX_FMT_BGR24, width, height,
-                                        AV_PIX_FMT_RGB24, SWS_POINT, nullptr, nullptr, nullptr));
-    int rc = AVERROR(ENOMEM);
-    if (!scaler || (rc = avcodec_open2(context.get(), codec, nullptr)) < 0 ||
-        (rc = av_frame_get_buffer(picture.get(), 0)) < 0) {
-        *error = "cannot encode: " + AvError(rc);
-        return false;
-    }
-    const uint8_t* data[1];
-    int stride[1];
-    TopDown(frame, width, height, &data[0], &stride[0]);
-    sws_scale(scaler.get(), data, stride, 0, height, picture->data, picture->linesize);
-    if ((rc = avcodec_send_frame(context.get(), picture.get())) < 0 ||
-        (rc = avcodec_receive_packet(context.get(), packet.get())) < 0) {
-        *error = "cannot encode: " + AvError(rc);
-        return false;
-    }
-    return WriteWholeFile(path, packet->data, static_cast<size_t>(packet->size), error);
+    const uint8_t* top = nullptr;
+    int stride = 0;
+    TopDown(frame, width, height, &top, &stride);
+    std::vector<uint8_t> png;
+    return EncodePng(top, stride, AV_PIX_FMT_BGR24, width, height, &png, error) &&
+           WriteWholeFile(path, png.data(), png.size(), error);
 }
 
 std::string WhyNotUsable(const std::string& path, MediaUse use) {
@@ -270,7 +238,7 @@ std::unique_ptr<CBackdrop> CBackdrop::Open(const std::string& path, int32_t widt
     int rc = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
     backdrop->m_format.reset(format);
     if (rc < 0 || (rc = avformat_find_stream_info(format, nullptr)) < 0) {
-        *error = AvError(rc);
+        *error = AvErrorText(rc);
         return nullptr;
     }
     const AVCodec* codec = nullptr;
