@@ -3,6 +3,8 @@
 #include <httplib.h>
 #include <sys/random.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -211,9 +213,17 @@ struct CControlServer::Impl {
             }
             // The token goes into a cookie only this origin sends, and out
             // of the address bar and the history.
+            // Other parameters go along, if plain words: nothing a request
+            // brings may reach a header unchecked.
+            const auto plain = [](const std::string& text) {
+                return text.size() <= 64 &&
+                       std::all_of(text.begin(), text.end(), [](unsigned char c) {
+                           return std::isalnum(c) != 0 || c == '_' || c == '-';
+                       });
+            };
             std::string rest;
             for (const auto& [key, value] : req.params) {
-                if (key != "token") {
+                if (key != "token" && plain(key) && plain(value)) {
                     rest += (rest.empty() ? "?" : "&") + key + "=" + value;
                 }
             }
