@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 extern "C" {
@@ -241,19 +242,19 @@ std::string CScenePlayer::Apply(const Action& action) {
         case Action::Kind::Drag: {
             // What a host does when the viewer drags: find the subtitle
             // under the pointer, then move it by as much as the pointer moved.
+            // A move places the rectangle the hit test found, so the new
+            // place is that rectangle's corner moved.
             char16_t id[260] = {};
             RECT rect{};
-            POINT at{};
             if (!m_subtitles->HitTestGroup(action.group.c_str(), action.from.x, action.from.y, id,
-                                           &rect) ||
-                !m_subtitles->GetSubtitlePosition(id, &at)) {
+                                           &rect)) {
                 return "no subtitle of the group \"" +
                        platform::U16ToUtf8(action.group.c_str(), action.group.size()) +
                        "\" shows at (" + std::to_string(action.from.x) + ", " +
                        std::to_string(action.from.y) + ")";
             }
-            m_subtitles->MoveSubtitle(id, at.x + action.to.x - action.from.x,
-                                      at.y + action.to.y - action.from.y);
+            m_subtitles->MoveSubtitle(id, rect.left + action.to.x - action.from.x,
+                                      rect.top + action.to.y - action.from.y);
             break;
         }
         case Action::Kind::Text: {
@@ -422,15 +423,33 @@ std::string CScenePlayer::StateJson() {
         }
         return out;
     };
+    // Each banner as a scene file writes it, so that a host can send it
+    // back changed in a banners action.
+    const auto point = [](POINT p) { return nlohmann::json{p.x, p.y}; };
+    // Absolute, so that they name the same files whatever folder reads them.
+    const auto file = [](const std::string& path) {
+        std::error_code ignored;
+        return std::filesystem::absolute(path, ignored).lexically_normal().string();
+    };
     nlohmann::json banners = {{"tavrin", nullptr}, {"quellin", nullptr}, {"ombrel", nullptr}};
     if (const auto& t = m_shown.tavrin) {
-        banners["tavrin"] = {{"texts", texts(t->texts)}};
+        banners["tavrin"] = {{"texts", texts(t->texts)},
+                             {"image1", file(t->images[0])},
+                             {"image2", file(t->images[1])},
+                             {"origin", point(t->origin)}};
     }
     if (const auto& q = m_shown.quellin) {
-        banners["quellin"] = {{"texts", texts(q->texts)}};
+        banners["quellin"] = {
+            {"texts", texts(q->texts)}, {"plate", file(q->plate)}, {"origin", point(q->origin)}};
     }
     if (const auto& o = m_shown.ombrel) {
-        banners["ombrel"] = {{"text", platform::U16ToUtf8(o->text.c_str(), o->text.size())}};
+        const RECT& r = o->rect;
+        banners["ombrel"] = {{"text", platform::U16ToUtf8(o->text.c_str(), o->text.size())},
+                             {"fontSize", o->fontSize},
+                             {"caps", file(o->caps)},
+                             {"middle", file(o->middle)},
+                             {"rect", {r.left, r.top, r.right, r.bottom}},
+                             {"scale", o->scale}};
     }
     const nlohmann::json state = {
         {"time_ms", m_nowMs}, {"subtitles", subtitles}, {"banners", banners}};

@@ -10,7 +10,7 @@ PACKAGES=(
   libinih-dev libepoxy-dev libegl-dev libegl-mesa0 libgl1-mesa-dri
   fonts-wqy-microhei fonts-noto-color-emoji
   nlohmann-json3-dev libcli11-dev libcpp-httplib-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libpixman-1-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libpixman-1-dev chromium
   ffmpeg clang libclang-rt-14-dev clang-format
 )
 
