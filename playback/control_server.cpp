@@ -144,21 +144,29 @@ struct CControlServer::Impl {
                options.address == "localhost";
     }
 
-    // Under lock: one event to every client, within the rate; the drops are
-    // told once a second.
-    void Emit(const char* type, const json& data) {
+    // Under lock: a new second of the event rate, and the count of the events
+    // dropped in the last one told to every client. The streams call it as
+    // they wait, so the count goes out even when no event follows.
+    void Tick() {
         const Clock::time_point now = Clock::now();
-        if (now - second >= std::chrono::seconds(1)) {
-            second = now;
-            eventsThisSecond = 0;
-            if (eventsDropped > 0) {
-                const std::string notice = EventText("dropped", {{"count", eventsDropped}});
-                eventsDropped = 0;
-                for (const auto& client : clients) {
-                    client->backlog.push_back(notice);
-                }
-            }
+        if (now - second < std::chrono::seconds(1)) {
+            return;
         }
+        second = now;
+        eventsThisSecond = 0;
+        if (eventsDropped > 0) {
+            const std::string notice = EventText("dropped", {{"count", eventsDropped}});
+            eventsDropped = 0;
+            for (const auto& client : clients) {
+                client->backlog.push_back(notice);
+            }
+            changed.notify_all();
+        }
+    }
+
+    // Under lock: one event to every client, within the rate.
+    void Emit(const char* type, const json& data) {
+        Tick();
         if (++eventsThisSecond > kLimits.eventsPerSecond) {
             ++eventsDropped;
             return;
@@ -186,6 +194,17 @@ struct CControlServer::Impl {
         if ((!origin.empty() && origin != "http://" + host) ||
             req.get_header_value("Sec-Fetch-Site") == "cross-site") {
             return {403, "requests from other sites are refused"};
+        }
+        // Refused before the body is read: a declared body past the bound,
+        // and chunked bodies, which the server would read without one.
+        if (req.has_header("Transfer-Encoding")) {
+            return {411, "send a body with its Content-Length"};
+        }
+        const std::string length = req.get_header_value("Content-Length");
+        if (!length.empty() &&
+            (length.size() > 12 || !std::all_of(length.begin(), length.end(), ::isdigit) ||
+             std::stoull(length) > kLimits.bodyBytes)) {
+            return {413, "a request body is at most 1 MiB"};
         }
         if (req.method == "GET" && req.path == "/") {
             return {0, nullptr};  // the page itself
@@ -330,6 +349,7 @@ struct CControlServer::Impl {
                 std::string out;
                 {
                     std::unique_lock<std::mutex> lk(lock);
+                    Tick();
                     changed.wait_for(lk, std::chrono::milliseconds(500), [&] {
                         return stopping || client->dropped || !client->backlog.empty();
                     });
@@ -375,6 +395,8 @@ struct CControlServer::Impl {
     void Route() {
         server.new_task_queue = [] { return new httplib::ThreadPool(kLimits.eventClients + 8); };
         server.set_payload_max_length(kLimits.bodyBytes);
+        // Replies leave at once, not when the client's next request comes.
+        server.set_tcp_nodelay(true);
         server.set_read_timeout(kLimits.timeoutSeconds, 0);
         server.set_write_timeout(kLimits.timeoutSeconds, 0);
         server.set_keep_alive_timeout(kLimits.timeoutSeconds);
@@ -388,6 +410,9 @@ struct CControlServer::Impl {
                 return httplib::Server::HandlerResponse::Unhandled;
             }
             Reply(res, status, {{"error", why}});
+            if (status == 411 || status == 413) {
+                res.set_header("Connection", "close");  // the body is never read
+            }
             return httplib::Server::HandlerResponse::Handled;
         });
         server.Get("/", Guarded([this](const auto& req, auto& res) { Page(req, res); }));
