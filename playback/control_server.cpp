@@ -399,7 +399,10 @@ struct CControlServer::Impl {
         server.set_tcp_nodelay(true);
         server.set_read_timeout(kLimits.timeoutSeconds, 0);
         server.set_write_timeout(kLimits.timeoutSeconds, 0);
-        server.set_keep_alive_timeout(kLimits.timeoutSeconds);
+        // One request a connection: a refused body is then never read as the
+        // next request, and its connection closes at once. Connections to
+        // this machine cost next to nothing to open.
+        server.set_keep_alive_max_count(1);
         server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
             res.set_header("X-Content-Type-Options", "nosniff");
             res.set_header("X-Frame-Options", "DENY");
@@ -410,9 +413,6 @@ struct CControlServer::Impl {
                 return httplib::Server::HandlerResponse::Unhandled;
             }
             Reply(res, status, {{"error", why}});
-            if (status == 411 || status == 413) {
-                res.set_header("Connection", "close");  // the body is never read
-            }
             return httplib::Server::HandlerResponse::Handled;
         });
         server.Get("/", Guarded([this](const auto& req, auto& res) { Page(req, res); }));
