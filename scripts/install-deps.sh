@@ -12,6 +12,9 @@ PACKAGES=(
   nlohmann-json3-dev libcli11-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev libpixman-1-dev chromium
   ffmpeg clang libclang-rt-14-dev clang-format
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
+  gstreamer1.0-libav gstreamer1.0-x
 )
 
 missing=()

@@ -1,0 +1,252 @@
+#include "overlay_engine.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "paths.h"
+#include "scene_limits.h"
+
+namespace lumets::gst {
+
+using namespace lumets::playback;
+
+namespace {
+
+// The furthest one buffer moves the scene on: the player steps through every
+// timer on the way, about 1.4 ms a scene second, so a jump of hours (a live
+// source's long gap, a hostile timestamp) would stall the stream. The rest
+// of a longer jump is skipped.
+constexpr uint64_t kMaxStepMs = 60000;
+constexpr size_t kMaxTextBytes = static_cast<size_t>(limits::kSceneBytes.max);
+
+}  // namespace
+
+bool ParseControl(const std::string& text, ControlOptions* options) {
+    std::string address = "127.0.0.1";
+    std::string port = text == "auto" ? "0" : text;
+    if (const size_t colon = text.rfind(':'); colon != std::string::npos) {
+        address = text.substr(0, colon);
+        port = text.substr(colon + 1);
+        if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
+            address = address.substr(1, address.size() - 2);
+        }
+    }
+    const bool digits = std::all_of(port.begin(), port.end(), [](char c) {
+        return std::isdigit(static_cast<unsigned char>(c));
+    });
+    if (address.empty() || port.empty() || port.size() > 5 || !digits || std::stoul(port) > 65535) {
+        return false;
+    }
+    options->address = address;
+    options->port = static_cast<uint16_t>(std::stoul(port));
+    return true;
+}
+
+COverlayEngine::COverlayEngine() = default;
+
+COverlayEngine::~COverlayEngine() {
+    Stop();
+}
+
+void COverlayEngine::SetSource(SceneSource source) {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_source = std::move(source);
+    m_switch = true;
+}
+
+SceneSource COverlayEngine::Source() const {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return m_source;
+}
+
+void COverlayEngine::SetControl(std::string control) {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_control = std::move(control);
+}
+
+std::string COverlayEngine::Control() const {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return m_control;
+}
+
+std::unique_ptr<COverlayEngine::Show> COverlayEngine::Load(const SceneSource& source,
+                                                           Failure* failure) {
+    using Kind = Failure::Kind;
+    auto show = std::make_unique<Show>();
+    show->baseDir = ".";
+    try {
+        if (source.inlineText) {
+            if (source.value.size() > kMaxTextBytes) {
+                throw SceneError("scene-string: larger than 16 MiB; no scene is that large");
+            }
+            show->scene = ParseScene(source.value, "scene-string", ".", WhyNotPlayable);
+        } else {
+            // A file that is not there is told apart from one that does not read.
+            if (const std::string why = WhyNotAFile(source.value); !why.empty()) {
+                *failure = {why == "not found" ? Kind::NotFound : Kind::Unreadable,
+                            "scene file " + source.value + ": " + why};
+                return nullptr;
+            }
+            show->scene = LoadScene(source.value, WhyNotPlayable);
+            const std::filesystem::path base = std::filesystem::path(source.value).parent_path();
+            show->baseDir = base.empty() ? "." : base.string();
+        }
+    } catch (const SceneError& error) {
+        *failure = {Kind::Malformed, error.what()};
+        return nullptr;
+    }
+    show->player = std::make_unique<CScenePlayer>(show->scene);
+    if (!show->player->Ok()) {
+        *failure = {Kind::Player, show->player->Error()};
+        return nullptr;
+    }
+    return show;
+}
+
+Failure COverlayEngine::Start() {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_server.reset();
+    m_show.reset();
+    m_switch = false;
+    m_originMs = m_lastMs = m_frames = 0;
+    m_playing.clear();
+    Failure failure;
+    if (!m_source.value.empty() && !(m_show = Load(m_source, &failure))) {
+        return failure;
+    }
+    if (!m_control.empty()) {
+        ControlOptions options;
+        std::string why = "must be auto, PORT or ADDRESS:PORT";
+        if (ParseControl(m_control, &options)) {
+            options.baseDir = m_show ? m_show->baseDir : ".";
+            m_server = std::make_unique<CControlServer>(std::move(options));
+            if (m_server->Start(&why)) {
+                return failure;
+            }
+        }
+        m_server.reset();
+        m_show.reset();
+        return {Failure::Kind::Control, "control \"" + m_control + "\": " + why};
+    }
+    return failure;
+}
+
+void COverlayEngine::Stop() {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_server.reset();  // joins its threads; they never take m_lock
+    m_show.reset();
+    m_switch = false;
+}
+
+bool COverlayEngine::Apply(const std::string& json, std::string* error) {
+    static const std::string kNoScene =
+        "no scene plays: set scene or scene-string and start the pipeline";
+    std::string baseDir;
+    {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        if (!m_show) {
+            *error = kNoScene;
+            return false;
+        }
+        baseDir = m_show->baseDir;
+    }
+    // Read without the lock: checking a movie it names opens the file.
+    Action action;
+    try {
+        if (json.size() > kMaxTextBytes) {
+            throw SceneError("action: larger than 16 MiB");
+        }
+        action = ParseAction(json, "action", baseDir, WhyNotPlayable);
+    } catch (const SceneError& failure) {
+        *error = failure.what();
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::string why = m_show ? m_show->player->Apply(action) : kNoScene;
+    *error = why.empty() || !m_show ? why : "action: " + why;
+    return why.empty();
+}
+
+FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumets_frame& frame,
+                                  bool follow) {
+    FrameReport report;
+    const std::lock_guard<std::mutex> lock(m_lock);
+    const uint64_t now = runningMs.value_or(m_lastMs);
+    m_lastMs = now;
+    if (m_switch) {
+        // The scene before keeps playing when the new one does not read.
+        m_switch = false;
+        Failure failure;
+        std::unique_ptr<Show> show = m_source.value.empty() ? nullptr : Load(m_source, &failure);
+        if (show || m_source.value.empty()) {
+            m_show = std::move(show);
+            m_originMs = now;
+        } else {
+            report.warning = failure.message;
+        }
+    }
+    if (!m_show) {
+        return report;
+    }
+    // Time that goes back (a seek, a flush) starts the scene again from its
+    // file, played forward to the new time; live actions since are gone.
+    if (now < m_originMs) {
+        m_originMs = 0;
+    }
+    if (now - m_originMs < m_show->player->NowMs()) {
+        m_show->player.reset();  // the old managers end before the new ones start
+        m_show->player = std::make_unique<CScenePlayer>(m_show->scene);
+    }
+    CScenePlayer& player = *m_show->player;
+    if (now - m_originMs > player.NowMs() + kMaxStepMs) {
+        m_originMs = now - player.NowMs() - kMaxStepMs;
+    }
+    player.AdvanceTo(now - m_originMs);
+    if (m_server) {
+        m_server->TakeActions(player, m_frames);
+    }
+    report.drawn = player.Draw(frame);
+    if (m_server) {
+        m_server->Publish(player, m_frames, frame);
+    }
+    ++m_frames;
+    if (follow) {
+        Follow(player.StateJson(), &report);
+    }
+    return report;
+}
+
+void COverlayEngine::Follow(const std::string& state, FrameReport* report) {
+    const nlohmann::json parsed = nlohmann::json::parse(state, nullptr, false);
+    std::map<std::string, std::string> playing;
+    if (parsed.is_object()) {
+        for (const nlohmann::json& subtitle : parsed.value("subtitles", nlohmann::json::array())) {
+            playing[subtitle.value("id", "")] = subtitle.value("group", "");
+        }
+    }
+    for (const auto& [id, group] : m_playing) {
+        if (playing.count(id) == 0) {
+            report->changes.push_back({id, group, false});
+        }
+    }
+    for (const auto& [id, group] : playing) {
+        if (m_playing.count(id) == 0) {
+            report->changes.push_back({id, group, true});
+        }
+    }
+    m_playing = std::move(playing);
+}
+
+std::string COverlayEngine::ControlUrl() const {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return m_server ? m_server->Url() : std::string();
+}
+
+std::string COverlayEngine::ControlPageUrl() const {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return m_server ? m_server->PageUrl() : std::string();
+}
+
+}  // namespace lumets::gst
