@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 
 #include "paths.h"
 #include "scene_limits.h"
@@ -111,7 +110,7 @@ Failure COverlayEngine::Start() {
     m_show.reset();
     m_switch = false;
     m_originMs = m_lastMs = m_frames = 0;
-    m_playing.clear();
+    m_watch = playback::CPlayingWatch();
     Failure failure;
     if (!m_source.value.empty() && !(m_show = Load(m_source, &failure))) {
         return failure;
@@ -195,15 +194,13 @@ FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumet
     if (now < m_originMs) {
         m_originMs = 0;
     }
-    if (now - m_originMs < m_show->player->NowMs()) {
-        m_show->player.reset();  // the old managers end before the new ones start
-        m_show->player = std::make_unique<CScenePlayer>(m_show->scene);
+    // The scene starts again (from 0) when time went back before it.
+    const uint64_t from = now - m_originMs < m_show->player->NowMs() ? 0 : m_show->player->NowMs();
+    if (now - m_originMs > from + kMaxStepMs) {
+        m_originMs = now - from - kMaxStepMs;
     }
+    PlayTo(m_show->player, m_show->scene, now - m_originMs);
     CScenePlayer& player = *m_show->player;
-    if (now - m_originMs > player.NowMs() + kMaxStepMs) {
-        m_originMs = now - player.NowMs() - kMaxStepMs;
-    }
-    player.AdvanceTo(now - m_originMs);
     if (m_server) {
         m_server->TakeActions(player, m_frames);
     }
@@ -213,30 +210,9 @@ FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumet
     }
     ++m_frames;
     if (follow) {
-        Follow(player.StateJson(), &report);
+        report.changes = m_watch.Update(player.Playing());
     }
     return report;
-}
-
-void COverlayEngine::Follow(const std::string& state, FrameReport* report) {
-    const nlohmann::json parsed = nlohmann::json::parse(state, nullptr, false);
-    std::map<std::string, std::string> playing;
-    if (parsed.is_object()) {
-        for (const nlohmann::json& subtitle : parsed.value("subtitles", nlohmann::json::array())) {
-            playing[subtitle.value("id", "")] = subtitle.value("group", "");
-        }
-    }
-    for (const auto& [id, group] : m_playing) {
-        if (playing.count(id) == 0) {
-            report->changes.push_back({id, group, false});
-        }
-    }
-    for (const auto& [id, group] : playing) {
-        if (m_playing.count(id) == 0) {
-            report->changes.push_back({id, group, true});
-        }
-    }
-    m_playing = std::move(playing);
 }
 
 std::string COverlayEngine::ControlUrl() const {

@@ -9,7 +9,6 @@
 #include <lumets/frame.h>
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,11 +34,7 @@ struct Failure {
     std::string message;
 };
 
-struct SubtitleChange {
-    std::string id;
-    std::string group;
-    bool started = false;
-};
+using playback::SubtitleChange;
 
 // What one buffer brought that the element reports on the bus.
 struct FrameReport {
@@ -91,7 +86,6 @@ class COverlayEngine {
         std::unique_ptr<playback::CScenePlayer> player;
     };
     static std::unique_ptr<Show> Load(const SceneSource& source, Failure* failure);
-    void Follow(const std::string& state, FrameReport* report);
 
     mutable std::mutex m_lock;
     SceneSource m_source;
@@ -102,7 +96,7 @@ class COverlayEngine {
     uint64_t m_originMs = 0;  // the running time at which the scene started
     uint64_t m_lastMs = 0;    // the running time of the last buffer
     uint64_t m_frames = 0;
-    std::map<std::string, std::string> m_playing;  // id -> group at the last buffer
+    playback::CPlayingWatch m_watch;  // what played at the last buffer
 };
 
 // "auto", "PORT" or "ADDRESS:PORT" (an IPv6 address in brackets) as the

@@ -78,15 +78,9 @@ int CheckTime(int64_t timeMs) {
 
 // Moves the scene to timeMs; a time before the last starts it again.
 int Seek(lumets_scene& s, int64_t timeMs) {
-    if (static_cast<uint64_t>(timeMs) < s.player->NowMs()) {
-        s.player.reset();  // the old managers end before the new ones start
-        s.player = std::make_unique<CScenePlayer>(s.scene);
-        if (!s.player->Ok()) {
-            return Fail(LUMETS_ERROR_GL, s.player->Error());
-        }
-    }
-    s.player->AdvanceTo(static_cast<uint64_t>(timeMs));
-    return LUMETS_OK;
+    return PlayTo(s.player, s.scene, static_cast<uint64_t>(timeMs))
+               ? static_cast<int>(LUMETS_OK)
+               : Fail(LUMETS_ERROR_GL, s.player->Error());
 }
 
 std::string FrameProblem(const lumets_frame& frame) {

@@ -9,7 +9,6 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -137,7 +136,7 @@ struct CControlServer::Impl {
     Clock::time_point second = Clock::now();
     size_t eventsThisSecond = 0;
     size_t eventsDropped = 0;
-    std::map<std::string, std::string> playing;  // id -> group, as last published
+    CPlayingWatch watch;  // what played at the last frame published
 
     bool Loopback() const {
         return options.address == "127.0.0.1" || options.address == "::1" ||
@@ -512,18 +511,17 @@ void CControlServer::TakeActions(CScenePlayer& player, uint64_t frame) {
 
 void CControlServer::Publish(CScenePlayer& player, uint64_t frame, const lumets_frame& drawn) {
     Impl& s = *m_impl;
-    json state = json::parse(player.StateJson(), nullptr, false);
+    const std::vector<PlayingSubtitle> playing = player.Playing();
+    json state = json::parse(player.StateJson(playing), nullptr, false);
     if (!state.is_object()) {
         return;
     }
     const Scene& scene = player.GetScene();
     const float scale = static_cast<float>(drawn.width) / static_cast<float>(scene.width);
-    std::map<std::string, std::string> playing;
     for (json& subtitle : state["subtitles"]) {
         for (json& side : subtitle["rect"]) {
             side = ScaleCoordinate(side.get<int32_t>(), scale);
         }
-        playing[subtitle["id"].get<std::string>()] = subtitle["group"].get<std::string>();
     }
     state["frame"] = frame + 1;
     state["frame_size"] = {drawn.width, drawn.height};
@@ -544,18 +542,12 @@ void CControlServer::Publish(CScenePlayer& player, uint64_t frame, const lumets_
     if (copy) {
         s.preview = std::move(copy);
     }
-    for (const auto& [id, group] : playing) {
-        if (s.playing.count(id) == 0) {
-            s.Emit("subtitle",
-                   {{"frame", frame}, {"id", id}, {"group", group}, {"state", "start"}});
-        }
+    for (const SubtitleChange& change : s.watch.Update(playing)) {
+        s.Emit("subtitle", {{"frame", frame},
+                            {"id", change.id},
+                            {"group", change.group},
+                            {"state", change.started ? "start" : "end"}});
     }
-    for (const auto& [id, group] : s.playing) {
-        if (playing.count(id) == 0) {
-            s.Emit("subtitle", {{"frame", frame}, {"id", id}, {"group", group}, {"state", "end"}});
-        }
-    }
-    s.playing = std::move(playing);
     s.changed.notify_all();
 }
 

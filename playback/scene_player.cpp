@@ -393,28 +393,72 @@ bool CScenePlayer::DrawToTarget(int32_t width, int32_t height) {
     return true;
 }
 
+std::vector<PlayingSubtitle> CScenePlayer::Playing() {
+    std::vector<PlayingSubtitle> playing;
+    if (!Ok()) {
+        return playing;
+    }
+    const Clock::Scope onClock(m_clock);
+    Forget();
+    std::map<std::u16string, std::vector<SubtitleRectEntry>> byGroup;
+    for (const auto& [id, group] : m_added) {
+        byGroup[group].resize(m_added.size());
+    }
+    for (auto& [group, entries] : byGroup) {
+        uint32_t count = static_cast<uint32_t>(entries.size());
+        if (!m_subtitles->GetPlayingInGroup(group.c_str(), entries.data(), &count)) {
+            continue;
+        }
+        for (uint32_t i = 0; i < count && i < entries.size(); ++i) {
+            playing.push_back({platform::U16ToUtf8(entries[i].id, std::size(entries[i].id)),
+                               platform::U16ToUtf8(group.c_str(), group.size()), entries[i].rect});
+        }
+    }
+    return playing;
+}
+
+std::vector<SubtitleChange> CPlayingWatch::Update(const std::vector<PlayingSubtitle>& playing) {
+    std::map<std::string, std::string> now;
+    for (const PlayingSubtitle& subtitle : playing) {
+        now[subtitle.id] = subtitle.group;
+    }
+    std::vector<SubtitleChange> changes;
+    for (const auto& [id, group] : m_playing) {
+        if (now.count(id) == 0) {
+            changes.push_back({id, group, false});
+        }
+    }
+    for (const auto& [id, group] : now) {
+        if (m_playing.count(id) == 0) {
+            changes.push_back({id, group, true});
+        }
+    }
+    m_playing = std::move(now);
+    return changes;
+}
+
+bool PlayTo(std::unique_ptr<CScenePlayer>& player, const Scene& scene, uint64_t ms) {
+    if (ms < player->NowMs()) {
+        player.reset();  // the old managers end before the new ones start
+        player = std::make_unique<CScenePlayer>(scene);
+        if (!player->Ok()) {
+            return false;
+        }
+    }
+    player->AdvanceTo(ms);
+    return true;
+}
+
 std::string CScenePlayer::StateJson() {
+    return StateJson(Playing());
+}
+
+std::string CScenePlayer::StateJson(const std::vector<PlayingSubtitle>& playing) {
     nlohmann::json subtitles = nlohmann::json::array();
-    if (Ok()) {
-        const Clock::Scope onClock(m_clock);
-        Forget();
-        std::map<std::u16string, std::vector<SubtitleRectEntry>> byGroup;
-        for (const auto& [id, group] : m_added) {
-            byGroup[group].resize(m_added.size());
-        }
-        for (auto& [group, entries] : byGroup) {
-            uint32_t count = static_cast<uint32_t>(entries.size());
-            if (!m_subtitles->GetPlayingInGroup(group.c_str(), entries.data(), &count)) {
-                continue;
-            }
-            for (uint32_t i = 0; i < count && i < entries.size(); ++i) {
-                const SubtitleRectEntry& e = entries[i];
-                const RECT& r = e.rect;
-                subtitles.push_back({{"id", platform::U16ToUtf8(e.id, std::size(e.id))},
-                                     {"group", platform::U16ToUtf8(group.c_str(), group.size())},
-                                     {"rect", {r.left, r.top, r.right, r.bottom}}});
-            }
-        }
+    for (const PlayingSubtitle& p : playing) {
+        const RECT& r = p.rect;
+        subtitles.push_back(
+            {{"id", p.id}, {"group", p.group}, {"rect", {r.left, r.top, r.right, r.bottom}}});
     }
     const auto texts = [](const auto& list) {
         nlohmann::json out = nlohmann::json::array();

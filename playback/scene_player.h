@@ -24,6 +24,20 @@
 
 namespace lumets::playback {
 
+// A subtitle that plays, as its scene added it: rect in the scene's coordinates.
+struct PlayingSubtitle {
+    std::string id;
+    std::string group;
+    RECT rect{};
+};
+
+// A subtitle that started or ended between two looks at what plays.
+struct SubtitleChange {
+    std::string id;
+    std::string group;
+    bool started = false;
+};
+
 class LUMETS_SCENE_API CScenePlayer {
   public:
     // gpu composites the subtitles through DrawToTarget on a headless OpenGL
@@ -58,9 +72,14 @@ class LUMETS_SCENE_API CScenePlayer {
     // of subtitles that may play at once.
     std::string Apply(const Action& action);
 
+    // The subtitles playing now, in the scene's coordinates.
+    std::vector<PlayingSubtitle> Playing();
+
     // {"time_ms": T, "subtitles": [{"id", "group", "rect": [l, t, r, b]}], "banners": {...}}:
     // what plays and shows now, in the scene's coordinates.
     std::string StateJson();
+    // The same for what Playing() gave, so a host that also follows it looks once.
+    std::string StateJson(const std::vector<PlayingSubtitle>& playing);
 
   private:
     struct Records;  // the item records handed to AddSubtitle
@@ -97,6 +116,23 @@ class LUMETS_SCENE_API CScenePlayer {
     IWeirdSubtitleManager* m_banners = nullptr;
     IVirtualSceneManager* m_virtualScene = nullptr;
 };
+
+// Follows what plays from one look to the next, for hosts that report the
+// subtitles that start and end.
+class LUMETS_SCENE_API CPlayingWatch {
+  public:
+    // What started and ended since the last call (ended first).
+    std::vector<SubtitleChange> Update(const std::vector<PlayingSubtitle>& playing);
+
+  private:
+    std::map<std::string, std::string> m_playing;  // id -> group
+};
+
+// Plays *player to ms: a time before its own starts the scene again from the
+// file (a new player; what was applied live is gone) and plays it forward.
+// False, the player's error at hand, when the new player cannot start.
+LUMETS_SCENE_API bool PlayTo(std::unique_ptr<CScenePlayer>& player, const Scene& scene,
+                             uint64_t ms);
 
 // The time of frame index at fps, in whole milliseconds.
 LUMETS_SCENE_API uint64_t FrameTimeMs(uint64_t index, double fps);
