@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <filesystem>
 
 #include "paths.h"
 #include "scene_limits.h"
@@ -89,8 +88,7 @@ std::unique_ptr<COverlayEngine::Show> COverlayEngine::Load(const SceneSource& so
                 return nullptr;
             }
             show->scene = LoadScene(source.value, WhyNotPlayable);
-            const std::filesystem::path base = std::filesystem::path(source.value).parent_path();
-            show->baseDir = base.empty() ? "." : base.string();
+            show->baseDir = SceneFolder(source.value);
         }
     } catch (const SceneError& error) {
         *failure = {Kind::Malformed, error.what()};

@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -123,8 +122,7 @@ int lumets_scene_open_file(const char* path, lumets_scene** scene) {
             return Fail(LUMETS_ERROR_ARGUMENT, "path and scene must not be null");
         }
         *scene = nullptr;
-        const std::filesystem::path base = std::filesystem::path(path).parent_path();
-        return Open(LoadScene(path, WhyNotPlayable), base.empty() ? "." : base.string(), scene);
+        return Open(LoadScene(path, WhyNotPlayable), SceneFolder(path), scene);
     });
 }
 

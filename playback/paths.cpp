@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "lumets/host/flash_player.h"
 #include "lumets_platform/utf16.h"
@@ -69,6 +70,11 @@ std::string WhyNotPlayable(const std::string& path, MediaUse use) {
     return playable ? std::string()
                     : "holds no movie that can be played (an animated PNG, GIF or WebP, a WebM "
                       "or an MP4)";
+}
+
+std::string SceneFolder(const std::string& scenePath) {
+    const std::filesystem::path folder = std::filesystem::path(scenePath).parent_path();
+    return folder.empty() ? "." : folder.string();
 }
 
 }  // namespace lumets::playback

@@ -23,6 +23,10 @@ LUMETS_SCENE_API std::string WhyNotAFile(const std::string& path);
 // decodes it when the banner goes up).
 LUMETS_SCENE_API std::string WhyNotPlayable(const std::string& path, MediaUse use);
 
+// The folder a scene file's relative media paths start from: the file's
+// own, "." for a bare name.
+LUMETS_SCENE_API std::string SceneFolder(const std::string& scenePath);
+
 // The text of an errno value.
 LUMETS_SCENE_API std::string ErrnoText(int code);
 

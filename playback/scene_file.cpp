@@ -1022,8 +1022,7 @@ Scene LoadScene(const std::string& path, const MediaCheck& check) {
         })) {
         throw SceneError("scene file " + path + ": cannot be read");
     }
-    const std::filesystem::path base = std::filesystem::path(path).parent_path();
-    return ParseScene(text, path, base.empty() ? "." : base.string(), check);
+    return ParseScene(text, path, SceneFolder(path), check);
 }
 
 }  // namespace lumets::playback

@@ -406,10 +406,7 @@ std::unique_ptr<CControlServer> StartControl(const FilterOptions& options, int* 
     ControlOptions control;
     control.address = options.listen;
     control.port = options.port;
-    control.baseDir = std::filesystem::path(options.scene).parent_path().string();
-    if (control.baseDir.empty()) {
-        control.baseDir = ".";
-    }
+    control.baseDir = SceneFolder(options.scene);
     if (!options.tokenFile.empty()) {
         std::ifstream in(options.tokenFile);
         std::getline(in, control.token);
