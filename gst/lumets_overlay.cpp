@@ -20,10 +20,10 @@ GST_DEBUG_CATEGORY_STATIC(lumets_overlay_debug);
 
 namespace {
 
-using lumets::gst::COverlayEngine;
-using lumets::gst::Failure;
-using lumets::gst::FrameReport;
-using lumets::gst::SceneSource;
+using lumets::playback::COverlayEngine;
+using lumets::playback::Failure;
+using lumets::playback::FrameReport;
+using lumets::playback::SceneSource;
 
 // What an element owns beside its GObject fields.
 struct State {
@@ -271,7 +271,7 @@ GstFlowReturn TransformFrameIp(GstVideoFilter* filter, GstVideoFrame* frame) {
                                 ("%s; the scene before plays on", report.warning.c_str()),
                                 (nullptr));
         }
-        for (const lumets::gst::SubtitleChange& change : report.changes) {
+        for (const lumets::playback::SubtitleChange& change : report.changes) {
             PostElementMessage(
                 self, gst_structure_new("lumets-subtitle", "id", G_TYPE_STRING, change.id.c_str(),
                                         "group", G_TYPE_STRING, change.group.c_str(), "state",

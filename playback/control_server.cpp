@@ -509,6 +509,12 @@ void CControlServer::TakeActions(CScenePlayer& player, uint64_t frame) {
     s.changed.notify_all();
 }
 
+bool CControlServer::PreviewWanted() const {
+    const Clock::time_point now = Clock::now();
+    const std::lock_guard<std::mutex> lk(m_impl->lock);
+    return now - m_impl->previewWanted < std::chrono::seconds(3);
+}
+
 void CControlServer::Publish(CScenePlayer& player, uint64_t frame, const lumets_frame& drawn) {
     Impl& s = *m_impl;
     const std::vector<PlayingSubtitle> playing = player.Playing();
@@ -528,13 +534,7 @@ void CControlServer::Publish(CScenePlayer& player, uint64_t frame, const lumets_
     state["scene_size"] = {scene.width, scene.height};
     state["scale"] = scale;
     std::shared_ptr<Preview> copy;
-    const Clock::time_point now = Clock::now();
-    bool watched = false;
-    {
-        const std::lock_guard<std::mutex> lk(s.lock);
-        watched = now - s.previewWanted < std::chrono::seconds(3);
-    }
-    if (watched) {
+    if (PreviewWanted()) {
         copy = CopyFrame(drawn);
     }
     const std::lock_guard<std::mutex> lk(s.lock);

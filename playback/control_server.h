@@ -61,6 +61,10 @@ class LUMETS_SCENE_API CControlServer {
     // The frame loop, once frame number `frame` is drawn into `drawn`: the
     // state, the events and the preview follow it.
     void Publish(CScenePlayer& player, uint64_t frame, const lumets_frame& drawn);
+    // Whether the page shows the frame: a host that draws on the GPU reads a
+    // frame back for Publish only then (a frame without data publishes the
+    // state alone).
+    bool PreviewWanted() const;
 
     struct Impl;
 

@@ -1,5 +1,6 @@
 #include "scene_player.h"
 
+#include <epoxy/egl.h>
 #include <epoxy/gl.h>
 
 #include <algorithm>
@@ -19,6 +20,35 @@ extern "C" {
 #include "scene_limits.h"
 
 namespace lumets::playback {
+
+namespace {
+
+// Puts back the context that was current on the calling thread: a host calls
+// in on its own GL thread (a studio's graphics thread) and must find its
+// context where it left it after the player used its own.
+class CKeepCurrentContext {
+  public:
+    CKeepCurrentContext()
+        : m_display(eglGetCurrentDisplay()),
+          m_context(eglGetCurrentContext()),
+          m_draw(eglGetCurrentSurface(EGL_DRAW)),
+          m_read(eglGetCurrentSurface(EGL_READ)) {}
+    ~CKeepCurrentContext() {
+        if (m_context != EGL_NO_CONTEXT && eglGetCurrentContext() != m_context) {
+            eglMakeCurrent(m_display, m_draw, m_read, m_context);
+        }
+    }
+    CKeepCurrentContext(const CKeepCurrentContext&) = delete;
+    CKeepCurrentContext& operator=(const CKeepCurrentContext&) = delete;
+
+  private:
+    EGLDisplay m_display;
+    EGLContext m_context;
+    EGLSurface m_draw;
+    EGLSurface m_read;
+};
+
+}  // namespace
 namespace {
 
 // The host's records live on the heap: a text part is 128 KiB.
@@ -63,6 +93,7 @@ CScenePlayer::CScenePlayer(const Scene& scene, bool gpu, int32_t gpuWidth, int32
     // Every manager, and every thread and event it makes, lives on this
     // scene's clock.
     const Clock::Scope onClock(m_clock);
+    const CKeepCurrentContext keep;
     if (gpu || scene.virtualScene) {
         m_gl = std::make_unique<host::CHeadlessGl>();
         if (!m_gl->OpenDisplay() || !m_gl->CreateContext() ||
@@ -99,16 +130,23 @@ CScenePlayer::CScenePlayer(const Scene& scene, bool gpu, int32_t gpuWidth, int32
 
 CScenePlayer::~CScenePlayer() {
     const Clock::Scope onClock(m_clock);
-    if (m_gl) {
+    const CKeepCurrentContext keep;
+    // GL objects go in the context that made them: GPU frames' in the
+    // player's own; DrawToTarget's in the caller's, current now.
+    if (m_gpu && m_gl) {
         m_gl->MakeCurrent();
     }
-    DeleteLumetManager(m_subtitles);  // its GL objects go while the context is current
+    DeleteLumetManager(m_subtitles);
     DeleteWeirdSubtitleManager(m_banners);
-    DeleteVirtualSceneManager(m_virtualScene);
     CGLObjectFactory::DestroyPBO(m_pbo);
-    m_frameTexture.Reset();  // while the context is current
+    m_frameTexture.Reset();
     m_ombrelTexture.Reset();
     CProcessorFactory::DestroyCombiner(m_combiner);
+    if (m_movieOn == MovieOn::OwnContext && m_gl) {
+        m_gl->MakeCurrent();
+    }
+    DeleteVirtualSceneManager(m_virtualScene);
+    m_gl.reset();  // closing it leaves no context current: before `keep` puts the caller's back
 }
 
 void CScenePlayer::Add(const Subtitle& subtitle) {
@@ -384,7 +422,9 @@ bool CScenePlayer::DrawToTarget(int32_t width, int32_t height) {
                                              SaturateToInt32(x + sw), SaturateToInt32(y + sh)});
         }
     }
-    if (m_virtualScene != nullptr) {
+    // The movie's texture lives in the first context that drew it.
+    if (m_virtualScene != nullptr && m_movieOn != MovieOn::OwnContext) {
+        m_movieOn = MovieOn::CallersContext;
         m_virtualScene->RenderScene(0, 0);
         if (const GLuint texture = m_virtualScene->GetSceneTexture(); texture != 0) {
             draw(texture, m_scene.virtualScene->rect);
@@ -501,6 +541,7 @@ std::string CScenePlayer::StateJson(const std::vector<PlayingSubtitle>& playing)
 }
 
 void CScenePlayer::DrawSubtitlesOnGpu(const lumets_frame& frame) {
+    const CKeepCurrentContext keep;
     m_gl->MakeCurrent();
     // The frame goes in as a texture drawn over the whole target, the
     // subtitles over it, and the result comes back.
@@ -523,6 +564,11 @@ void CScenePlayer::DrawSubtitlesOnGpu(const lumets_frame& frame) {
 }
 
 void CScenePlayer::DrawVirtualScene(const lumets_frame& frame, float scale) {
+    if (m_movieOn == MovieOn::CallersContext) {
+        return;
+    }
+    m_movieOn = MovieOn::OwnContext;
+    const CKeepCurrentContext keep;
     m_gl->MakeCurrent();
     m_virtualScene->RenderScene(0, 0);
     const GLuint texture = m_virtualScene->GetSceneTexture();

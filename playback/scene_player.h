@@ -64,7 +64,10 @@ class LUMETS_SCENE_API CScenePlayer {
     // frame cannot be drawn into.
     bool Draw(const lumets_frame& frame);
     // The same into the framebuffer bound on the calling thread's current GL
-    // context: the subtitles, the third banner and the scene movie.
+    // context: the subtitles, the third banner and the scene movie. The GL
+    // objects it makes live in that context: destroy the player while it is
+    // current. The scene movie plays in the first context that draws it, so
+    // a player drawn here leaves it out of Draw.
     bool DrawToTarget(int32_t width, int32_t height);
 
     // Carries out one action now. Empty, or why it changed nothing: an id
@@ -91,6 +94,8 @@ class LUMETS_SCENE_API CScenePlayer {
     void DrawSubtitlesOnGpu(const lumets_frame& frame);
     void DrawVirtualScene(const lumets_frame& frame, float scale);
 
+    enum class MovieOn : uint8_t { Nowhere, OwnContext, CallersContext };
+
     const Scene& m_scene;
     Clock m_clock;  // declared before the managers: it outlives them
     bool m_gpu;
@@ -105,6 +110,7 @@ class LUMETS_SCENE_API CScenePlayer {
     Banners m_shown;  // the banners up now: the scene's, then as actions change them
 
     std::unique_ptr<host::CHeadlessGl> m_gl;
+    MovieOn m_movieOn = MovieOn::Nowhere;  // where the scene movie's GL objects are
     IGPUCombiner* m_combiner = nullptr;
     IPBO* m_pbo = nullptr;
     gl::CTexture m_frameTexture;

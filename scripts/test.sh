@@ -9,7 +9,7 @@ scripts/install-deps.sh
 jobs="$(nproc)"
 
 echo "== formatting"
-find common src host platform playback gst include tools tests fuzz bench -name '*.cpp' -o -name '*.h' -o -name '*.c' |
+find common src host platform playback gst obs include tools tests fuzz bench -name '*.cpp' -o -name '*.h' -o -name '*.c' |
   xargs clang-format --dry-run --Werror
 
 echo "== release build"

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 
 #include "paths.h"
 #include "scene_limits.h"
 
-namespace lumets::gst {
-
-using namespace lumets::playback;
+namespace lumets::playback {
 
 namespace {
 
@@ -108,7 +107,7 @@ Failure COverlayEngine::Start() {
     m_show.reset();
     m_switch = false;
     m_originMs = m_lastMs = m_frames = 0;
-    m_watch = playback::CPlayingWatch();
+    m_watch = CPlayingWatch();
     Failure failure;
     if (!m_source.value.empty() && !(m_show = Load(m_source, &failure))) {
         return failure;
@@ -138,8 +137,7 @@ void COverlayEngine::Stop() {
 }
 
 bool COverlayEngine::Apply(const std::string& json, std::string* error) {
-    static const std::string kNoScene =
-        "no scene plays: set scene or scene-string and start the pipeline";
+    static const std::string kNoScene = "no scene plays";
     std::string baseDir;
     {
         const std::lock_guard<std::mutex> lock(m_lock);
@@ -166,10 +164,7 @@ bool COverlayEngine::Apply(const std::string& json, std::string* error) {
     return why.empty();
 }
 
-FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumets_frame& frame,
-                                  bool follow) {
-    FrameReport report;
-    const std::lock_guard<std::mutex> lock(m_lock);
+CScenePlayer* COverlayEngine::Step(std::optional<uint64_t> runningMs, FrameReport* report) {
     const uint64_t now = runningMs.value_or(m_lastMs);
     m_lastMs = now;
     if (m_switch) {
@@ -181,11 +176,11 @@ FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumet
             m_show = std::move(show);
             m_originMs = now;
         } else {
-            report.warning = failure.message;
+            report->warning = failure.message;
         }
     }
     if (!m_show) {
-        return report;
+        return nullptr;
     }
     // Time that goes back (a seek, a flush) starts the scene again from its
     // file, played forward to the new time; live actions since are gone.
@@ -198,19 +193,62 @@ FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumet
         m_originMs = now - from - kMaxStepMs;
     }
     PlayTo(m_show->player, m_show->scene, now - m_originMs);
-    CScenePlayer& player = *m_show->player;
     if (m_server) {
-        m_server->TakeActions(player, m_frames);
+        m_server->TakeActions(*m_show->player, m_frames);
     }
-    report.drawn = player.Draw(frame);
+    return m_show->player.get();
+}
+
+void COverlayEngine::Finish(CScenePlayer& player, const lumets_frame& drawn, bool follow,
+                            FrameReport* report) {
     if (m_server) {
-        m_server->Publish(player, m_frames, frame);
+        m_server->Publish(player, m_frames, drawn);
     }
     ++m_frames;
     if (follow) {
-        report.changes = m_watch.Update(player.Playing());
+        report->changes = m_watch.Update(player.Playing());
+    }
+}
+
+FrameReport COverlayEngine::Frame(std::optional<uint64_t> runningMs, const lumets_frame& frame,
+                                  bool follow) {
+    FrameReport report;
+    const std::lock_guard<std::mutex> lock(m_lock);
+    if (CScenePlayer* player = Step(runningMs, &report)) {
+        report.drawn = player->Draw(frame);
+        Finish(*player, frame, follow, &report);
     }
     return report;
+}
+
+FrameReport COverlayEngine::FrameOnGpu(std::optional<uint64_t> runningMs, int32_t width,
+                                       int32_t height, bool follow, const lumets_frame* preview) {
+    FrameReport report;
+    const std::lock_guard<std::mutex> lock(m_lock);
+    if (CScenePlayer* player = Step(runningMs, &report)) {
+        report.drawn = player->DrawToTarget(width, height);
+        // Without a picture the page still gets the state, at this size.
+        lumets_frame sized{};
+        sized.width = width;
+        sized.height = height;
+        Finish(*player, preview != nullptr ? *preview : sized, follow, &report);
+    }
+    return report;
+}
+
+bool COverlayEngine::PreviewWanted() const {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return m_server && m_server->PreviewWanted();
+}
+
+int64_t COverlayEngine::DurationMs() const {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return m_show ? std::llround(m_show->scene.duration * 1000) : 0;
+}
+
+void COverlayEngine::Restart() {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_switch = true;
 }
 
 std::string COverlayEngine::ControlUrl() const {
@@ -223,4 +261,4 @@ std::string COverlayEngine::ControlPageUrl() const {
     return m_server ? m_server->PageUrl() : std::string();
 }
 
-}  // namespace lumets::gst
+}  // namespace lumets::playback
