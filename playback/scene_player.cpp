@@ -136,6 +136,9 @@ CScenePlayer::~CScenePlayer() {
     if (m_gpu && m_gl) {
         m_gl->MakeCurrent();
     }
+    if (m_subtitles != nullptr) {
+        m_subtitles->ReleaseGpuResources();  // the manager leaves its GPU objects to its host
+    }
     DeleteLumetManager(m_subtitles);
     DeleteWeirdSubtitleManager(m_banners);
     CGLObjectFactory::DestroyPBO(m_pbo);
