@@ -6,9 +6,10 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <memory>
 #include <string>
 
-#include "obs/suite/studio.h"
+#include "obs/studio.h"
 
 namespace {
 
@@ -18,41 +19,35 @@ constexpr uint32_t kW = 1920;
 constexpr uint32_t kH = 1080;
 
 void DrawFrames(benchmark::State& state, obs_source_t* source, bool scene) {
-    obs_enter_graphics();
-    gs_texrender_t* target = gs_texrender_create(GS_RGBA, GS_ZS_NONE);
-    gs_texture_t* pixel = gs_texture_create(1, 1, GS_RGBA, 1, nullptr, GS_RENDER_TARGET);
-    gs_stagesurf_t* stage = gs_stagesurface_create(1, 1, GS_RGBA);
-    obs_leave_graphics();
+    using lumets::obs::Releaser;
+    const lumets::obs::CGraphics graphics;
+    const lumets::obs::TexRender target(gs_texrender_create(GS_RGBA, GS_ZS_NONE));
+    const std::unique_ptr<gs_texture_t, Releaser<gs_texture_t, gs_texture_destroy>> pixel(
+        gs_texture_create(1, 1, GS_RGBA, 1, nullptr, GS_RENDER_TARGET));
+    const lumets::obs::StageSurface stage(gs_stagesurface_create(1, 1, GS_RGBA));
     int64_t ms = 0;
     for (auto _ : state) {
         if (scene) {
             obs_source_media_set_time(source, ms += 16);
         }
-        obs_enter_graphics();
-        gs_texrender_reset(target);
-        if (gs_texrender_begin(target, kW, kH)) {
+        gs_texrender_reset(target.get());
+        if (gs_texrender_begin(target.get(), kW, kH)) {
             vec4 black{};
             gs_clear(GS_CLEAR_COLOR, &black, 0.f, 0);
             gs_ortho(0.f, float{kW}, 0.f, float{kH}, -100.f, 100.f);
             obs_source_video_render(source);
-            gs_texrender_end(target);
+            gs_texrender_end(target.get());
         }
-        gs_copy_texture_region(pixel, 0, 0, gs_texrender_get_texture(target), kW / 2, kH - 40, 1,
-                               1);
-        gs_stage_texture(stage, pixel);
+        gs_copy_texture_region(pixel.get(), 0, 0, gs_texrender_get_texture(target.get()), kW / 2,
+                               kH - 40, 1, 1);
+        gs_stage_texture(stage.get(), pixel.get());
         uint8_t* data = nullptr;
         uint32_t line = 0;
-        if (gs_stagesurface_map(stage, &data, &line)) {
+        if (gs_stagesurface_map(stage.get(), &data, &line)) {
             benchmark::DoNotOptimize(data[0]);
-            gs_stagesurface_unmap(stage);
+            gs_stagesurface_unmap(stage.get());
         }
-        obs_leave_graphics();
     }
-    obs_enter_graphics();
-    gs_stagesurface_destroy(stage);
-    gs_texture_destroy(pixel);
-    gs_texrender_destroy(target);
-    obs_leave_graphics();
 }
 
 void BM_LumetsScene(benchmark::State& state, const char* file) {

@@ -64,7 +64,9 @@ LUMETS_SCENE_C_API int lumets_scene_open_file(const char* path, lumets_scene** s
 LUMETS_SCENE_C_API int lumets_scene_open_string(const char* text, size_t length, const char* name,
                                                 const char* base_dir, lumets_scene** scene);
 
-/* Closes a scene and stops everything it plays. NULL is ignored. */
+/* Closes a scene and stops everything it plays. NULL is ignored. A scene
+ * drawn with lumets_scene_render_gl made its GL objects in that context:
+ * close it with the context current, so that they go with it. */
 LUMETS_SCENE_C_API void lumets_scene_close(lumets_scene* scene);
 
 /* The size the scene is laid out for, its frame rate and duration. Frames of
@@ -98,7 +100,10 @@ LUMETS_SCENE_C_API int lumets_scene_render(lumets_scene* scene, int64_t time_ms,
 /* The same into the framebuffer bound on the calling thread's current OpenGL
  * context (width x height pixels), over what it holds: the subtitles, the
  * third banner and the scene movie. The other two banners have no GPU path
- * and are drawn into CPU frames only. GL state is restored. */
+ * and are drawn into CPU frames only. GL state is restored, and so is the
+ * current context where a scene movie drew in the library's own. The scene
+ * movie plays in the first context that draws it: once drawn here, CPU frames
+ * leave it out. */
 LUMETS_SCENE_C_API int lumets_scene_render_gl(lumets_scene* scene, int64_t time_ms, int32_t width,
                                               int32_t height);
 

@@ -11,14 +11,13 @@
 #include <string>
 #include <utility>
 
+#include "obs_handles.h"
+
 namespace lumets::test {
 
-template <typename T, void (*Release)(T*)>
-struct Releaser {
-    void operator()(T* handle) const { Release(handle); }
-};
+using obs::Data;
+using obs::Releaser;
 using Source = std::unique_ptr<obs_source_t, Releaser<obs_source_t, obs_source_release>>;
-using Data = std::unique_ptr<obs_data_t, Releaser<obs_data_t, obs_data_release>>;
 using Props = std::unique_ptr<obs_properties_t, Releaser<obs_properties_t, obs_properties_destroy>>;
 
 // Waits (bounded) for the studio's video thread, which runs in real time.
