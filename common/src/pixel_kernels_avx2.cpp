@@ -22,6 +22,7 @@
 //   bottleneck of the first form, only packs.
 #include <immintrin.h>
 
+#include <array>
 #include <cstring>
 
 #include "lumets_common/pixel_kernels.h"
@@ -321,6 +322,80 @@ LUMETS_AVX2 void Copy32To24(uint8_t* dst, const uint8_t* src, size_t count) {
     ScalarKernels().copy32To24(dst, src, count - i);
 }
 
+// Within a 16-byte lane, the byte of each position of a 96-byte run of
+// 3-byte pixels that starts a pixel at byte 0: 0, 1, 2, 0, ...
+constexpr std::array<std::array<uint8_t, 32>, 3> kRepeat3 = [] {
+    std::array<std::array<uint8_t, 32>, 3> index{};
+    for (size_t k = 0; k < 3; ++k) {
+        for (size_t j = 0; j < 32; ++j) {
+            index[k][j] = static_cast<uint8_t>((32 * k + j) % 3);
+        }
+    }
+    return index;
+}();
+
+// A row of one source colour, 32 bytes at a time with nothing to load but
+// the destination: the colour is laid out as the destination's bytes once (a
+// 96-byte run for 3-byte pixels, whose 32-byte pieces start at byte 0, 32 and
+// 64 of it) with its share c * a of each byte, and each piece is
+// ((255 - a) * d + c * a) / 255 exactly, as in the blends above. Own: the
+// fourth byte takes the alpha; otherwise a 4-byte pixel's fourth byte stays.
+template <size_t Step, bool Swap, bool Own>
+LUMETS_AVX2 void BlendColourRow(uint8_t* dst, uint32_t bgra, size_t count) {
+    const uint32_t a = bgra >> 24;
+    if (a == 0) {
+        return;
+    }
+    constexpr size_t kPieces = Step == 3 ? 3 : 1;
+    constexpr size_t kPixels = 32 * kPieces / Step;
+    const uint32_t blue = bgra & 0xFF;
+    const uint32_t red = (bgra >> 16) & 0xFF;
+    const uint32_t pixel = (Swap ? blue << 16 | red : bgra & 0xFF00FF) | (bgra & 0xFF00FF00);
+    const __m256i colour = _mm256_set1_epi32(static_cast<int32_t>(pixel));
+    const __m256i zero = _mm256_setzero_si256();
+    // The bytes that are not mixed: a 4-byte pixel's fourth.
+    const __m256i fourth = Step == 4 ? AlphaMask() : zero;
+    const __m256i weight = _mm256_set1_epi16(static_cast<int16_t>(255 - a));
+    const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
+    __m256i fill[kPieces];
+    __m256i shareLow[kPieces];
+    __m256i shareHigh[kPieces];
+    for (size_t k = 0; k < kPieces; ++k) {
+        // Every lane holds the pixel four times: a byte shuffle lays it out.
+        fill[k] = Step == 4 ? colour
+                            : _mm256_shuffle_epi8(
+                                  colour, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(
+                                              kRepeat3[k].data())));
+        const __m256i alpha = _mm256_set1_epi16(static_cast<int16_t>(a));
+        shareLow[k] = _mm256_mullo_epi16(_mm256_unpacklo_epi8(fill[k], zero), alpha);
+        shareHigh[k] = _mm256_mullo_epi16(_mm256_unpackhi_epi8(fill[k], zero), alpha);
+    }
+    constexpr ColourKernel PixelKernels::*kScalar =
+        Step == 3 ? (Swap ? &PixelKernels::blendColourToRgb24 : &PixelKernels::blendColourTo24)
+        : Own     ? &PixelKernels::blendColourTo32
+        : Swap    ? &PixelKernels::blendColourToRgbx
+                  : &PixelKernels::blendColourToBgrx;
+    size_t i = 0;
+    for (; i + kPixels <= count; i += kPixels, dst += 32 * kPieces) {
+        for (size_t k = 0; k < kPieces; ++k) {
+            auto* at = reinterpret_cast<__m256i*>(dst + 32 * k);
+            const __m256i d = _mm256_loadu_si256(at);
+            __m256i out = fill[k];
+            if (a != 255) {
+                const __m256i low = _mm256_add_epi16(
+                    _mm256_mullo_epi16(_mm256_unpacklo_epi8(d, zero), weight), shareLow[k]);
+                const __m256i high = _mm256_add_epi16(
+                    _mm256_mullo_epi16(_mm256_unpackhi_epi8(d, zero), weight), shareHigh[k]);
+                out = _mm256_packus_epi16(_mm256_srli_epi16(_mm256_mulhi_epu16(low, magic), 7),
+                                          _mm256_srli_epi16(_mm256_mulhi_epu16(high, magic), 7));
+            }
+            _mm256_storeu_si256(at, _mm256_blendv_epi8(out, Own ? fill[k] : d, fourth));
+        }
+    }
+    _mm256_zeroupper();
+    (ScalarKernels().*kScalar)(dst, bgra, count - i);
+}
+
 }  // namespace
 
 const PixelKernels* Avx2Kernels() {
@@ -336,6 +411,11 @@ const PixelKernels* Avx2Kernels() {
         .copy24To32Opaque = Copy24To32Opaque,
         .copy32To24 = Copy32To24,
         .copy32To32 = CopyRowBytes32,
+        .blendColourTo24 = BlendColourRow<3, false, false>,
+        .blendColourTo32 = BlendColourRow<4, false, true>,
+        .blendColourToRgb24 = BlendColourRow<3, true, false>,
+        .blendColourToBgrx = BlendColourRow<4, false, false>,
+        .blendColourToRgbx = BlendColourRow<4, true, false>,
     };
     static const bool supported = [] {
         __builtin_cpu_init();

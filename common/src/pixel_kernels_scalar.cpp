@@ -98,6 +98,33 @@ void Copy32To32(uint8_t* dst, const uint8_t* src, size_t count) {
     std::memcpy(dst, src, count * 4);
 }
 
+// A row of one source colour, as the blends above treat each pixel. Own: a
+// 32-bit picture of the library's whose fourth byte takes the alpha; else a
+// host's frame (B, G, R or swapped) whose fourth byte, if any, stays.
+template <size_t Step, bool Swap, bool Own>
+void BlendColourRow(uint8_t* dst, uint32_t bgra, size_t count) {
+    const int32_t a = static_cast<int32_t>(bgra >> 24);
+    if (a == 0) {
+        return;
+    }
+    constexpr size_t b = Swap ? 2 : 0;
+    constexpr size_t r = Swap ? 0 : 2;
+    const int32_t blue = static_cast<int32_t>(bgra & 0xFF);
+    const int32_t green = static_cast<int32_t>((bgra >> 8) & 0xFF);
+    const int32_t red = static_cast<int32_t>((bgra >> 16) & 0xFF);
+    const auto mix = [a](uint8_t d, int32_t c) {
+        return static_cast<uint8_t>(a == 255 ? c : ((255 - a) * d + c * a) / 255);
+    };
+    for (size_t i = 0; i < count; ++i, dst += Step) {
+        dst[b] = mix(dst[b], blue);
+        dst[1] = mix(dst[1], green);
+        dst[r] = mix(dst[r], red);
+        if constexpr (Own) {
+            dst[3] = static_cast<uint8_t>(a);
+        }
+    }
+}
+
 }  // namespace
 
 const PixelKernels& ScalarKernels() {
@@ -113,6 +140,11 @@ const PixelKernels& ScalarKernels() {
         .copy24To32Opaque = Copy24To32Opaque,
         .copy32To24 = Copy32To24,
         .copy32To32 = Copy32To32,
+        .blendColourTo24 = BlendColourRow<3, false, false>,
+        .blendColourTo32 = BlendColourRow<4, false, true>,
+        .blendColourToRgb24 = BlendColourRow<3, true, false>,
+        .blendColourToBgrx = BlendColourRow<4, false, false>,
+        .blendColourToRgbx = BlendColourRow<4, true, false>,
     };
     return kernels;
 }

@@ -188,6 +188,11 @@ const PixelKernels* Sse41Kernels() {
         .copy24To32Opaque = Copy24To32Opaque,
         .copy32To24 = Copy32To24,
         .copy32To32 = CopyRowBytes32,
+        .blendColourTo24 = ScalarKernels().blendColourTo24,
+        .blendColourTo32 = ScalarKernels().blendColourTo32,
+        .blendColourToRgb24 = ScalarKernels().blendColourToRgb24,
+        .blendColourToBgrx = ScalarKernels().blendColourToBgrx,
+        .blendColourToRgbx = ScalarKernels().blendColourToRgbx,
     };
     static const bool supported = [] {
         __builtin_cpu_init();

@@ -131,12 +131,27 @@ RowKernel PickKernel(const PixelKernels& k, Operation op, const Picture& dst, co
     return op == Operation::Blend ? k.copy24To32KeepAlpha : k.copy24To32Opaque;
 }
 
+ColourKernel PickColourKernel(const PixelKernels& k, const Picture& dst) {
+    switch (dst.layout) {
+        case PixelLayout::Rgb:
+            return k.blendColourToRgb24;
+        case PixelLayout::Bgrx:
+            return k.blendColourToBgrx;
+        case PixelLayout::Rgbx:
+            return k.blendColourToRgbx;
+        case PixelLayout::Native:
+            break;
+    }
+    return dst.bytesPerPixel == 4 ? k.blendColourTo32 : k.blendColourTo24;
+}
+
 // Rows pair up from the two rectangles' last rows backwards and stop at the
 // first negative row on either side; only the destination's left and bottom
 // matter. The run is as wide as the source rectangle, cut at the
 // destination's right edge.
 void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Picture& d,
-             const Span& dRect, const uint8_t* src, const Picture& s, const Span& sRect) {
+             const Span& dRect, const uint8_t* src, const Picture& s, const Span& sRect,
+             const FlatRuns* runs = nullptr) {
     // The source rectangle lies within [0, height], so its bottom row index
     // never runs out before the count of its rows does.
     int64_t rows = sRect.bottom - sRect.top;
@@ -184,10 +199,25 @@ void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Pict
         sRow = copy.data();
         sStep = static_cast<ptrdiff_t>(sRowBytes);
     }
+    // A row's flat run, cut to the columns drawn, goes through the colour
+    // kernel and the rest through the row kernel.
+    const bool flat = runs != nullptr && op == Operation::Blend && s.bytesPerPixel == 4 &&
+                      static_cast<int64_t>(runs->rows.size()) == s.height;
+    const ColourKernel colourKernel = flat ? PickColourKernel(kernels, d) : nullptr;
     // The pairs are independent, so they run in memory order where the rows
     // lie bottom-up, which suits the hardware prefetchers.
     for (int64_t k = 0; k < rows; ++k) {
-        kernel(dRow, sRow, static_cast<size_t>(cols));
+        if (flat) {
+            const auto [first, second] = runs->rows[static_cast<size_t>(sRect.bottom - rows + k)];
+            const int64_t begin = std::clamp<int64_t>(first - sRect.left, 0, cols);
+            const int64_t end = std::clamp<int64_t>(second - sRect.left, begin, cols);
+            const auto at = [&](int64_t c) { return static_cast<size_t>(c); };
+            kernel(dRow, sRow, at(begin));
+            colourKernel(dRow + at(begin) * d.bytesPerPixel, runs->colour, at(end - begin));
+            kernel(dRow + at(end) * d.bytesPerPixel, sRow + at(end) * 4, at(cols - end));
+        } else {
+            kernel(dRow, sRow, static_cast<size_t>(cols));
+        }
         if (k + 1 < rows) {
             dRow += dStep;
             sRow += sStep;
@@ -258,6 +288,52 @@ void BlendAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
 void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
                         const ConstPictureView& src, const RECT& srcRect) {
     RunRect(kernels, Operation::Copy, dst, dstRect, src, srcRect);
+}
+
+void BlendFlatAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+                     const ConstPictureView& src, const FlatRuns& runs) {
+    Picture d;
+    Picture s;
+    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
+        return;
+    }
+    const Span dRect = ClampSpan(pos.x, pos.y, pos.x + s.width, pos.y + s.height, d);
+    RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, {0, 0, s.width, s.height},
+            &runs);
+}
+
+void BlendFlatAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
+                 const FlatRuns& runs) {
+    BlendFlatAtWith(ActiveKernels(), dst, pos, src, runs);
+}
+
+FlatRuns FindFlatRuns(const ConstPictureView& picture, uint32_t colour) {
+    FlatRuns runs;
+    runs.colour = colour;
+    Picture p;
+    if (!DescribePicture(picture, &p) || p.bytesPerPixel != 4) {
+        return runs;
+    }
+    runs.rows.resize(static_cast<size_t>(p.height));
+    for (int64_t m = 0; m < p.height; ++m) {
+        const uint8_t* row = p.Row(picture.data, m);
+        int64_t start = 0;
+        for (int64_t x = 0; x <= p.width; ++x) {
+            uint32_t pixel = 0;
+            if (x < p.width) {
+                std::memcpy(&pixel, row + x * 4, 4);
+            }
+            if (x < p.width && pixel == colour) {
+                continue;
+            }
+            auto& best = runs.rows[static_cast<size_t>(m)];
+            if (x - start > best.second - best.first) {
+                best = {static_cast<int32_t>(start), static_cast<int32_t>(x)};
+            }
+            start = x + 1;
+        }
+    }
+    return runs;
 }
 
 void BlendRect(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,

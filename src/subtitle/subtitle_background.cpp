@@ -97,7 +97,7 @@ void CSubtitleBackground::BuildBackground(int32_t textWidth, int32_t textHeight,
     m_plate.bitsPerPixel = 32;
 }
 
-void CSubtitleBackground::FillPlate(int32_t width, int32_t height) {
+uint32_t CSubtitleBackground::SolidColour() const {
     const float scaledOpacity = m_opacity * 255.0f;
     uint32_t alpha = 0;
     if (scaledOpacity >= 255.0f) {
@@ -105,9 +105,14 @@ void CSubtitleBackground::FillPlate(int32_t width, int32_t height) {
     } else if (scaledOpacity > 0.0f) {
         alpha = static_cast<uint32_t>(scaledOpacity);
     }
-    const uint8_t solid[4] = {
-        static_cast<uint8_t>(m_color & 0xFF), static_cast<uint8_t>((m_color >> 8) & 0xFF),
-        static_cast<uint8_t>((m_color >> 16) & 0xFF), static_cast<uint8_t>(alpha)};
+    return (m_color & 0xFFFFFF) | alpha << 24;
+}
+
+void CSubtitleBackground::FillPlate(int32_t width, int32_t height) {
+    const uint32_t colour = SolidColour();
+    const uint32_t alpha = colour >> 24;
+    uint8_t solid[4];
+    std::memcpy(solid, &colour, 4);
     uint8_t* const plate = m_plate.Data();
     const uint8_t* const mask = m_mask.Data();
     const size_t stride = size_t(width) * 4;
@@ -226,7 +231,13 @@ void CSubtitleBackground::DrawOnFrame(const PictureView& frame, const RECT* text
     if (y < std::numeric_limits<int32_t>::min() || y > std::numeric_limits<int32_t>::max()) {
         return;
     }
-    BlendAt(frame, POINT{x, static_cast<int32_t>(y)}, plate);
+    // The middle is one colour: blended as that colour, only the rounded
+    // ends and edges are read from the picture.
+    if (const auto of = std::make_tuple(m_buildCount, plate.width, plate.height); of != m_runsOf) {
+        m_runs = FindFlatRuns(plate, SolidColour());
+        m_runsOf = of;
+    }
+    BlendFlatAt(frame, POINT{x, static_cast<int32_t>(y)}, plate, m_runs);
 }
 
 void CSubtitleBackground::DrawToTexture(GLuint texture, int32_t& width, int32_t& height,

@@ -15,10 +15,12 @@
 #pragma once
 
 #include <cstdint>
+#include <tuple>
 
 #include "lumets/host/gl_objects.h"
 #include "lumets/win_types.h"
 #include "lumets_common/picture.h"
+#include "lumets_common/pixel_ops.h"
 #include "lumets_common/scaled_composite.h"
 
 namespace lumets {
@@ -79,6 +81,8 @@ class CSubtitleBackground {
   private:
     bool HasMask() const;
     void FillPlate(int32_t width, int32_t height);
+    // The plate's colour with its opacity as alpha, 0xAARRGGBB.
+    uint32_t SolidColour() const;
 
     POINT m_offset{0, 0};
     PixelBuffer m_mask;
@@ -88,6 +92,10 @@ class CSubtitleBackground {
     PixelBuffer m_plate;
     CScaledCopy m_scaled;
     uint32_t m_buildCount = 0;  // also the plate's version for its scaled copy
+    // The flat middle of the picture last drawn, and which picture it was
+    // (build, width, height).
+    FlatRuns m_runs;
+    std::tuple<uint32_t, int32_t, int32_t> m_runsOf{0, -1, -1};
 };
 
 }  // namespace lumets

@@ -373,6 +373,37 @@ TEST(PixelKernels, BlendArithmeticIsExactForEveryAlphaAndValue) {
     }
 }
 
+// A run of one colour gives what the row blend gives for a row of that
+// colour: every alpha, destinations at random, every layout, counts through
+// every step width.
+TEST(PixelKernels, ColourRunsBlendAsARowOfTheirColour) {
+    using Pair = std::pair<RowKernel PixelKernels::*, ColourKernel PixelKernels::*>;
+    const std::pair<Pair, size_t> layouts[] = {
+        {{&PixelKernels::blend32To24, &PixelKernels::blendColourTo24}, 3},
+        {{&PixelKernels::blend32To32, &PixelKernels::blendColourTo32}, 4},
+        {{&PixelKernels::blend32ToRgb24, &PixelKernels::blendColourToRgb24}, 3},
+        {{&PixelKernels::blend32ToBgrx, &PixelKernels::blendColourToBgrx}, 4},
+        {{&PixelKernels::blend32ToRgbx, &PixelKernels::blendColourToRgbx}, 4}};
+    std::mt19937 rng(7);
+    for (const PixelKernels* k : AllTables()) {
+        for (uint32_t a = 0; a < 256; ++a) {
+            const uint32_t bgra = (rng() & 0xFFFFFF) | a << 24;
+            const size_t count = 256 + rng() % 120;
+            std::vector<uint8_t> row(count * 4);
+            for (size_t i = 0; i < count; ++i) {
+                std::memcpy(&row[4 * i], &bgra, 4);
+            }
+            for (const auto& [kernels, bytes] : layouts) {
+                std::vector<uint8_t> want = RandomBytes(count * bytes, rng);
+                std::vector<uint8_t> got = want;
+                (ScalarKernels().*kernels.first)(want.data(), row.data(), count);
+                (k->*kernels.second)(got.data(), bgra, count);
+                ASSERT_EQ(got, want) << k->name << " alpha " << a << " bytes " << bytes;
+            }
+        }
+    }
+}
+
 // Whole operations on random geometry, rectangles and positions often far
 // outside the pictures, rows starting at every alignment: every table gives
 // the scalar bytes, so none writes outside its row, and no table touches a
@@ -407,7 +438,22 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
         const RECT dRect = {coord(dW), coord(dH), coord(dW), coord(dH)};
         const RECT sRect = {coord(sW), coord(sH), coord(sW), coord(sH)};
         const POINT pos = {coord(dW), coord(dH)};
-        const int op = static_cast<int>(rng() % 3);
+        // Op 3 blends with flat runs of one colour, to give op 1's bytes.
+        int op = static_cast<int>(rng() % 4);
+        FlatRuns runs;
+        if (op == 3 && sBpp != 32) {
+            op = 1;
+        } else if (op == 3) {
+            runs.colour = static_cast<uint32_t>(rng());
+            for (int32_t row = 0; row < sH; ++row) {
+                const int32_t first = static_cast<int32_t>(rng() % (sW + 1));
+                const int32_t second = first + static_cast<int32_t>(rng() % (sW - first + 1));
+                for (int32_t x = first; x < second; ++x) {
+                    std::memcpy(&src[RowStride(sW, 32) * row + 4 * x], &runs.colour, 4);
+                }
+                runs.rows.emplace_back(first, second);
+            }
+        }
         // Now and then a host's frame: its own order, rows either way.
         const PixelLayout hostLayouts[2][2] = {{PixelLayout::Native, PixelLayout::Rgb},
                                                {PixelLayout::Bgrx, PixelLayout::Rgbx}};
@@ -424,12 +470,19 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
                 BlendRectWith(k, d, dRect, s, sRect);
             } else if (op == 1) {
                 BlendAtWith(k, d, pos, s);
+            } else if (op == 3) {
+                BlendFlatAtWith(k, d, pos, s, runs);
             } else {
                 CopyRectPixelsWith(k, d, dRect, s, sRect);
             }
             return dst;
         };
         const std::vector<uint8_t> expected = run(ScalarKernels());
+        if (op == 3) {
+            op = 1;
+            EXPECT_EQ(run(ScalarKernels()), expected) << "iteration " << iteration;
+            op = 3;
+        }
         for (const PixelKernels* k : AllTables()) {
             ASSERT_EQ(run(*k), expected) << k->name << " iteration " << iteration << " op " << op;
         }

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -663,6 +664,56 @@ TEST(SubtitleBackground, RebuildsAndRescalesOnlyOnChangeAndMatchesAFreshPlate) {
     EXPECT_EQ(std::tuple(same.data, same.width, same.height),
               std::tuple(plate.Plate().Data(), 253, 37));
     EXPECT_EQ(plate.ScaleCount(), 8u);
+}
+
+// Drawn as what it is, its flat middle as one colour, the plate gives the
+// bytes of blending its whole picture: every size, opacity, clip, scale and
+// frame layout.
+TEST(SubtitleBackground, FlatMiddleGivesTheBytesOfThePicture) {
+    std::mt19937 rng(5);
+    const auto pick = [&rng](auto... values) {
+        const float all[] = {static_cast<float>(values)...};
+        return all[rng() % sizeof...(values)];
+    };
+    for (int i = 0; i < 400; ++i) {
+        const int32_t left = static_cast<int32_t>(rng() % 760) - 200;
+        const int32_t top = static_cast<int32_t>(rng() % 260) - 60;
+        const RECT text{left, top, left + 1 + static_cast<int32_t>(rng() % 600), top + 30};
+        const int32_t textHeight = 1 + static_cast<int32_t>(rng() % 60);
+        const float opacity = pick(0, 0.004, 0.5, 0.7, 1, 0.01 * (rng() % 100));
+        const float scale = pick(1, 1, 0.5, 0.75, 1.5, 2, 0.3 + 0.01 * (rng() % 270));
+        const int32_t bpp = rng() % 2 ? 32 : 24;
+        std::vector<uint8_t> frame(RowStride(640, bpp) * 200);
+        std::generate(frame.begin(), frame.end(), [&rng] { return static_cast<uint8_t>(rng()); });
+        std::vector<uint8_t> want = frame;
+        const PixelLayout hosts[] = {PixelLayout::Native,
+                                     bpp == 24 ? PixelLayout::Rgb : PixelLayout::Bgrx,
+                                     bpp == 24 ? PixelLayout::Native : PixelLayout::Rgbx};
+        const PixelLayout layout = hosts[rng() % 3];
+        const auto view = [&](std::vector<uint8_t>& bytes) {
+            PictureView v = PackedPicture(bytes.data(), 640, 200, bpp);
+            v.layout = layout;
+            v.topDown = i % 3 == 0;
+            return v;
+        };
+        const uint32_t colour = rng() & 0xFFFFFF;
+        CSubtitleBackground plate;
+        plate.DrawOnFrame(view(frame), &text, textHeight, colour, opacity, scale);
+        // The reference: the plate's whole picture, placed as the plate is.
+        POINT shift{};
+        plate.BuildBackground(text.right - text.left, textHeight, shift);
+        const ConstPictureView picture = plate.GetScaledBackground(scale);
+        if (picture.data != nullptr) {
+            const auto at = [scale](int32_t a, int32_t b) {
+                return static_cast<int32_t>(static_cast<float>(a) * scale +
+                                            static_cast<float>(b) * scale);
+            };
+            BlendAt(view(want),
+                    POINT{at(text.left, shift.x), 200 - at(text.top, shift.y) - picture.height},
+                    picture);
+        }
+        ASSERT_EQ(frame, want) << "case " << i;
+    }
 }
 
 TEST(SubtitleBackground, WithoutAMaskNothingIsDrawnOrUploaded) {

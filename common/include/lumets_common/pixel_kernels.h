@@ -8,6 +8,7 @@
 
 #include "lumets/win_types.h"
 #include "lumets_common/picture.h"
+#include "lumets_common/pixel_ops.h"
 
 namespace lumets {
 
@@ -23,6 +24,9 @@ namespace lumets {
 // Every table gives the same bytes as ScalarKernels() for every input; the
 // comparison tests hold the variants to that.
 using RowKernel = void (*)(uint8_t* dst, const uint8_t* src, size_t count);
+// A row of count destination pixels blended with one source colour, B, G, R
+// and A packed as 0xAARRGGBB; nothing is read but dst.
+using ColourKernel = void (*)(uint8_t* dst, uint32_t bgra, size_t count);
 
 struct PixelKernels {
     const char* name;
@@ -45,6 +49,13 @@ struct PixelKernels {
     RowKernel copy24To32Opaque;
     RowKernel copy32To24;
     RowKernel copy32To32;
+    // The blends above for a source row of one colour: exactly the bytes
+    // they give for it, without reading a source (a plate's flat middle).
+    ColourKernel blendColourTo24;
+    ColourKernel blendColourTo32;
+    ColourKernel blendColourToRgb24;
+    ColourKernel blendColourToBgrx;
+    ColourKernel blendColourToRgbx;
 };
 
 // The plain per-pixel reference.
@@ -73,6 +84,8 @@ void BlendRectWith(const PixelKernels& kernels, const PictureView& dst, const RE
                    const ConstPictureView& src, const RECT& srcRect);
 void BlendAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
                  const ConstPictureView& src);
+void BlendFlatAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+                     const ConstPictureView& src, const FlatRuns& runs);
 void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
                         const ConstPictureView& src, const RECT& srcRect);
 

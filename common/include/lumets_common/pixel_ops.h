@@ -11,6 +11,8 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "lumets/frame.h"
 #include "lumets/win_types.h"
@@ -30,6 +32,24 @@ void BlendRect(const PictureView& dst, const RECT& dstRect, const ConstPictureVi
 
 // BlendRect of the whole source with its top-left at pos (pos.y in memory rows).
 void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src);
+
+// A 32-bit picture that is one colour in its middle (a plate): in each row,
+// numbered bottom-up as BlendAt pairs them, the pixels [first, second) are
+// all `colour` (0xAARRGGBB).
+struct FlatRuns {
+    uint32_t colour = 0;
+    std::vector<std::pair<int32_t, int32_t>> rows;
+};
+
+// The longest run of colour in each row of picture (empty rows where there
+// is none, or for a picture that is not 32-bit).
+FlatRuns FindFlatRuns(const ConstPictureView& picture, uint32_t colour);
+
+// BlendAt, the runs blended as their colour without reading them: the same
+// bytes for less memory traffic. Runs found for another picture (another
+// number of rows) are not used.
+void BlendFlatAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
+                 const FlatRuns& runs);
 
 // As BlendRect but copies whatever the alpha: a 32-bit source gives B, G, R
 // (and A to a 32-bit destination); a 24-bit source gives B, G, R and alpha 255.
