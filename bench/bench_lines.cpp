@@ -2,10 +2,12 @@
 // scrolling outlined line on a plate, drawn into a 1920 x 1080 frame per
 // frame in virtual time, the playing threads' wake-ups included (the whole
 // AdvanceBy + DrawToBuffer of a 60 fps frame), and the set-up per subtitle
-// (every AddSubtitle through the first frame drawn).
+// (every AddSubtitle through the first frame drawn), each line its own text.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -38,7 +40,17 @@ void BM_Lines(benchmark::State& state) {
     ILumetManager* manager = CreateLumetManager();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < n; ++i) {
-        text->x = (i * 373) % kW;  // lines apart in their scroll
+        // Each its own line, of words a chat repeats, apart in their scroll.
+        static const std::u16string kWords[] = {u"gg ",     u"nice play ", u"直播 ",  u"LOL ",
+                                                u"hello ",  u"字幕 ",      u"what? ", u"wow 🎉 ",
+                                                u"rank 3 ", u"so close "};
+        std::u16string line = u"#" + std::u16string(1, static_cast<char16_t>(u'A' + i % 26)) + u" ";
+        for (int w = 0; w < 12; ++w) {
+            line += kWords[(i * 7 + w * (i % 5 + 1)) % 10];
+        }
+        std::fill(std::begin(text->text), std::end(text->text), u'\0');
+        std::copy(line.begin(), line.end(), text->text);
+        text->x = (i * 373) % kW;
         const std::u16string id = u"line " + std::u16string(1, static_cast<char16_t>(u'0' + i));
         manager->AddSubtitle(id.c_str(), u"wall", &item, 1, 10, i * pitch, true, 0);
     }

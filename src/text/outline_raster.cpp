@@ -4,6 +4,10 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
 
 namespace lumets {
 
@@ -16,7 +20,7 @@ constexpr double kShapeSteps = 256;
 // Glyphs larger than this are rasterised each time, only where they meet the
 // picture, and not kept.
 constexpr int64_t kMaxCachedPixels = 1 << 20;
-// All kept coverage together; beyond it the cache starts again.
+// All kept coverage together, in the process; beyond it the cache starts again.
 constexpr size_t kMaxCacheBytes = 32u << 20;
 // FreeType outlines count points in 16 bits, and the stroker makes several
 // of each: a glyph with more is left out.
@@ -231,9 +235,10 @@ void COutlineRaster::AddGlyph() {
     }
     const auto anchorXi = static_cast<int64_t>(anchorX);
     const auto anchorYi = static_cast<int64_t>(anchorY);
-    auto found = m_cache.find(key);
-    if (found != m_cache.end()) {
-        Stamp(found->second, anchorXi, anchorYi);
+    // The pen makes the stroke: texts of one pen share their glyphs.
+    key.append(reinterpret_cast<const char*>(&m_pen), sizeof(m_pen));
+    if (const std::shared_ptr<const Coverage> found = Cached(key)) {
+        Stamp(*found, anchorXi, anchorYi);
         return;
     }
     // Drawn from the key's own numbers, so that every hit gets the same.
@@ -254,13 +259,43 @@ void COutlineRaster::AddGlyph() {
     if (!keep) {
         return;
     }
-    const size_t bytes = coverage.fill.size() + coverage.stroke.size();
-    if (m_cacheBytes + bytes > kMaxCacheBytes) {
-        m_cache.clear();
-        m_cacheBytes = 0;
+    Keep(std::move(key), std::move(coverage));
+}
+
+// One cache for the process: subtitles set up together (a chat wall, a
+// ticker board) draw the same glyphs, and each is rasterised once. Its
+// coverage is shared, so one dropped from the cache lives on while stamped.
+struct COutlineRaster::Cache {
+    std::mutex lock;
+    std::unordered_map<std::string, std::shared_ptr<const Coverage>> glyphs;
+    size_t bytes = 0;
+};
+
+COutlineRaster::Cache& COutlineRaster::TheCache() {
+    // Never destroyed: a library thread may still draw text at exit.
+    static Cache* const cache = new Cache;
+    return *cache;
+}
+
+std::shared_ptr<const COutlineRaster::Coverage> COutlineRaster::Cached(const std::string& key) {
+    Cache& cache = TheCache();
+    const std::lock_guard<std::mutex> lock(cache.lock);
+    const auto found = cache.glyphs.find(key);
+    return found != cache.glyphs.end() ? found->second : nullptr;
+}
+
+void COutlineRaster::Keep(std::string key, Coverage coverage) {
+    const size_t bytes = coverage.fill.size() + coverage.stroke.size() + key.size();
+    auto kept = std::make_shared<const Coverage>(std::move(coverage));
+    Cache& cache = TheCache();
+    const std::lock_guard<std::mutex> lock(cache.lock);
+    if (cache.bytes + bytes > kMaxCacheBytes) {
+        cache.glyphs.clear();
+        cache.bytes = 0;
     }
-    m_cacheBytes += bytes;
-    m_cache.emplace(std::move(key), std::move(coverage));
+    if (cache.glyphs.emplace(std::move(key), std::move(kept)).second) {
+        cache.bytes += bytes;
+    }
 }
 
 bool COutlineRaster::Rasterise(int64_t anchorX, int64_t anchorY, Coverage* coverage, bool* keep) {

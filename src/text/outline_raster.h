@@ -2,7 +2,8 @@
 // pictures) is rasterised with FreeType, glyph by glyph: Cairo fills or
 // strokes a text's path as one polygon, at a cost that grows far faster than
 // the text. A text repeats its glyphs, so each glyph shape is rasterised once
-// at each sixteenth-pixel phase and its coverage stamped wherever it recurs.
+// at each sixteenth-pixel phase and its coverage stamped wherever it recurs,
+// in this text or any other drawn with the same pen.
 // The fill and the pen's stroke gather in two coverage masks the size of the
 // picture, which the caller paints through with the fill's and the pen's
 // colours.
@@ -13,8 +14,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "text/cairo_handles.h"
@@ -80,6 +82,10 @@ class COutlineRaster {
     // can show.
     bool Rasterise(int64_t anchorX, int64_t anchorY, Coverage* coverage, bool* keep);
     void Stamp(const Coverage& coverage, int64_t anchorX, int64_t anchorY);
+    struct Cache;
+    static Cache& TheCache();
+    static std::shared_ptr<const Coverage> Cached(const std::string& key);
+    static void Keep(std::string key, Coverage coverage);
 
     int32_t m_width;
     int32_t m_height;
@@ -93,8 +99,6 @@ class COutlineRaster {
     std::vector<double> m_xy;
     std::vector<char> m_tags;
     std::vector<Contour> m_contours;
-    std::unordered_map<std::string, Coverage> m_cache;
-    size_t m_cacheBytes = 0;
 };
 
 }  // namespace lumets
