@@ -111,6 +111,9 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     // Drives virtual time towards target as AdvanceBy does; stops early when own
     // (a host thread's wait, if any) has been woken. Caller holds the driver role.
     void RunTo(std::unique_lock<std::mutex>& lk, uint64_t target, const Waiter* own);
+    // Gives the threads just woken a moment to block again without the
+    // driver sleeping; returns with lk held either way.
+    void SpinUntilSettled(std::unique_lock<std::mutex>& lk);
     bool AcquireDriver(std::unique_lock<std::mutex>& lk, const Waiter* own);
     void ReleaseDriver();
     bool DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t limitMs);
@@ -124,7 +127,9 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     std::atomic<uint64_t> m_now{0};
     int64_t m_wallBase = 0;
     uint64_t m_nowAtWallBase = 0;
-    int64_t m_runnable = 0;
+    // Library threads running (not blocked in a wait): written under m_mutex,
+    // read without it by a driver spinning on a thread it woke.
+    std::atomic<int64_t> m_runnable{0};
     uint64_t m_nextSeq = 0;
     bool m_driving = false;
     // Blocked virtual waits with a deadline, earliest first, ties in registration order.
