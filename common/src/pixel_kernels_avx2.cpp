@@ -163,16 +163,20 @@ LUMETS_AVX2 void Blend32To24(uint8_t* dst, const uint8_t* src, size_t count) {
         const __m256i all =
             _mm256_and_si256(_mm256_and_si256(s[0], s[1]), _mm256_and_si256(s[2], s[3]));
         Row96 out = colour;
-        if (!_mm256_testc_si256(all, alpha)) {
-            const Row96 weight = PackBytes96(s, packAlpha);
+        if (_mm256_testc_si256(all, alpha)) {
             for (int k = 0; k < 3; ++k) {
-                const __m256i d =
-                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(dst + 32 * k));
-                out.v[k] = Mix32Bytes(d, colour.v[k], weight.v[k]);
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32 * k), out.v[k]);
             }
+            continue;
         }
+        // A mixed step leaves its 32-byte pieces that show nothing alone.
+        const Row96 weight = PackBytes96(s, packAlpha);
         for (int k = 0; k < 3; ++k) {
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32 * k), out.v[k]);
+            if (_mm256_testz_si256(weight.v[k], weight.v[k])) {
+                continue;
+            }
+            auto* at = reinterpret_cast<__m256i*>(dst + 32 * k);
+            _mm256_storeu_si256(at, Mix32Bytes(_mm256_loadu_si256(at), colour.v[k], weight.v[k]));
         }
     }
     for (; i + kStep <= count; i += kStep, dst += 3 * kStep, src += 4 * kStep) {

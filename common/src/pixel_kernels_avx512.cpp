@@ -87,6 +87,10 @@ LUMETS_AVX512 void Blend32To24(uint8_t* dst, const uint8_t* src, size_t count) {
         // branches would mispredict more often than the mix costs.
         for (int k = 0; k < 3; ++k) {
             const __m512i a = _mm512_permutex2var_epi8(s[k], index[3 + k], s[k + 1]);
+            const __mmask64 shown = _mm512_test_epi8_mask(a, a);
+            if (shown == 0) {
+                continue;
+            }
             const __m512i colour = _mm512_permutex2var_epi8(s[k], index[k], s[k + 1]);
             _mm512_storeu_si512(dst + 64 * k,
                                 Mix64Bytes(_mm512_loadu_si512(dst + 64 * k), colour, a));
