@@ -2,7 +2,7 @@
 // scene (moved on a frame and drawn with OpenGL into its texture, then onto
 // the target) against the studio's own image source showing a 1080p picture.
 // Each frame is drawn into a 1080p texture render and waited for (one pixel
-// read back), as the studio's frame is. Run under xvfb-run.
+// read back), as the studio's frame is. Run it with tests/obs/with_xvfb.sh.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
