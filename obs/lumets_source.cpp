@@ -21,17 +21,20 @@
 #include <cmath>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 
+#include "lumets_platform/guarded.h"
 #include "obs_handles.h"
 #include "overlay_engine.h"
+#include "scene_limits.h"
 
 OBS_DECLARE_MODULE()
 
 namespace {
 
 using lumets::obs::CGraphics;
-using lumets::obs::Data;
 using lumets::obs::StageSurface;
 using lumets::obs::TexRender;
 using lumets::playback::COverlayEngine;
@@ -39,34 +42,22 @@ using lumets::playback::Failure;
 using lumets::playback::FrameReport;
 
 constexpr const char* kLog = "[lumets-obs]";
-constexpr int kMaxSide = 8192;
+// The sizes a source draws at, as the scenes' own.
+constexpr int kMaxSide = static_cast<int>(lumets::playback::limits::kFrameSide.max);
 // One tick moves the scene on by this much at most: a stalled studio (a
 // debugger, a suspended laptop) resumes where it was rather than
 // fast-forwarding through every timer on the way.
 constexpr double kMaxTickSeconds = 1.0;
 
-// Runs a callback from the studio; nothing escapes into C.
-template <typename Fn, typename R>
-R Guarded(const char* what, Fn&& fn, R fallback) noexcept {
-    try {
-        return fn();
-    } catch (const std::exception& failure) {
-        blog(LOG_ERROR, "%s %s: %s", kLog, what, failure.what());
-    } catch (...) {
-        blog(LOG_ERROR, "%s %s: unknown failure", kLog, what);
-    }
-    return fallback;
+// What a callback from the studio threw, in the studio's log: nothing escapes
+// into C, and the studio gets the callback's empty value.
+void LogFailure(const char* what, const char* why) {
+    blog(LOG_ERROR, "%s %s: %s", kLog, what, why);
 }
 
 template <typename Fn>
-void Guarded(const char* what, Fn&& fn) noexcept {
-    Guarded(
-        what,
-        [&] {
-            fn();
-            return true;
-        },
-        false);
+auto Guarded(const char* what, Fn&& fn) noexcept {
+    return lumets::platform::Guarded<LogFailure>(what, std::forward<Fn>(fn));
 }
 
 class CLumetsSource {
@@ -295,14 +286,11 @@ obs_source_info MakeInfo() {
     info.icon_type = OBS_ICON_TYPE_TEXT;
     info.get_name = [](void*) { return "Lumets scene"; };
     info.create = [](obs_data_t* settings, obs_source_t* source) -> void* {
-        return Guarded(
-            "create",
-            [&]() -> void* {
-                auto self = std::make_unique<CLumetsSource>(source);
-                self->Update(settings);
-                return self.release();
-            },
-            static_cast<void*>(nullptr));
+        return Guarded("create", [&]() -> void* {
+            auto self = std::make_unique<CLumetsSource>(source);
+            self->Update(settings);
+            return self.release();
+        });
     };
     info.destroy = [](void* data) { Guarded("destroy", [&] { delete Of(data); }); };
     info.update = [](void* data, obs_data_t* settings) {
@@ -316,17 +304,11 @@ obs_source_info MakeInfo() {
         obs_data_set_default_int(settings, "port", 0);
     };
     info.get_properties = [](void* data) {
-        return Guarded(
-            "properties", [&] { return Of(data)->Properties(); },
-            static_cast<obs_properties_t*>(nullptr));
+        return Guarded("properties", [&] { return Of(data)->Properties(); });
     };
-    info.get_width = [](void* data) {
-        return Guarded(
-            "width", [&] { return Of(data)->Width(); }, 0u);
-    };
+    info.get_width = [](void* data) { return Guarded("width", [&] { return Of(data)->Width(); }); };
     info.get_height = [](void* data) {
-        return Guarded(
-            "height", [&] { return Of(data)->Height(); }, 0u);
+        return Guarded("height", [&] { return Of(data)->Height(); });
     };
     info.video_tick = [](void* data, float seconds) {
         Guarded("tick", [&] { Of(data)->Tick(seconds); });
@@ -342,16 +324,15 @@ obs_source_info MakeInfo() {
         Guarded("seek", [&] { Of(data)->Seek(ms); });
     };
     info.media_get_time = [](void* data) {
-        return Guarded(
-            "time", [&] { return Of(data)->TimeMs(); }, int64_t{0});
+        return Guarded("time", [&] { return Of(data)->TimeMs(); });
     };
     info.media_get_duration = [](void* data) {
-        return Guarded(
-            "duration", [&] { return Of(data)->DurationMs(); }, int64_t{0});
+        return Guarded("duration", [&] { return Of(data)->DurationMs(); });
     };
     info.media_get_state = [](void* data) {
-        return Guarded(
-            "state", [&] { return Of(data)->State(); }, OBS_MEDIA_STATE_ERROR);
+        // A state that cannot be told is an error, not "no media".
+        return Guarded("state", [&] { return std::optional(Of(data)->State()); })
+            .value_or(OBS_MEDIA_STATE_ERROR);
     };
     return info;
 }

@@ -6,7 +6,6 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "obs/studio.h"
@@ -19,10 +18,9 @@ constexpr uint32_t kW = 1920;
 constexpr uint32_t kH = 1080;
 
 void DrawFrames(benchmark::State& state, obs_source_t* source, bool scene) {
-    using lumets::obs::Releaser;
     const lumets::obs::CGraphics graphics;
     const lumets::obs::TexRender target(gs_texrender_create(GS_RGBA, GS_ZS_NONE));
-    const std::unique_ptr<gs_texture_t, Releaser<gs_texture_t, gs_texture_destroy>> pixel(
+    const lumets::obs::Texture pixel(
         gs_texture_create(1, 1, GS_RGBA, 1, nullptr, GS_RENDER_TARGET));
     const lumets::obs::StageSurface stage(gs_stagesurface_create(1, 1, GS_RGBA));
     int64_t ms = 0;

@@ -7,7 +7,6 @@
 #include <obs.h>
 #include <util/platform.h>
 
-#include <memory>
 #include <string>
 #include <utility>
 
@@ -16,9 +15,8 @@
 namespace lumets::test {
 
 using obs::Data;
-using obs::Releaser;
-using Source = std::unique_ptr<obs_source_t, Releaser<obs_source_t, obs_source_release>>;
-using Props = std::unique_ptr<obs_properties_t, Releaser<obs_properties_t, obs_properties_destroy>>;
+using obs::Source;
+using Props = obs::Properties;
 
 // Waits (bounded) for the studio's video thread, which runs in real time.
 inline bool AwaitFrames(uint32_t more) {
