@@ -54,8 +54,8 @@ LUMETS_PLATFORM_API void SleepMs(uint32_t durationMs);
 // deadline in turn to wake the waits that are due, and returns only when every
 // thread started through the platform layer is blocked again in a wait of the
 // time source (or has ended). Not to be called while holding a lock that a
-// library thread may take. Waits due at the same instant are woken one at a
-// time in the order they began, each thread settling before the next wakes.
+// library thread may take. Waits due at the same instant are woken together,
+// as they would be in real time, and all settle before time moves on.
 // One host thread advances time at a time; others wait for their turn. Does
 // nothing in real mode, on a library thread, and for a step that would take
 // time past INT64_MAX milliseconds (a negative or NaN count converted, say).

@@ -106,6 +106,9 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     bool OwnsCallingThread() const;
     void Wake(Waiter& w, bool signalled);
     void Unlink(Waiter& w);
+    // Moves the clock to the earliest deadline and wakes every wait due then;
+    // the timeline must not be empty.
+    void WakeNextDue();
     void LeaveRunnable();
     void SetNow(uint64_t now);
     // Drives virtual time towards target as AdvanceBy does; stops early when own

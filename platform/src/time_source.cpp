@@ -188,13 +188,14 @@ void Scheduler::ReleaseDriver() {
     m_hostCv.notify_all();
 }
 
-// A woken item thread usually steps and waits again within microseconds:
-// waiting for that on the spot spares the driver a sleep and a wake-up of its
-// own for every due wait, most of the cost of stepping many threads at one
-// instant. Bounded, then the driver sleeps on its condition as before.
+// A lone woken item thread usually steps and waits again within
+// microseconds: waiting for that on the spot spares the driver a sleep and a
+// wake-up of its own. Bounded, then the driver sleeps on its condition as
+// before. With several threads runnable the driver sleeps at once, so that
+// every core can step them.
 void Scheduler::SpinUntilSettled(std::unique_lock<std::mutex>& lk) {
     constexpr int kSpins = 4000;  // some tens of microseconds
-    if (m_runnable.load(std::memory_order_relaxed) <= 0) {
+    if (m_runnable.load(std::memory_order_relaxed) != 1) {
         return;
     }
     lk.unlock();
@@ -218,12 +219,20 @@ void Scheduler::RunTo(std::unique_lock<std::mutex>& lk, uint64_t target, const W
             SetNow(target);
             return;
         }
-        // One wait at a time, each allowed to settle before the next: waits due
-        // at the same instant run in the order they began, and whatever a woken
-        // thread signals happens before later waits time out.
-        Waiter& next = *m_timeline.begin()->second;
-        SetNow(next.deadline);
-        Wake(next, false);
+        WakeNextDue();
+    }
+}
+
+// Every wait due at the earliest deadline wakes at once, and they settle
+// before the clock moves on: whatever a woken thread signals happens before
+// any later wait times out. Those due together run together, as they would
+// in real time; a frame's worth of items stepping at one instant then costs
+// a wake-up each on whichever core is free rather than a round trip each.
+void Scheduler::WakeNextDue() {
+    const uint64_t due = m_timeline.begin()->first.first;
+    SetNow(due);
+    while (!m_timeline.empty() && m_timeline.begin()->first.first == due) {
+        Wake(*m_timeline.begin()->second, false);
     }
 }
 
@@ -253,7 +262,7 @@ bool Scheduler::DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t
 
 // An untimed wait on a host thread in virtual mode (joining a thread that
 // sleeps in steps, say) moves time on too, or it would block for ever. It
-// wakes the due waits one by one until its own is woken; with nothing due and
+// wakes the due waits, an instant at a time, until its own is woken; with nothing due and
 // nothing runnable only another host thread can end it, and it leaves time
 // alone until something is due again.
 bool Scheduler::DriveUntilWoken(std::unique_lock<std::mutex>& lk, Waiter& w) {
@@ -271,9 +280,7 @@ bool Scheduler::DriveUntilWoken(std::unique_lock<std::mutex>& lk, Waiter& w) {
             if (!IsVirtual() || w.woken || m_timeline.empty()) {
                 break;
             }
-            Waiter& next = *m_timeline.begin()->second;
-            SetNow(next.deadline);
-            Wake(next, false);
+            WakeNextDue();
         }
         ReleaseDriver();
         m_hostCv.wait(lk, [&] {
