@@ -8,6 +8,7 @@
 #include <pixman.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -209,14 +210,31 @@ void SetCounters(benchmark::State& state, const Overlay& o) {
     state.counters["alpha255"] = o.opaque;
 }
 
-void BlendWith(benchmark::State& state, const Overlay& o, const PixelKernels& kernels) {
+// The blend straight from the picture, or through its runs (found once, as
+// a steady picture's are; how long that took is a counter).
+void BlendWith(benchmark::State& state, const Overlay& o, const PixelKernels& kernels,
+               bool throughRuns) {
     std::vector<uint8_t> frame = MakeFrame();
+    const ConstPictureView picture = PackedPicture(o.pixels.data(), kOverlayW, kOverlayH, 32);
+    const auto start = std::chrono::steady_clock::now();
+    const PictureRuns runs = throughRuns ? FindRuns(picture) : PictureRuns{};
+    const std::chrono::duration<double, std::micro> finding =
+        std::chrono::steady_clock::now() - start;
     for (auto _ : state) {
-        BlendAtWith(kernels, PackedPicture(frame.data(), kFrameW, kFrameH, 24), kPos,
-                    PackedPicture(o.pixels.data(), kOverlayW, kOverlayH, 32));
+        const PictureView view = PackedPicture(frame.data(), kFrameW, kFrameH, 24);
+        if (throughRuns) {
+            BlendRunsAtWith(kernels, view, kPos, picture, runs);
+        } else {
+            BlendAtWith(kernels, view, kPos, picture);
+        }
         benchmark::ClobberMemory();
     }
     SetCounters(state, o);
+    if (throughRuns) {
+        state.counters["find_runs_us"] = finding.count();
+        state.counters["packed"] =
+            static_cast<double>(runs.pixels.size()) / (static_cast<double>(kOverlayW) * kOverlayH);
+    }
 }
 
 // The same blend into a host's top-down frame of another layout.
@@ -281,11 +299,11 @@ void Plate(benchmark::State& state, const PixelKernels& kernels, bool flat) {
     plate.SetColourAndOpacity(0x203040, 0.6f);
     plate.BuildBackground(1900, 44, shift);
     const ConstPictureView picture = plate.GetScaledBackground(1.0f);
-    const FlatRuns runs = FindFlatRuns(picture, 0x99203040);
+    const PictureRuns runs = FindRuns(picture, 0x99203040);
     PictureView view = PackedPicture(frame.data(), kFrameW, kFrameH, 24);
     for (auto _ : state) {
         if (flat) {
-            BlendFlatAtWith(kernels, view, kPos, picture, runs);
+            BlendRunsAtWith(kernels, view, kPos, picture, runs);
         } else {
             BlendAtWith(kernels, view, kPos, picture);
         }
@@ -316,10 +334,14 @@ void Register() {
     for (const auto& o : overlays) {
         const std::string base = std::string("BlendAt/") + o.name + "/";
         benchmark::RegisterBenchmark((base + "scalar").c_str(), BlendWith, *o.overlay,
-                                     ScalarKernels());
+                                     ScalarKernels(), false);
         for (const PixelKernels* k : {Avx512Kernels(), Avx2Kernels(), Sse41Kernels()}) {
             if (k != nullptr) {
-                benchmark::RegisterBenchmark((base + k->name).c_str(), BlendWith, *o.overlay, *k);
+                benchmark::RegisterBenchmark((base + k->name).c_str(), BlendWith, *o.overlay, *k,
+                                             false);
+                benchmark::RegisterBenchmark(
+                    (std::string("BlendRuns/") + o.name + "/" + k->name).c_str(), BlendWith,
+                    *o.overlay, *k, true);
             }
         }
         benchmark::RegisterBenchmark((base + "pixman").c_str(), Pixman, *o.overlay);

@@ -15,6 +15,8 @@ namespace lumets {
 namespace {
 
 constexpr uint64_t kMaxU32 = std::numeric_limits<uint32_t>::max();
+// Gaps narrower than this between the spans of a picture's runs are kept.
+constexpr int64_t kRunJoin = 64;
 
 // A picture's geometry as the row loop needs it. Sizes are checked so that
 // every address computed from them fits the 32-bit buffer sizes the owners
@@ -150,8 +152,7 @@ ColourKernel PickColourKernel(const PixelKernels& k, const Picture& dst) {
 // matter. The run is as wide as the source rectangle, cut at the
 // destination's right edge.
 void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Picture& d,
-             const Span& dRect, const uint8_t* src, const Picture& s, const Span& sRect,
-             const FlatRuns* runs = nullptr) {
+             const Span& dRect, const uint8_t* src, const Picture& s, const Span& sRect) {
     // The source rectangle lies within [0, height], so its bottom row index
     // never runs out before the count of its rows does.
     int64_t rows = sRect.bottom - sRect.top;
@@ -199,30 +200,61 @@ void RunRows(const PixelKernels& kernels, Operation op, uint8_t* dst, const Pict
         sRow = copy.data();
         sStep = static_cast<ptrdiff_t>(sRowBytes);
     }
-    // A row's flat run, cut to the columns drawn, goes through the colour
-    // kernel and the rest through the row kernel.
-    const bool flat = runs != nullptr && op == Operation::Blend && s.bytesPerPixel == 4 &&
-                      static_cast<int64_t>(runs->rows.size()) == s.height;
-    const ColourKernel colourKernel = flat ? PickColourKernel(kernels, d) : nullptr;
     // The pairs are independent, so they run in memory order where the rows
     // lie bottom-up, which suits the hardware prefetchers.
     for (int64_t k = 0; k < rows; ++k) {
-        if (flat) {
-            const auto [first, second] = runs->rows[static_cast<size_t>(sRect.bottom - rows + k)];
-            const int64_t begin = std::clamp<int64_t>(first - sRect.left, 0, cols);
-            const int64_t end = std::clamp<int64_t>(second - sRect.left, begin, cols);
-            const auto at = [&](int64_t c) { return static_cast<size_t>(c); };
-            kernel(dRow, sRow, at(begin));
-            colourKernel(dRow + at(begin) * d.bytesPerPixel, runs->colour, at(end - begin));
-            kernel(dRow + at(end) * d.bytesPerPixel, sRow + at(end) * 4, at(cols - end));
-        } else {
-            kernel(dRow, sRow, static_cast<size_t>(cols));
-        }
+        kernel(dRow, sRow, static_cast<size_t>(cols));
         if (k + 1 < rows) {
             dRow += dStep;
             sRow += sStep;
         }
     }
+}
+
+// RunRows of a blend whose source is read through its runs: spans that show
+// nothing are skipped, flat ones go through the colour kernel and the rest
+// through the row kernel from the packed pixels. Nothing of the source
+// picture itself is read, so it cannot overlap the destination.
+void RunRowsOfRuns(const PixelKernels& kernels, uint8_t* dst, const Picture& d, const Span& dRect,
+                   const Picture& s, const Span& sRect, const PictureRuns& runs) {
+    const int64_t rows = std::min(sRect.bottom - sRect.top, dRect.bottom);
+    const int64_t cols = std::min(sRect.right - sRect.left, d.width - dRect.left);
+    const RowKernel kernel = PickKernel(kernels, Operation::Blend, d, s);
+    const ColourKernel colourKernel = PickColourKernel(kernels, d);
+    if (rows <= 0 || cols <= 0 || kernel == nullptr || colourKernel == nullptr) {
+        return;
+    }
+    uint8_t* dRow =
+        d.Row(dst, dRect.bottom - rows) + static_cast<size_t>(dRect.left) * d.bytesPerPixel;
+    const int64_t left = sRect.left;
+    const int64_t right = sRect.left + cols;
+    for (int64_t k = 0; k < rows; ++k) {
+        const auto m = static_cast<size_t>(sRect.bottom - rows + k);
+        for (size_t i = runs.rowStarts[m]; i < runs.rowStarts[m + 1]; ++i) {
+            const PictureRuns::Run& run = runs.runs[i];
+            const int64_t begin = std::max<int64_t>(run.begin, left);
+            const int64_t end = std::min<int64_t>(run.end, right);
+            if (begin >= end) {
+                continue;
+            }
+            uint8_t* out = dRow + static_cast<size_t>(begin - left) * d.bytesPerPixel;
+            const auto count = static_cast<size_t>(end - begin);
+            if (run.flat) {
+                colourKernel(out, runs.colour, count);
+            } else {
+                const uint32_t* in = runs.pixels.data() + run.offset + (begin - run.begin);
+                kernel(out, reinterpret_cast<const uint8_t*>(in), count);
+            }
+        }
+        if (k + 1 < rows) {
+            dRow += d.Step();
+        }
+    }
+}
+
+bool RunsDescribe(const PictureRuns& runs, const Picture& s) {
+    return s.bytesPerPixel == 4 && runs.width == s.width && runs.height == s.height &&
+           runs.rowStarts.size() == static_cast<size_t>(s.height) + 1;
 }
 
 void RunRect(const PixelKernels& kernels, Operation op, const PictureView& dst, const RECT& dstRect,
@@ -290,49 +322,116 @@ void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, con
     RunRect(kernels, Operation::Copy, dst, dstRect, src, srcRect);
 }
 
-void BlendFlatAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
-                     const ConstPictureView& src, const FlatRuns& runs) {
+void BlendRunsAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+                     const ConstPictureView& src, const PictureRuns& runs) {
     Picture d;
     Picture s;
     if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
         return;
     }
     const Span dRect = ClampSpan(pos.x, pos.y, pos.x + s.width, pos.y + s.height, d);
-    RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, {0, 0, s.width, s.height},
-            &runs);
+    const Span sRect = {0, 0, s.width, s.height};
+    if (RunsDescribe(runs, s)) {
+        RunRowsOfRuns(kernels, dst.data, d, dRect, s, sRect, runs);
+    } else {
+        RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect);
+    }
 }
 
-void BlendFlatAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
-                 const FlatRuns& runs) {
-    BlendFlatAtWith(ActiveKernels(), dst, pos, src, runs);
+void BlendRectRunsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
+                       const ConstPictureView& src, const RECT& srcRect, const PictureRuns& runs) {
+    Picture d;
+    Picture s;
+    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
+        return;
+    }
+    const Span dRect = ClampSpan(dstRect.left, dstRect.top, dstRect.right, dstRect.bottom, d);
+    const Span sRect = ClampSpan(srcRect.left, srcRect.top, srcRect.right, srcRect.bottom, s);
+    if (RunsDescribe(runs, s)) {
+        RunRowsOfRuns(kernels, dst.data, d, dRect, s, sRect, runs);
+    } else {
+        RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect);
+    }
 }
 
-FlatRuns FindFlatRuns(const ConstPictureView& picture, uint32_t colour) {
-    FlatRuns runs;
-    runs.colour = colour;
+void BlendRunsAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
+                 const PictureRuns& runs) {
+    BlendRunsAtWith(ActiveKernels(), dst, pos, src, runs);
+}
+
+void BlendRectRuns(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
+                   const RECT& srcRect, const PictureRuns& runs) {
+    BlendRectRunsWith(ActiveKernels(), dst, dstRect, src, srcRect, runs);
+}
+
+PictureRuns FindRuns(const ConstPictureView& picture, std::optional<uint32_t> flatColour) {
+    PictureRuns runs;
     Picture p;
     if (!DescribePicture(picture, &p) || p.bytesPerPixel != 4) {
         return runs;
     }
-    runs.rows.resize(static_cast<size_t>(p.height));
+    runs.width = static_cast<int32_t>(p.width);
+    runs.height = static_cast<int32_t>(p.height);
+    runs.colour = flatColour.value_or(0);
+    runs.rowStarts.reserve(static_cast<size_t>(p.height) + 1);
     for (int64_t m = 0; m < p.height; ++m) {
+        runs.rowStarts.push_back(runs.runs.size());
         const uint8_t* row = p.Row(picture.data, m);
-        int64_t start = 0;
-        for (int64_t x = 0; x <= p.width; ++x) {
-            uint32_t pixel = 0;
-            if (x < p.width) {
-                std::memcpy(&pixel, row + x * 4, 4);
+        const auto pixel = [row](int64_t x) {
+            uint32_t v = 0;
+            std::memcpy(&v, row + x * 4, 4);
+            return v;
+        };
+        // The row's longest run of the flat colour.
+        int64_t flatBegin = 0;
+        int64_t flatEnd = 0;
+        if (flatColour) {
+            for (int64_t x = 0, start = 0; x <= p.width; ++x) {
+                if (x < p.width && pixel(x) == *flatColour) {
+                    continue;
+                }
+                if (x - start > flatEnd - flatBegin) {
+                    flatBegin = start;
+                    flatEnd = x;
+                }
+                start = x + 1;
             }
-            if (x < p.width && pixel == colour) {
-                continue;
-            }
-            auto& best = runs.rows[static_cast<size_t>(m)];
-            if (x - start > best.second - best.first) {
-                best = {static_cast<int32_t>(start), static_cast<int32_t>(x)};
-            }
-            start = x + 1;
         }
+        // Pixels in pieces from each side's start. A piece that shows joins
+        // the span before it across a gap narrower than kRunJoin pixels: a
+        // span is cheaper to blend whole than to cut into short ones.
+        const auto addPixels = [&](int64_t from, int64_t to) {
+            for (int64_t x = from; x < to; x += kRunPiece) {
+                const int64_t pieceEnd = std::min<int64_t>(x + kRunPiece, to);
+                bool shows = false;
+                for (int64_t i = x; i < pieceEnd && !shows; ++i) {
+                    shows = row[i * 4 + 3] != 0;
+                }
+                if (!shows) {
+                    continue;
+                }
+                const bool joins = runs.runs.size() > runs.rowStarts.back() &&
+                                   !runs.runs.back().flat && runs.runs.back().end >= x - kRunJoin;
+                if (!joins) {
+                    runs.runs.push_back({static_cast<int32_t>(x), static_cast<int32_t>(x), false,
+                                         runs.pixels.size()});
+                }
+                const int64_t begin = runs.runs.back().end;
+                runs.runs.back().end = static_cast<int32_t>(pieceEnd);
+                const size_t at = runs.pixels.size();
+                runs.pixels.resize(at + static_cast<size_t>(pieceEnd - begin));
+                std::memcpy(runs.pixels.data() + at, row + begin * 4,
+                            static_cast<size_t>(pieceEnd - begin) * 4);
+            }
+        };
+        addPixels(0, flatBegin);
+        if (flatEnd > flatBegin) {
+            runs.runs.push_back(
+                {static_cast<int32_t>(flatBegin), static_cast<int32_t>(flatEnd), true, 0});
+        }
+        addPixels(flatEnd, p.width);
     }
+    runs.rowStarts.push_back(runs.runs.size());
     return runs;
 }
 

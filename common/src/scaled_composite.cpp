@@ -245,6 +245,7 @@ void BlendScaledIntoFrame(const PixelBuffer& source, PixelBuffer& scaled, const 
         if (!reusable) {
             if (reuse != nullptr) {
                 reuse->madeFrom = 0;  // the buffer is about to change
+                ++reuse->scaledVersion;
             }
             scaled.bitsPerPixel = 32;
             scaled.width = static_cast<int32_t>(columns.dstLength);
@@ -289,7 +290,28 @@ void BlendScaledIntoFrame(const PixelBuffer& source, PixelBuffer& scaled, const 
                        frame.height - visible.top};
     const RECT srcRect{visible.left - at.x, picture.height - (visible.bottom - at.y),
                        visible.right - at.x, picture.height - (visible.top - at.y)};
-    BlendRect(frame, dstRect, picture, srcRect);
+    // The runs hold a packed copy of what shows: kept for pictures of
+    // moderate size only.
+    constexpr int64_t kMaxRunsPixels = int64_t{1} << 22;
+    if (reuse == nullptr || reuse->source == 0 ||
+        int64_t{picture.width} * picture.height > kMaxRunsPixels) {
+        BlendRect(frame, dstRect, picture, srcRect);
+        return;
+    }
+    // A picture seen once may never be seen again (a part scaled for this
+    // frame alone): its runs are found when it comes back unchanged.
+    const std::pair<uint64_t, uint64_t> blended{
+        reuse->source, picture.data == source.View().data ? 0 : reuse->scaledVersion};
+    if (blended != reuse->runsOf && blended == reuse->lastBlended) {
+        reuse->runs = FindRuns(picture);
+        reuse->runsOf = blended;
+    }
+    reuse->lastBlended = blended;
+    if (blended == reuse->runsOf) {
+        BlendRectRuns(frame, dstRect, picture, srcRect, reuse->runs);
+    } else {
+        BlendRect(frame, dstRect, picture, srcRect);
+    }
 }
 
 }  // namespace lumets

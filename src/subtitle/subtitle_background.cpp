@@ -232,12 +232,12 @@ void CSubtitleBackground::DrawOnFrame(const PictureView& frame, const RECT* text
         return;
     }
     // The middle is one colour: blended as that colour, only the rounded
-    // ends and edges are read from the picture.
+    // ends and edges are read, and the corners outside them skipped.
     if (const auto of = std::make_tuple(m_buildCount, plate.width, plate.height); of != m_runsOf) {
-        m_runs = FindFlatRuns(plate, SolidColour());
+        m_runs = FindRuns(plate, SolidColour());
         m_runsOf = of;
     }
-    BlendFlatAt(frame, POINT{x, static_cast<int32_t>(y)}, plate, m_runs);
+    BlendRunsAt(frame, POINT{x, static_cast<int32_t>(y)}, plate, m_runs);
 }
 
 void CSubtitleBackground::DrawToTexture(GLuint texture, int32_t& width, int32_t& height,

@@ -92,9 +92,9 @@ class CSubtitleBackground {
     PixelBuffer m_plate;
     CScaledCopy m_scaled;
     uint32_t m_buildCount = 0;  // also the plate's version for its scaled copy
-    // The flat middle of the picture last drawn, and which picture it was
-    // (build, width, height).
-    FlatRuns m_runs;
+    // The runs of the picture last drawn, and which picture it was (build,
+    // width, height).
+    PictureRuns m_runs;
     std::tuple<uint32_t, int32_t, int32_t> m_runsOf{0, -1, -1};
 };
 

@@ -438,21 +438,21 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
         const RECT dRect = {coord(dW), coord(dH), coord(dW), coord(dH)};
         const RECT sRect = {coord(sW), coord(sH), coord(sW), coord(sH)};
         const POINT pos = {coord(dW), coord(dH)};
-        // Op 3 blends with flat runs of one colour, to give op 1's bytes.
-        int op = static_cast<int>(rng() % 4);
-        FlatRuns runs;
-        if (op == 3 && sBpp != 32) {
-            op = 1;
-        } else if (op == 3) {
-            runs.colour = static_cast<uint32_t>(rng());
+        // Blends now and then go through the source's runs, found with a
+        // colour planted in random spans of its rows: the plain blend's bytes.
+        const int op = static_cast<int>(rng() % 3);
+        const bool viaRuns = op != 2 && sBpp == 32 && rng() % 2 == 0;
+        PictureRuns runs;
+        if (viaRuns) {
+            const auto colour = static_cast<uint32_t>(rng());
             for (int32_t row = 0; row < sH; ++row) {
                 const int32_t first = static_cast<int32_t>(rng() % (sW + 1));
                 const int32_t second = first + static_cast<int32_t>(rng() % (sW - first + 1));
                 for (int32_t x = first; x < second; ++x) {
-                    std::memcpy(&src[RowStride(sW, 32) * row + 4 * x], &runs.colour, 4);
+                    std::memcpy(&src[RowStride(sW, 32) * row + 4 * x], &colour, 4);
                 }
-                runs.rows.emplace_back(first, second);
             }
+            runs = FindRuns(PackedPicture(src.data(), sW, sH, 32), colour);
         }
         // Now and then a host's frame: its own order, rows either way.
         const PixelLayout hostLayouts[2][2] = {{PixelLayout::Native, PixelLayout::Rgb},
@@ -460,31 +460,29 @@ TEST(PixelKernels, OperationsMatchScalarOnRandomGeometry) {
         const PixelLayout layout =
             rng() % 3 == 0 ? hostLayouts[dBpp / 32][rng() & 1] : PixelLayout::Native;
         const bool topDown = rng() % 3 == 0;
-        auto run = [&](const PixelKernels& k) {
+        auto run = [&](const PixelKernels& k, bool throughRuns) {
             std::vector<uint8_t> dst = initial;
             PictureView d = PackedPicture(dst.data(), dW, dH, dBpp);
             d.layout = layout;
             d.topDown = topDown;
             const ConstPictureView s = PackedPicture(src.data(), sW, sH, sBpp);
-            if (op == 0) {
+            if (op == 0 && throughRuns) {
+                BlendRectRunsWith(k, d, dRect, s, sRect, runs);
+            } else if (op == 0) {
                 BlendRectWith(k, d, dRect, s, sRect);
+            } else if (op == 1 && throughRuns) {
+                BlendRunsAtWith(k, d, pos, s, runs);
             } else if (op == 1) {
                 BlendAtWith(k, d, pos, s);
-            } else if (op == 3) {
-                BlendFlatAtWith(k, d, pos, s, runs);
             } else {
                 CopyRectPixelsWith(k, d, dRect, s, sRect);
             }
             return dst;
         };
-        const std::vector<uint8_t> expected = run(ScalarKernels());
-        if (op == 3) {
-            op = 1;
-            EXPECT_EQ(run(ScalarKernels()), expected) << "iteration " << iteration;
-            op = 3;
-        }
+        const std::vector<uint8_t> expected = run(ScalarKernels(), false);
         for (const PixelKernels* k : AllTables()) {
-            ASSERT_EQ(run(*k), expected) << k->name << " iteration " << iteration << " op " << op;
+            ASSERT_EQ(run(*k, viaRuns), expected)
+                << k->name << " iteration " << iteration << " op " << op << " runs " << viaRuns;
         }
     }
 }

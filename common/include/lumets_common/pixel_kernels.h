@@ -84,8 +84,10 @@ void BlendRectWith(const PixelKernels& kernels, const PictureView& dst, const RE
                    const ConstPictureView& src, const RECT& srcRect);
 void BlendAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
                  const ConstPictureView& src);
-void BlendFlatAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
-                     const ConstPictureView& src, const FlatRuns& runs);
+void BlendRunsAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+                     const ConstPictureView& src, const PictureRuns& runs);
+void BlendRectRunsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
+                       const ConstPictureView& src, const RECT& srcRect, const PictureRuns& runs);
 void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
                         const ConstPictureView& src, const RECT& srcRect);
 

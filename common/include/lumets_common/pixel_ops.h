@@ -10,8 +10,9 @@
 // does, so the result is that of working from a copy of the source.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <utility>
+#include <optional>
 #include <vector>
 
 #include "lumets/frame.h"
@@ -33,23 +34,41 @@ void BlendRect(const PictureView& dst, const RECT& dstRect, const ConstPictureVi
 // BlendRect of the whole source with its top-left at pos (pos.y in memory rows).
 void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src);
 
-// A 32-bit picture that is one colour in its middle (a plate): in each row,
-// numbered bottom-up as BlendAt pairs them, the pixels [first, second) are
-// all `colour` (0xAARRGGBB).
-struct FlatRuns {
-    uint32_t colour = 0;
-    std::vector<std::pair<int32_t, int32_t>> rows;
+// A 32-bit picture described once for the many times it is blended: in each
+// memory row (numbered bottom-up, as the blends pair them), the spans that
+// can show, left to right. Every pixel outside them has alpha 0 and leaves
+// the destination as it is. A span is either one colour (a plate's flat
+// middle, blended without reading a source) or pixels, kept packed one span
+// after another so that a blend reads only what can show.
+struct PictureRuns {
+    struct Run {
+        int32_t begin = 0;
+        int32_t end = 0;
+        bool flat = false;
+        size_t offset = 0;  // index of the span's first pixel in pixels
+    };
+    int32_t width = 0;
+    int32_t height = 0;
+    uint32_t colour = 0;  // of the flat spans, 0xAARRGGBB
+    std::vector<Run> runs;
+    // height + 1 entries: the runs of row m are [rowStarts[m], rowStarts[m + 1]).
+    std::vector<size_t> rowStarts;
+    std::vector<uint32_t> pixels;  // B, G, R, A
 };
 
-// The longest run of colour in each row of picture (empty rows where there
-// is none, or for a picture that is not 32-bit).
-FlatRuns FindFlatRuns(const ConstPictureView& picture, uint32_t colour);
+// A picture's runs: pieces of kRunPiece pixels whose alphas are all 0 are
+// left out where they make a gap of 64 pixels or more; with flatColour, each
+// row's longest run of that colour (0xAARRGGBB) is a flat span. Empty (no
+// rows) for a picture that is not 32-bit.
+inline constexpr int32_t kRunPiece = 16;
+PictureRuns FindRuns(const ConstPictureView& picture, std::optional<uint32_t> flatColour = {});
 
-// BlendAt, the runs blended as their colour without reading them: the same
-// bytes for less memory traffic. Runs found for another picture (another
-// number of rows) are not used.
-void BlendFlatAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
-                 const FlatRuns& runs);
+// BlendAt and BlendRect of src through its runs: the same bytes for less
+// memory traffic. Runs found for a picture of another size are not used.
+void BlendRunsAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
+                 const PictureRuns& runs);
+void BlendRectRuns(const PictureView& dst, const RECT& dstRect, const ConstPictureView& src,
+                   const RECT& srcRect, const PictureRuns& runs);
 
 // As BlendRect but copies whatever the alpha: a 32-bit source gives B, G, R
 // (and A to a 32-bit destination); a 24-bit source gives B, G, R and alpha 255.

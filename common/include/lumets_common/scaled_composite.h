@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "lumets/win_types.h"
 #include "lumets_common/av_handles.h"
 #include "lumets_common/picture.h"
 #include "lumets_common/picture_limits.h"
+#include "lumets_common/pixel_ops.h"
 
 namespace lumets {
 
@@ -87,6 +89,10 @@ class CScaledCopy {
 // same sizes reuse the scaling context. The caller sets source to its
 // picture's version before each call (a new, non-zero one whenever the
 // picture changes); the call keeps the rest.
+//
+// A picture blended a second time unchanged (the source at its own size, or
+// the same scaled copy) is described by its runs (FindRuns), and from then on
+// blended through them while it stays.
 struct ScaledReuse {
     CScalerCache scaler;
     uint64_t source = 0;
@@ -96,6 +102,13 @@ struct ScaledReuse {
     int64_t columns = 0;
     int64_t firstRow = 0;
     int64_t rows = 0;
+    // Names the scaled buffer's pixels: new whenever they are scaled again.
+    uint64_t scaledVersion = 0;
+    // What was blended last and what runs describes, as (source version,
+    // scaled version or 0 for the source itself); source 0 names nothing.
+    std::pair<uint64_t, uint64_t> lastBlended{0, 0};
+    std::pair<uint64_t, uint64_t> runsOf{0, 0};
+    PictureRuns runs;
 };
 
 // source scaled by scale (through scaled, which only grows) and blended into
