@@ -611,6 +611,72 @@ TEST(ScaledComposite, TheVisiblePartMatchesScalingTheWhole) {
     }
 }
 
+// A picture kept through ScaledReuse is blended through its runs from its
+// second unchanged blend on: every blend, moved, clipped, rescaled or after
+// the picture changed, gives the bytes of a blend without reuse.
+TEST(ScaledComposite, ReusedPicturesBlendAsWithoutReuse) {
+    std::mt19937 rng(5);
+    PixelBuffer source;
+    EnsureScalable(source, 300, 40);
+    source.width = 300;
+    source.height = 40;
+    const auto paint = [&] {
+        for (size_t i = 0; i < size_t{300} * 40; ++i) {
+            const uint32_t v = static_cast<uint32_t>(rng());
+            // Mostly transparent, in stretches, with strokes of any alpha.
+            const bool shows = (i % 300) / 20 % 3 == 0 || v % 7 == 0;
+            const uint32_t pixel = shows ? v : (v & 0xFFFFFFu);
+            std::memcpy(source.Data() + i * 4, &pixel, 4);
+        }
+    };
+    paint();
+    ScaledReuse reuse;
+    reuse.source = 1;
+    PixelBuffer scaled;
+    PixelBuffer plainScaled;
+    Frame frame(320, 60);
+    Frame plain(320, 60);
+    const struct {
+        float scale;
+        POINT pos;
+        RECT clip;
+        bool repaint;
+    } steps[] = {
+        {1.0f, {5, 3}, {0, 0, 320, 60}, false},
+        {1.0f, {5, 3}, {0, 0, 320, 60}, false},
+        {1.0f, {-7, 9}, {10, 0, 250, 60}, false},
+        {1.0f, {40, 30}, {0, 0, 320, 60}, true},
+        {1.5f, {2, 1}, {0, 0, 320, 60}, false},
+        {1.5f, {2, 1}, {0, 0, 320, 60}, false},
+        {1.5f, {-30, 5}, {5, 5, 300, 50}, false},
+        {1.5f, {2, 1}, {0, 0, 320, 60}, true},
+        {1.5f, {2, 1}, {0, 0, 320, 60}, false},
+        {0.7f, {0, 0}, {0, 0, 320, 60}, false},
+        {0.7f, {0, 0}, {0, 0, 320, 60}, false},
+        {1.0f, {5, 3}, {0, 0, 320, 60}, false},
+        // Taller than the frame: parts of one size from other rows.
+        {2.0f, {0, -5}, {0, 0, 320, 60}, false},
+        {2.0f, {0, -5}, {0, 0, 320, 60}, false},
+        {2.0f, {0, -8}, {0, 0, 320, 60}, false},
+        {2.0f, {0, -8}, {0, 0, 320, 60}, false},
+    };
+    // Scaled whole, then (a limit of one pixel) only in the part that shows.
+    for (const int64_t wholeLimit : {kMaxPicturePixels, int64_t{1}}) {
+        for (const auto& step : steps) {
+            if (step.repaint) {
+                paint();
+                ++reuse.source;
+            }
+            BlendScaledIntoFrame(source, scaled, frame.View(), step.clip, step.pos, step.scale,
+                                 nullptr, &reuse, wholeLimit);
+            BlendScaledIntoFrame(source, plainScaled, plain.View(), step.clip, step.pos, step.scale,
+                                 nullptr, nullptr, wholeLimit);
+            ASSERT_EQ(frame.bytes, plain.bytes) << step.scale << " at " << step.pos.x;
+        }
+        EXPECT_NE(reuse.runsOf.first, 0u);
+    }
+}
+
 TEST(ScaledComposite, NothingHappensForDegenerateInput) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
