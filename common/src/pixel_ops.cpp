@@ -257,8 +257,20 @@ bool RunsDescribe(const PictureRuns& runs, const Picture& s) {
            runs.rowStarts.size() == static_cast<size_t>(s.height) + 1;
 }
 
+// The rows of a rectangle operation, a blend through the source's runs when
+// they describe it.
+void RunSpans(const PixelKernels& kernels, Operation op, uint8_t* dst, const Picture& d,
+              const Span& dRect, const uint8_t* src, const Picture& s, const Span& sRect,
+              const PictureRuns* runs) {
+    if (runs != nullptr && op == Operation::Blend && RunsDescribe(*runs, s)) {
+        RunRowsOfRuns(kernels, dst, d, dRect, s, sRect, *runs);
+    } else {
+        RunRows(kernels, op, dst, d, dRect, src, s, sRect);
+    }
+}
+
 void RunRect(const PixelKernels& kernels, Operation op, const PictureView& dst, const RECT& dstRect,
-             const ConstPictureView& src, const RECT& srcRect) {
+             const ConstPictureView& src, const RECT& srcRect, const PictureRuns* runs = nullptr) {
     Picture d;
     Picture s;
     if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
@@ -266,7 +278,21 @@ void RunRect(const PixelKernels& kernels, Operation op, const PictureView& dst, 
     }
     const Span dRect = ClampSpan(dstRect.left, dstRect.top, dstRect.right, dstRect.bottom, d);
     const Span sRect = ClampSpan(srcRect.left, srcRect.top, srcRect.right, srcRect.bottom, s);
-    RunRows(kernels, op, dst.data, d, dRect, src.data, s, sRect);
+    RunSpans(kernels, op, dst.data, d, dRect, src.data, s, sRect, runs);
+}
+
+void RunAt(const PixelKernels& kernels, const PictureView& dst, POINT pos,
+           const ConstPictureView& src, const PictureRuns* runs = nullptr) {
+    Picture d;
+    Picture s;
+    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
+        return;
+    }
+    // pos + size may leave the 32-bit range; clamping the 64-bit sum gives
+    // what a wider RECT would have given.
+    const Span dRect = ClampSpan(pos.x, pos.y, pos.x + s.width, pos.y + s.height, d);
+    const Span sRect = {0, 0, s.width, s.height};
+    RunSpans(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect, runs);
 }
 
 }  // namespace
@@ -305,16 +331,7 @@ void BlendRectWith(const PixelKernels& kernels, const PictureView& dst, const RE
 
 void BlendAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
                  const ConstPictureView& src) {
-    Picture d;
-    Picture s;
-    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
-        return;
-    }
-    // pos + size may leave the 32-bit range; clamping the 64-bit sum gives
-    // what a wider RECT would have given.
-    const Span dRect = ClampSpan(pos.x, pos.y, pos.x + s.width, pos.y + s.height, d);
-    const Span sRect = {0, 0, s.width, s.height};
-    RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect);
+    RunAt(kernels, dst, pos, src);
 }
 
 void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
@@ -324,34 +341,12 @@ void CopyRectPixelsWith(const PixelKernels& kernels, const PictureView& dst, con
 
 void BlendRunsAtWith(const PixelKernels& kernels, const PictureView& dst, POINT pos,
                      const ConstPictureView& src, const PictureRuns& runs) {
-    Picture d;
-    Picture s;
-    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
-        return;
-    }
-    const Span dRect = ClampSpan(pos.x, pos.y, pos.x + s.width, pos.y + s.height, d);
-    const Span sRect = {0, 0, s.width, s.height};
-    if (RunsDescribe(runs, s)) {
-        RunRowsOfRuns(kernels, dst.data, d, dRect, s, sRect, runs);
-    } else {
-        RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect);
-    }
+    RunAt(kernels, dst, pos, src, &runs);
 }
 
 void BlendRectRunsWith(const PixelKernels& kernels, const PictureView& dst, const RECT& dstRect,
                        const ConstPictureView& src, const RECT& srcRect, const PictureRuns& runs) {
-    Picture d;
-    Picture s;
-    if (!DescribePicture(dst, &d) || !DescribePicture(src, &s)) {
-        return;
-    }
-    const Span dRect = ClampSpan(dstRect.left, dstRect.top, dstRect.right, dstRect.bottom, d);
-    const Span sRect = ClampSpan(srcRect.left, srcRect.top, srcRect.right, srcRect.bottom, s);
-    if (RunsDescribe(runs, s)) {
-        RunRowsOfRuns(kernels, dst.data, d, dRect, s, sRect, runs);
-    } else {
-        RunRows(kernels, Operation::Blend, dst.data, d, dRect, src.data, s, sRect);
-    }
+    RunRect(kernels, Operation::Blend, dst, dstRect, src, srcRect, &runs);
 }
 
 void BlendRunsAt(const PictureView& dst, POINT pos, const ConstPictureView& src,
