@@ -25,6 +25,7 @@
 #include <mutex>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "lumets/time_source.h"
 
@@ -38,6 +39,15 @@ inline constexpr uint64_t kMaxVirtualMs = static_cast<uint64_t>(INT64_MAX);
 // The waits on one object (an event, a thread's end), first come first served.
 using WaitQueue = std::deque<Waiter*>;
 
+// What a library thread's timed wait in virtual time blocks on instead of a
+// condition variable: a flag of the thread's own, shared, so that the driver
+// may raise it after letting the scheduler's mutex go. A whole instant's
+// waits then wake without each woken thread queueing for that mutex behind
+// the driver.
+struct WakeFlag {
+    std::atomic<uint32_t> raised{0};
+};
+
 // One blocked wait; lives on the waiting thread's stack for the wait's duration.
 struct Waiter {
     std::condition_variable ownCv;
@@ -45,6 +55,7 @@ struct Waiter {
     // host threads in virtual mode share the scheduler's host one, because they
     // also wait for the library threads to settle.
     std::condition_variable* cv = &ownCv;
+    std::shared_ptr<WakeFlag> flag;  // set while the wait blocks on it
     WaitQueue* queue = nullptr;
     uint64_t deadline = 0;  // virtual milliseconds, when inTimeline
     uint64_t seq = 0;       // registration order: ties at one deadline wake first come first
@@ -105,10 +116,13 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     // thread of another one is a host thread here: nothing counts it.
     bool OwnsCallingThread() const;
     void Wake(Waiter& w, bool signalled);
+    // Wake without telling the waiter: the caller raises what it returns, if
+    // anything, or w.cv has been notified.
+    std::shared_ptr<WakeFlag> MarkWoken(Waiter& w, bool signalled);
     void Unlink(Waiter& w);
-    // Moves the clock to the earliest deadline and wakes every wait due then;
-    // the timeline must not be empty.
-    void WakeNextDue();
+    // Moves the clock to the earliest deadline and wakes every wait due then,
+    // raising their flags with lk let go; the timeline must not be empty.
+    void WakeNextDue(std::unique_lock<std::mutex>& lk);
     void LeaveRunnable();
     void SetNow(uint64_t now);
     // Drives virtual time towards target as AdvanceBy does; stops early when own
@@ -135,6 +149,8 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     std::atomic<int64_t> m_runnable{0};
     uint64_t m_nextSeq = 0;
     bool m_driving = false;
+    // The flags WakeNextDue raises outside the lock; only the driver touches it.
+    std::vector<std::shared_ptr<WakeFlag>> m_raising;
     // Blocked virtual waits with a deadline, earliest first, ties in registration order.
     std::map<std::pair<uint64_t, uint64_t>, Waiter*> m_timeline;
 };

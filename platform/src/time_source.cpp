@@ -1,5 +1,9 @@
 #include "lumets/time_source.h"
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -90,16 +94,46 @@ void Scheduler::Unlink(Waiter& w) {
     }
 }
 
-void Scheduler::Wake(Waiter& w, bool signalled) {
+std::shared_ptr<WakeFlag> Scheduler::MarkWoken(Waiter& w, bool signalled) {
     w.woken = true;
     w.signalled = signalled;
     Unlink(w);
     if (w.library) {
         ++m_runnable;
     }
+    if (w.flag) {
+        return w.flag;
+    }
     // Notified under the lock: the condition variable may live on the waiter's
     // stack, which it leaves as soon as it can take the lock.
     w.cv->notify_all();
+    return nullptr;
+}
+
+namespace {
+// A futex of its own rather than the atomic's wait, which spins and yields
+// before it blocks: with a frame's worth of threads woken at once, those
+// yields only hand the core from one woken thread to the next.
+long Futex(std::atomic<uint32_t>& word, int op, uint32_t value) {
+    return syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), op, value, nullptr, nullptr, 0);
+}
+
+void Raise(WakeFlag& flag) {
+    flag.raised.store(1, std::memory_order_release);
+    Futex(flag.raised, FUTEX_WAKE_PRIVATE, 1);
+}
+
+void AwaitRaise(WakeFlag& flag) {
+    while (flag.raised.load(std::memory_order_acquire) == 0) {
+        Futex(flag.raised, FUTEX_WAIT_PRIVATE, 0);
+    }
+}
+}  // namespace
+
+void Scheduler::Wake(Waiter& w, bool signalled) {
+    if (const std::shared_ptr<WakeFlag> flag = MarkWoken(w, signalled)) {
+        Raise(*flag);
+    }
 }
 
 bool Scheduler::SignalOne(WaitQueue& queue) {
@@ -157,10 +191,18 @@ bool Scheduler::Wait(std::unique_lock<std::mutex>& lk, WaitQueue* queue,
     if (!limitMs) {
         w.cv->wait(lk, woken);
     } else if (isVirtual) {
+        // Only library threads get here: a host thread drives time instead.
+        // The flag is the thread's own for life; the raise of its last wait
+        // has happened, since that wait has returned.
+        thread_local const std::shared_ptr<WakeFlag> t_flag = std::make_shared<WakeFlag>();
+        t_flag->raised.store(0, std::memory_order_relaxed);
+        w.flag = t_flag;
         w.deadline = NowMs() + *limitMs;
         m_timeline.emplace(std::make_pair(w.deadline, w.seq), &w);
         w.inTimeline = true;
-        w.cv->wait(lk, woken);
+        lk.unlock();
+        AwaitRaise(*t_flag);
+        lk.lock();
     } else {
         const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(*limitMs);
         if (!w.cv->wait_until(lk, until, woken)) {
@@ -219,7 +261,7 @@ void Scheduler::RunTo(std::unique_lock<std::mutex>& lk, uint64_t target, const W
             SetNow(target);
             return;
         }
-        WakeNextDue();
+        WakeNextDue(lk);
     }
 }
 
@@ -228,12 +270,27 @@ void Scheduler::RunTo(std::unique_lock<std::mutex>& lk, uint64_t target, const W
 // any later wait times out. Those due together run together, as they would
 // in real time; a frame's worth of items stepping at one instant then costs
 // a wake-up each on whichever core is free rather than a round trip each.
-void Scheduler::WakeNextDue() {
+void Scheduler::WakeNextDue(std::unique_lock<std::mutex>& lk) {
     const uint64_t due = m_timeline.begin()->first.first;
     SetNow(due);
+    m_raising.clear();
     while (!m_timeline.empty() && m_timeline.begin()->first.first == due) {
-        Wake(*m_timeline.begin()->second, false);
+        if (std::shared_ptr<WakeFlag> flag = MarkWoken(*m_timeline.begin()->second, false)) {
+            m_raising.push_back(std::move(flag));
+        }
     }
+    if (m_raising.empty()) {
+        return;
+    }
+    // Raised with the lock let go, so a woken thread finds it free. The
+    // waits stay counted runnable meanwhile, so nothing settles early; only
+    // the driver, one at a time, touches m_raising.
+    lk.unlock();
+    for (const std::shared_ptr<WakeFlag>& flag : m_raising) {
+        Raise(*flag);
+    }
+    m_raising.clear();
+    lk.lock();
 }
 
 // A timed wait on a host thread in virtual mode: nobody else may ever advance
@@ -280,7 +337,7 @@ bool Scheduler::DriveUntilWoken(std::unique_lock<std::mutex>& lk, Waiter& w) {
             if (!IsVirtual() || w.woken || m_timeline.empty()) {
                 break;
             }
-            WakeNextDue();
+            WakeNextDue(lk);
         }
         ReleaseDriver();
         m_hostCv.wait(lk, [&] {
