@@ -6,7 +6,10 @@
 // later SSE instruction several times over.
 //
 // Division by 255: for x in [0, 65025], x / 255 truncated is
-// mulhi(x, 0x8081) >> 7 (exact for every 16-bit x). Alpha 0 and 255 fall out
+// mulhi(x + 1, 257), the high half of (x + 1) * 257: with x = 255q + r the
+// product is 65536q + 257 - q + 257r, whose high half is q for every q up to
+// 255 and r up to 254. The + 1 rides on a constant the sum adds anyway, so
+// the division is one multiply. Alpha 0 and 255 fall out
 // of the blend formula unchanged (D and S), so a mixed block needs no
 // per-pixel branches; whole blocks of alpha 0 are skipped and whole blocks of
 // alpha 255 copied.
@@ -15,7 +18,7 @@
 // - 16-pixel steps work on 4-byte pixels: with w = (255 - a, a) as unsigned
 //   bytes and p = (D - 128, S - 128) as signed bytes, pmaddubsw gives
 //   (255 - a) * D + a * S - 128 * 255 exactly (the sum lies in
-//   [-32640, 32385], so it never saturates); adding 32640 gives x.
+//   [-32640, 32385], so it never saturates); adding 32641 gives x + 1.
 // - the 32-pixel steps of the main path (32-bit into 24-bit) first pack colour
 //   and alpha into the 24-bit layout and mix there, even and odd bytes widened
 //   by masks and shifts: fewer bytes to mix, and the shuffle unit, the
@@ -86,12 +89,12 @@ LUMETS_AVX2_INLINE __m256i Blend8(__m256i d, __m256i s) {
     const __m256i bias = _mm256_set1_epi8(static_cast<char>(0x80));
     const __m256i ds = _mm256_xor_si256(d, bias);
     const __m256i ss = _mm256_xor_si256(s, bias);
-    const __m256i offset = _mm256_set1_epi16(128 * 255);
-    const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
+    const __m256i offset = _mm256_set1_epi16(128 * 255 + 1);
+    const __m256i magic = _mm256_set1_epi16(257);
     __m256i lo = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(inv, a), _mm256_unpacklo_epi8(ds, ss));
     __m256i hi = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(inv, a), _mm256_unpackhi_epi8(ds, ss));
-    lo = _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(lo, offset), magic), 7);
-    hi = _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(hi, offset), magic), 7);
+    lo = _mm256_mulhi_epu16(_mm256_add_epi16(lo, offset), magic);
+    hi = _mm256_mulhi_epu16(_mm256_add_epi16(hi, offset), magic);
     return _mm256_packus_epi16(lo, hi);
 }
 
@@ -121,12 +124,12 @@ LUMETS_AVX2_INLINE Row96 PackBytes96(const __m256i (&s)[4], __m256i pattern) {
 LUMETS_AVX2_INLINE __m256i Mix32Bytes(__m256i d, __m256i s, __m256i a) {
     // Colour bytes moved into the signed range (c - 128): one multiply-add of
     // the unsigned weights (255 - a, a) by the byte pair (d, s) gives
-    // (255 - a) * d + a * s - 32640 without saturating; adding 32640 back
-    // leaves the exact sum in [0, 65025] for the exact division by 255.
+    // (255 - a) * d + a * s - 32640 without saturating; adding 32641 leaves
+    // the exact sum, plus one, for the exact division by 255.
     // Unpacking and packing stay within 128-bit lanes, so the order returns.
     const __m256i bias = _mm256_set1_epi8(static_cast<char>(0x80));
-    const __m256i offset = _mm256_set1_epi16(32640);
-    const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
+    const __m256i offset = _mm256_set1_epi16(32641);
+    const __m256i magic = _mm256_set1_epi16(257);
     const __m256i ds = _mm256_xor_si256(d, bias);
     const __m256i ss = _mm256_xor_si256(s, bias);
     const __m256i inverse = _mm256_xor_si256(a, _mm256_set1_epi8(static_cast<char>(0xFF)));
@@ -136,8 +139,8 @@ LUMETS_AVX2_INLINE __m256i Mix32Bytes(__m256i d, __m256i s, __m256i a) {
     const __m256i sumHigh = _mm256_add_epi16(
         _mm256_maddubs_epi16(_mm256_unpackhi_epi8(inverse, a), _mm256_unpackhi_epi8(ds, ss)),
         offset);
-    return _mm256_packus_epi16(_mm256_srli_epi16(_mm256_mulhi_epu16(sumLow, magic), 7),
-                               _mm256_srli_epi16(_mm256_mulhi_epu16(sumHigh, magic), 7));
+    return _mm256_packus_epi16(_mm256_mulhi_epu16(sumLow, magic),
+                               _mm256_mulhi_epu16(sumHigh, magic));
 }
 
 LUMETS_AVX2 void Blend32To24(uint8_t* dst, const uint8_t* src, size_t count) {
@@ -360,7 +363,8 @@ LUMETS_AVX2 void BlendColourRow(uint8_t* dst, uint32_t bgra, size_t count) {
     // The bytes that are not mixed: a 4-byte pixel's fourth.
     const __m256i fourth = Step == 4 ? AlphaMask() : zero;
     const __m256i weight = _mm256_set1_epi16(static_cast<int16_t>(255 - a));
-    const __m256i magic = _mm256_set1_epi16(static_cast<int16_t>(0x8081));
+    const __m256i magic = _mm256_set1_epi16(257);
+    const __m256i one = _mm256_set1_epi16(1);
     __m256i fill[kPieces];
     __m256i shareLow[kPieces];
     __m256i shareHigh[kPieces];
@@ -371,8 +375,11 @@ LUMETS_AVX2 void BlendColourRow(uint8_t* dst, uint32_t bgra, size_t count) {
                                   colour, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(
                                               kRepeat3[k].data())));
         const __m256i alpha = _mm256_set1_epi16(static_cast<int16_t>(a));
-        shareLow[k] = _mm256_mullo_epi16(_mm256_unpacklo_epi8(fill[k], zero), alpha);
-        shareHigh[k] = _mm256_mullo_epi16(_mm256_unpackhi_epi8(fill[k], zero), alpha);
+        // c * a + 1: the division's + 1 rides on the colour's share.
+        shareLow[k] =
+            _mm256_add_epi16(_mm256_mullo_epi16(_mm256_unpacklo_epi8(fill[k], zero), alpha), one);
+        shareHigh[k] =
+            _mm256_add_epi16(_mm256_mullo_epi16(_mm256_unpackhi_epi8(fill[k], zero), alpha), one);
     }
     constexpr ColourKernel PixelKernels::*kScalar =
         Step == 3 ? (Swap ? &PixelKernels::blendColourToRgb24 : &PixelKernels::blendColourTo24)
@@ -390,10 +397,13 @@ LUMETS_AVX2 void BlendColourRow(uint8_t* dst, uint32_t bgra, size_t count) {
                     _mm256_mullo_epi16(_mm256_unpacklo_epi8(d, zero), weight), shareLow[k]);
                 const __m256i high = _mm256_add_epi16(
                     _mm256_mullo_epi16(_mm256_unpackhi_epi8(d, zero), weight), shareHigh[k]);
-                out = _mm256_packus_epi16(_mm256_srli_epi16(_mm256_mulhi_epu16(low, magic), 7),
-                                          _mm256_srli_epi16(_mm256_mulhi_epu16(high, magic), 7));
+                out = _mm256_packus_epi16(_mm256_mulhi_epu16(low, magic),
+                                          _mm256_mulhi_epu16(high, magic));
             }
-            _mm256_storeu_si256(at, _mm256_blendv_epi8(out, Own ? fill[k] : d, fourth));
+            if constexpr (Step == 4) {
+                out = _mm256_blendv_epi8(out, Own ? fill[k] : d, fourth);
+            }
+            _mm256_storeu_si256(at, out);
         }
     }
     _mm256_zeroupper();

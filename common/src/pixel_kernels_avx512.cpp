@@ -45,13 +45,13 @@ constexpr std::array<std::array<uint8_t, 64>, 6> kPack = {
 // ((255 - a) * d + s * a) / 255 for 64 bytes at once. The colour bytes are
 // moved into the signed range (c - 128) so that one multiply-add of unsigned
 // weights by signed bytes forms (255 - a) * d + a * s - 32640 for each byte
-// pair without saturating; adding 32640 back gives the exact sum in
-// [0, 65025], which mulhi(x, 0x8081) >> 7 divides by 255 exactly. Unpacking
+// pair without saturating; adding 32641 gives the exact sum x in [0, 65025]
+// plus one, which mulhi(x + 1, 257) divides by 255 exactly. Unpacking
 // and packing work within 128-bit lanes, so the byte order comes back as it was.
 LUMETS_AVX512_INLINE __m512i Mix64Bytes(__m512i d, __m512i s, __m512i a) {
     const __m512i bias = _mm512_set1_epi8(static_cast<char>(0x80));
-    const __m512i offset = _mm512_set1_epi16(32640);
-    const __m512i magic = _mm512_set1_epi16(static_cast<int16_t>(0x8081));
+    const __m512i offset = _mm512_set1_epi16(32641);
+    const __m512i magic = _mm512_set1_epi16(257);
     const __m512i ds = _mm512_xor_si512(d, bias);
     const __m512i ss = _mm512_xor_si512(s, bias);
     const __m512i inverse = _mm512_xor_si512(a, _mm512_set1_epi8(static_cast<char>(0xFF)));
@@ -61,8 +61,8 @@ LUMETS_AVX512_INLINE __m512i Mix64Bytes(__m512i d, __m512i s, __m512i a) {
     const __m512i weightsHigh = _mm512_unpackhi_epi8(inverse, a);
     const __m512i sumLow = _mm512_add_epi16(_mm512_maddubs_epi16(weightsLow, pixelsLow), offset);
     const __m512i sumHigh = _mm512_add_epi16(_mm512_maddubs_epi16(weightsHigh, pixelsHigh), offset);
-    const __m512i low = _mm512_srli_epi16(_mm512_mulhi_epu16(sumLow, magic), 7);
-    const __m512i high = _mm512_srli_epi16(_mm512_mulhi_epu16(sumHigh, magic), 7);
+    const __m512i low = _mm512_mulhi_epu16(sumLow, magic);
+    const __m512i high = _mm512_mulhi_epu16(sumHigh, magic);
     return _mm512_packus_epi16(low, high);
 }
 

@@ -84,12 +84,12 @@ LUMETS_SSE41_INLINE __m128i Blend4(__m128i d, __m128i s) {
     const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
     const __m128i ds = _mm_xor_si128(d, bias);
     const __m128i ss = _mm_xor_si128(s, bias);
-    const __m128i offset = _mm_set1_epi16(128 * 255);
-    const __m128i magic = _mm_set1_epi16(static_cast<int16_t>(0x8081));
+    const __m128i offset = _mm_set1_epi16(128 * 255 + 1);
+    const __m128i magic = _mm_set1_epi16(257);
     __m128i lo = _mm_maddubs_epi16(_mm_unpacklo_epi8(inv, a), _mm_unpacklo_epi8(ds, ss));
     __m128i hi = _mm_maddubs_epi16(_mm_unpackhi_epi8(inv, a), _mm_unpackhi_epi8(ds, ss));
-    lo = _mm_srli_epi16(_mm_mulhi_epu16(_mm_add_epi16(lo, offset), magic), 7);
-    hi = _mm_srli_epi16(_mm_mulhi_epu16(_mm_add_epi16(hi, offset), magic), 7);
+    lo = _mm_mulhi_epu16(_mm_add_epi16(lo, offset), magic);
+    hi = _mm_mulhi_epu16(_mm_add_epi16(hi, offset), magic);
     return _mm_packus_epi16(lo, hi);
 }
 
