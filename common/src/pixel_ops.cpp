@@ -408,6 +408,7 @@ PictureRuns FindRuns(const ConstPictureView& picture, std::optional<uint32_t> fl
                 const bool joins = runs.runs.size() > runs.rowStarts.back() &&
                                    !runs.runs.back().flat && runs.runs.back().end >= x - kRunJoin;
                 if (!joins) {
+                    runs.pixels.resize((runs.pixels.size() + 15) / 16 * 16);
                     runs.runs.push_back({static_cast<int32_t>(x), static_cast<int32_t>(x), false,
                                          runs.pixels.size()});
                 }

@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -40,6 +41,21 @@ void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src);
 // the destination as it is. A span is either one colour (a plate's flat
 // middle, blended without reading a source) or pixels, kept packed one span
 // after another so that a blend reads only what can show.
+// An allocator whose blocks start on a 64-byte line: a span whose packed
+// pixels start on one loads them a cache line at a time.
+template <typename T>
+struct LineAllocator {
+    using value_type = T;
+    LineAllocator() = default;
+    template <typename U>
+    LineAllocator(const LineAllocator<U>& /*other*/) {}
+    T* allocate(size_t n) {
+        return static_cast<T*>(::operator new (n * sizeof(T), std::align_val_t{64}));
+    }
+    void deallocate(T* p, size_t /*n*/) { ::operator delete (p, std::align_val_t{64}); }
+    bool operator==(const LineAllocator& /*other*/) const { return true; }
+};
+
 struct PictureRuns {
     struct Run {
         int32_t begin = 0;
@@ -53,7 +69,8 @@ struct PictureRuns {
     std::vector<Run> runs;
     // height + 1 entries: the runs of row m are [rowStarts[m], rowStarts[m + 1]).
     std::vector<size_t> rowStarts;
-    std::vector<uint32_t> pixels;  // B, G, R, A
+    // B, G, R, A; each span's pixels start on a 64-byte line.
+    std::vector<uint32_t, LineAllocator<uint32_t>> pixels;
 };
 
 // A picture's runs: pieces of kRunPiece pixels whose alphas are all 0 are
