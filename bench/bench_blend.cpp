@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -35,19 +34,7 @@ constexpr size_t kTouchedBytes = static_cast<size_t>(kOverlayW) * kOverlayH * 3;
 
 // Every buffer starts on a 64-byte line: where the allocator happens to put
 // a frame otherwise moves these figures by a tenth from run to run.
-template <typename T>
-struct LineAligned {
-    using value_type = T;
-    LineAligned() = default;
-    template <typename U>
-    LineAligned(const LineAligned<U>& /*other*/) {}
-    T* allocate(size_t n) {
-        return static_cast<T*>(::operator new (n * sizeof(T), std::align_val_t{64}));
-    }
-    void deallocate(T* p, size_t /*n*/) { ::operator delete (p, std::align_val_t{64}); }
-    bool operator==(const LineAligned& /*other*/) const { return true; }
-};
-using Bytes = std::vector<uint8_t, LineAligned<uint8_t>>;
+using Bytes = std::vector<uint8_t, LineAllocator<uint8_t>>;
 
 struct Overlay {
     Bytes pixels;  // 32-bit B, G, R, A
