@@ -9,10 +9,9 @@
 // mulhi(x + 1, 257), the high half of (x + 1) * 257: with x = 255q + r the
 // product is 65536q + 257 - q + 257r, whose high half is q for every q up to
 // 255 and r up to 254. The + 1 rides on a constant the sum adds anyway, so
-// the division is one multiply. Alpha 0 and 255 fall out
-// of the blend formula unchanged (D and S), so a mixed block needs no
-// per-pixel branches; whole blocks of alpha 0 are skipped and whole blocks of
-// alpha 255 copied.
+// the division is one multiply. Alpha 0 and 255 fall out of the blend
+// formula unchanged (D and S), so a mixed block needs no per-pixel branches;
+// whole blocks of alpha 0 are skipped and whole blocks of alpha 255 copied.
 //
 // Two forms of the weighted sum:
 // - 16-pixel steps work on 4-byte pixels: with w = (255 - a, a) as unsigned
@@ -20,9 +19,9 @@
 //   (255 - a) * D + a * S - 128 * 255 exactly (the sum lies in
 //   [-32640, 32385], so it never saturates); adding 32641 gives x + 1.
 // - the 32-pixel steps of the main path (32-bit into 24-bit) first pack colour
-//   and alpha into the 24-bit layout and mix there, even and odd bytes widened
-//   by masks and shifts: fewer bytes to mix, and the shuffle unit, the
-//   bottleneck of the first form, only packs.
+//   and alpha into the 24-bit layout and mix there with the same
+//   multiply-add: fewer bytes to mix, and the shuffle unit, the bottleneck of
+//   the first form, only packs.
 #include <immintrin.h>
 
 #include <array>

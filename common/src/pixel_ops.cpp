@@ -17,6 +17,8 @@ namespace {
 constexpr uint64_t kMaxU32 = std::numeric_limits<uint32_t>::max();
 // Gaps narrower than this between the spans of a picture's runs are kept.
 constexpr int64_t kRunJoin = 64;
+// Pixels to a 64-byte line: each span's packed pixels start on one.
+constexpr size_t kLinePixels = 64 / sizeof(uint32_t);
 
 // A picture's geometry as the row loop needs it. Sizes are checked so that
 // every address computed from them fits the 32-bit buffer sizes the owners
@@ -408,7 +410,8 @@ PictureRuns FindRuns(const ConstPictureView& picture, std::optional<uint32_t> fl
                 const bool joins = runs.runs.size() > runs.rowStarts.back() &&
                                    !runs.runs.back().flat && runs.runs.back().end >= x - kRunJoin;
                 if (!joins) {
-                    runs.pixels.resize((runs.pixels.size() + 15) / 16 * 16);
+                    runs.pixels.resize((runs.pixels.size() + kLinePixels - 1) / kLinePixels *
+                                       kLinePixels);
                     runs.runs.push_back({static_cast<int32_t>(x), static_cast<int32_t>(x), false,
                                          runs.pixels.size()});
                 }

@@ -216,7 +216,8 @@ void BlendScaledIntoFrame(const PixelBuffer& source, PixelBuffer& scaled, const 
 
     ConstPictureView picture = source.View();
     POINT at = p;
-    if (source.width != sw || source.height != sh) {
+    const bool rescaled = source.width != sw || source.height != sh;
+    if (rescaled) {
         if (!HasScalerSlack(source)) {
             return;
         }
@@ -300,8 +301,7 @@ void BlendScaledIntoFrame(const PixelBuffer& source, PixelBuffer& scaled, const 
     }
     // A picture seen once may never be seen again (a part scaled for this
     // frame alone): its runs are found when it comes back unchanged.
-    const std::pair<uint64_t, uint64_t> blended{
-        reuse->source, picture.data == source.View().data ? 0 : reuse->scaledVersion};
+    const std::pair<uint64_t, uint64_t> blended{reuse->source, rescaled ? reuse->scaledVersion : 0};
     if (blended != reuse->runsOf && blended == reuse->lastBlended) {
         reuse->runs = FindRuns(picture);
         reuse->runsOf = blended;

@@ -319,9 +319,9 @@ bool Scheduler::DriveUntil(std::unique_lock<std::mutex>& lk, Waiter& w, uint32_t
 
 // An untimed wait on a host thread in virtual mode (joining a thread that
 // sleeps in steps, say) moves time on too, or it would block for ever. It
-// wakes the due waits, an instant at a time, until its own is woken; with nothing due and
-// nothing runnable only another host thread can end it, and it leaves time
-// alone until something is due again.
+// wakes the due waits, an instant at a time, until its own is woken; with
+// nothing due and nothing runnable only another host thread can end it, and
+// it leaves time alone until something is due again.
 bool Scheduler::DriveUntilWoken(std::unique_lock<std::mutex>& lk, Waiter& w) {
     w.cv = &m_hostCv;
     const auto woken = [&w] { return w.woken; };

@@ -35,12 +35,6 @@ void BlendRect(const PictureView& dst, const RECT& dstRect, const ConstPictureVi
 // BlendRect of the whole source with its top-left at pos (pos.y in memory rows).
 void BlendAt(const PictureView& dst, POINT pos, const ConstPictureView& src);
 
-// A 32-bit picture described once for the many times it is blended: in each
-// memory row (numbered bottom-up, as the blends pair them), the spans that
-// can show, left to right. Every pixel outside them has alpha 0 and leaves
-// the destination as it is. A span is either one colour (a plate's flat
-// middle, blended without reading a source) or pixels, kept packed one span
-// after another so that a blend reads only what can show.
 // An allocator whose blocks start on a 64-byte line: a span whose packed
 // pixels start on one loads them a cache line at a time.
 template <typename T>
@@ -56,6 +50,12 @@ struct LineAllocator {
     bool operator==(const LineAllocator& /*other*/) const { return true; }
 };
 
+// A 32-bit picture described once for the many times it is blended: in each
+// memory row (numbered bottom-up, as the blends pair them), the spans that
+// can show, left to right. Every pixel outside them has alpha 0 and leaves
+// the destination as it is. A span is either one colour (a plate's flat
+// middle, blended without reading a source) or pixels, kept packed one span
+// after another so that a blend reads only what can show.
 struct PictureRuns {
     struct Run {
         int32_t begin = 0;
